@@ -1,0 +1,52 @@
+# Two set-up commands matter: `make demo` and `make test` (see README.md).
+SHELL := /bin/bash
+JOBS ?= $(shell nproc)
+BUILD ?= build
+ASAN_BUILD ?= build-asan
+CROSS_BUILD ?= build-aarch64
+CMAKE_FLAGS ?= -DAM_WERROR=ON
+
+.PHONY: all setup build test test-host test-asan test-cross cross asan demo bench clean
+
+all: build
+
+setup:
+	bash scripts/setup
+
+$(BUILD)/CMakeCache.txt:
+	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
+
+build: $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) -j $(JOBS)
+
+asan:
+	cmake -S . -B $(ASAN_BUILD) $(CMAKE_FLAGS) -DAM_SANITIZE=ON -DAM_BUILD_SIM=OFF -DAM_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug
+	cmake --build $(ASAN_BUILD) -j $(JOBS)
+
+cross:
+	cmake -S . -B $(CROSS_BUILD) $(CMAKE_FLAGS) -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake -DAM_BUILD_SIM=OFF -DAM_BUILD_BENCH=OFF
+	cmake --build $(CROSS_BUILD) -j $(JOBS)
+
+test-host: build
+	cd $(BUILD) && ctest --output-on-failure -L unit -j $(JOBS)
+	cd $(BUILD) && ctest --output-on-failure -LE unit
+
+test-asan: asan
+	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -L unit -j $(JOBS)
+
+test-cross: cross
+	cd $(CROSS_BUILD) && ctest --output-on-failure -L unit -j $(JOBS)
+
+test: setup
+	$(MAKE) test-host
+	$(MAKE) test-asan
+	$(MAKE) test-cross
+
+demo: setup build
+	bash scripts/demo
+
+bench: build
+	bash scripts/bench
+
+clean:
+	rm -rf $(BUILD) $(ASAN_BUILD) $(CROSS_BUILD)
