@@ -1,0 +1,238 @@
+// One PCM engine: the record that drives one capture stream (local input to network) or one
+// playback stream (network to local output), its defaults, the opening and closing of the ALSA
+// device and the hardware/software parameter negotiation, the capture-to-network sender, the
+// network-to-playback receiver, xrun recovery and the buffer-level clock steering.
+#pragma once
+
+#include <alsa/asoundlib.h>
+#include <netinet/in.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdio>
+#include <ctime>
+
+#include "qb_audio_oper_packet.h"
+#include "qb_types.h"
+
+class CAudioBuf;
+
+// Size of the PCM staging buffer and of the datagram buffer at open.
+inline constexpr size_t QB_AUDIO_BUF_DEFAULT_SIZE = 196608;
+// Chunk size in frames before negotiation.
+inline constexpr snd_pcm_uframes_t QB_AUDIO_DEFAULT_CHUNK_SIZE = 2048;
+// UDP port of every network audio stream.
+inline constexpr int QB_AUDIO_NET_PORT = 59300;
+// Receive slot of one datagram in the datagram buffer.
+inline constexpr size_t QB_AUDIO_RX_SLOT_SIZE = 2048;
+// Largest gap in bytes that is bridged with silence; a larger one ends the run.
+inline constexpr qb_u32_t QB_AUDIO_MAX_BRIDGED_LOSS = 5120;
+// Entries of the latency sample history.
+inline constexpr size_t QB_AUDIO_LATENCY_HISTORY = 100;
+// Send and receive socket buffer sizes.
+inline constexpr int QB_AUDIO_SOCK_BUF_SIZE = 8388608;
+
+typedef struct qb_audio_oper_hwparam_t {
+  snd_pcm_format_t format;
+  unsigned int channels;
+  unsigned int rate;
+} qb_audio_oper_hwparam_t;
+
+typedef enum {
+  MCLK_STATE_CHECK = 0,
+  MCLK_STATE_DEC = 1,
+  MCLK_STATE_INC = 2,
+  MCLK_STATE_RESET = 3,
+} MCLK_STATE_E;
+
+typedef struct qb_audio_oper_ctrl_t {
+  // Role
+  const char* command;
+  const char* pcm_name;
+  snd_pcm_t* handle;
+  // Format
+  qb_audio_oper_hwparam_t hwparams;
+  qb_audio_oper_hwparam_t rhwparams;
+  // Limits
+  int timelimit;
+  int sampleslimit;
+  int quiet_mode;
+  int file_type;
+  // Modes
+  int open_mode;
+  snd_pcm_stream_t stream;
+  int mmap_flag;
+  int interleaved;
+  int nonblock;
+  // Stop flag: any thread sets it to 1 to end the current run; the engine loop polls it.
+  std::atomic<int> in_aborting;
+  // Buffers
+  qb_u8_t* audiobuf;
+  unsigned int audiobuf_datalen;
+  qb_u8_t* net_audiobuf;
+  // Timing
+  snd_pcm_uframes_t chunk_size;
+  unsigned int period_time;
+  unsigned int buffer_time;
+  unsigned int max_buffer_time;
+  snd_pcm_uframes_t period_frames;
+  snd_pcm_uframes_t buffer_frames;
+  int avail_min;
+  int start_delay;
+  int stop_delay;
+  // Device facts
+  int monotonic;
+  int interactive;
+  int can_pause;
+  int fatal_errors;
+  int verbose;
+  int vumeter;
+  int buffer_pos;
+  // Sample geometry
+  size_t significant_bits_per_sample;
+  size_t bits_per_sample;
+  size_t bits_per_frame;
+  size_t chunk_bytes;
+  // Position test
+  int test_position;
+  int test_coef;
+  int test_nowait;
+  // Diagnostics
+  snd_output_t* log;
+  // File options
+  long long max_file_size;
+  int max_file_time;
+  int use_strftime;
+  int recycle_capture_file;
+  int term_c_lflag;
+  int dump_hw_params;
+  int fd;
+  long long pbrec_count;
+  int fdcount;
+  int vocmajor;
+  int vocminor;
+  // Network
+  const char* audio_net_addr;
+  int audio_tx;
+  int tx_fd;
+  int rx_fd;
+  struct sockaddr_in svr_addr;
+  int net_port;
+  int audio_group_ip;
+  // Stream identity
+  int file_param;
+  int file_param_num;
+  // Process file
+  const char* pidfile_name;
+  int pidf;
+  int pidfile_written;
+  void* channel_map;
+  int* hw_map;
+  // Header
+  audio_transport_head_t audio_info_head;
+  // Position statistics
+  long counter;
+  time_t tmr;
+  time_t now;
+  float availsum;
+  float delaysum;
+  float samples;
+  snd_pcm_sframes_t maxavail;
+  snd_pcm_sframes_t maxdelay;
+  snd_pcm_sframes_t minavail;
+  snd_pcm_sframes_t mindelay;
+  snd_pcm_sframes_t badavail;
+  snd_pcm_sframes_t baddelay;
+  // Lifecycle
+  int init;
+  long runtime;
+  qb_u64_t read_count;
+  // Steering
+  snd_pcm_sframes_t totalIOLatency;
+  snd_pcm_sframes_t availFrmInRingBuf;
+  int maxFrmNum;
+  int minFrmNum;
+  int incStartNum;
+  int incStopNum;
+  int decStartNum;
+  int decStopNum;
+  pthread_mutex_t mutexLatency;
+  qb_u64_t sumLatency;
+  size_t* arrChunkNum;
+  qb_u64_t latencyCnt;
+  int clifd;
+  MCLK_STATE_E mclkState;
+  qb_u64_t lastAdjustAvg;
+  qb_u64_t lastAdjustCnt;
+  qb_u64_t adjustWaitCnt;
+  qb_u64_t oneSecondCnt;
+  // Ring
+  CAudioBuf* pAudBuf;
+  int asyncStart;
+  int asyncStartNum;
+  snd_async_handler_t* ahandler;
+  int startRecv;
+  int syncSend;
+  // Packetising
+  qb_u32_t rollingSampleDataSizeTotal;
+  int pktDelayMicrosecond;
+  int pktSize;
+  // Timestamps
+  struct timespec tsStartCapture;
+  unsigned int chunkCountCapture;
+  struct timespec tsStartPlay;
+  unsigned int chunkCountPlay;
+} qb_audio_oper_ctrl_t;
+
+// ---- Engine-wide stop: set by the thread manager while the daemon shuts down, so that a run
+// started just before the shutdown ends as well (a run resets its own in_aborting at start).
+void qb_audio_oper_shutdown_set(int on);
+int qb_audio_oper_shutdown_get();
+// Whether the current run of this engine must end (its stop flag or the engine-wide stop).
+bool qb_audio_oper_is_aborting(const qb_audio_oper_ctrl_t* ctrl);
+// Ends the current run of an engine (any thread).
+void qb_audio_oper_abort(qb_audio_oper_ctrl_t* ctrl);
+
+// ---- Record and device set-up
+int qb_audio_oper_default(qb_audio_oper_ctrl_t* ctrl);
+int qb_audio_oper_general_init(qb_audio_oper_ctrl_t* ctrl);
+int qb_audio_oper_general_uninit(qb_audio_oper_ctrl_t* ctrl);
+int set_params_play(qb_audio_oper_ctrl_t* ctrl);
+int set_params_capture(qb_audio_oper_ctrl_t* ctrl);
+unsigned int get_period_time_play(qb_audio_oper_ctrl_t* ctrl);
+int get_start_chunks(qb_audio_oper_ctrl_t* ctrl);
+snd_pcm_uframes_t get_start_threshold_play(qb_audio_oper_ctrl_t* ctrl);
+int get_delay_usec(qb_audio_oper_ctrl_t* ctrl);
+int set_buffer_param(qb_audio_oper_ctrl_t* ctrl);
+void show_available_sample_formats(qb_audio_oper_ctrl_t* ctrl, snd_pcm_hw_params_t* params);
+// Stream number 1, 2 or 3 of an ALSA device name ("hw:1,0" 1, "hw:2,0" 2, any other 3).
+int qb_audio_oper_stream_of_device(const char* pcm_name);
+// Payload size of one datagram.
+int get_pkt_size(qb_audio_oper_ctrl_t* ctrl);
+
+// ---- Record dumps
+// Logs every field of the record in field order.
+void dump_audio_ctrl(qb_audio_oper_ctrl_t* ctrl);
+// Prints every field of the record in field order to a file (nothing for a null file).
+void dump_audio_ctrl1(qb_audio_oper_ctrl_t* ctrl, FILE* file);
+
+// ---- Sockets of both directions
+int net_data_open(qb_audio_oper_ctrl_t* ctrl);
+int net_data_close(qb_audio_oper_ctrl_t* ctrl);
+
+// ---- Capture-to-network sender
+int qb_audio_oper_capture(qb_audio_oper_ctrl_t* ctrl, const char* pcm_name, const char* group);
+int capture_new(qb_audio_oper_ctrl_t* ctrl, const char* file);
+int unmute_audio_input(qb_audio_oper_ctrl_t* ctrl);
+
+// ---- Network-to-playback receiver
+int qb_audio_oper_playback(qb_audio_oper_ctrl_t* ctrl, const char* pcm_name, const char* group);
+snd_pcm_sframes_t pcm_write(qb_audio_oper_ctrl_t* ctrl, qb_u8_t* data, size_t frames);
+
+// ---- Xrun recovery and clock steering
+int xrun(qb_audio_oper_ctrl_t* ctrl);
+void check_alsa_buffer_status(qb_audio_oper_ctrl_t* ctrl);
+void check_5351_status(qb_audio_oper_ctrl_t* ctrl);
+const char* get_mclk_status(MCLK_STATE_E state);
+void printf_status_xrun(qb_audio_oper_ctrl_t* ctrl);
