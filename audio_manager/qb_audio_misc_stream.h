@@ -1,0 +1,121 @@
+// Network stream endpoints: per-stream multicast addresses, peer device ids and source
+// selections, the derivation of a group from a peer's MAC, and the start of the capture routing of
+// each network output.
+//
+// Stream ids: 0 (SAI1, channels 6/10), 1 (SAI5, channels 8/12), 2 (SAI3, channels 7/11).
+//
+// Thread safety: selections are single words read and written atomically; address and device-id
+// texts are guarded by one lock, and the address getters return a snapshot of the text taken under
+// that lock (a per-thread copy, valid until the same getter is called again on the same thread).
+#pragma once
+
+#include <cstddef>
+
+#include "qb_audio_misc.h"
+#include "qb_types.h"
+
+// UDP port of the network audio streams.
+inline constexpr int QB_AUDIO_NET_PORT = 59300;
+// The network player program started for an input stream.
+inline constexpr const char* QB_AUDIO_MYAPLAY_PATH = "/customer/bin/myaplay";
+// Input address set by qb_audio_net_stream_ipaddr_set.
+inline constexpr const char* QB_AUDIO_DEFAULT_IN_IPADDR = "225.0.0.1";
+// First octet of every stream group; the second lies in 48-63.
+inline constexpr int QB_AUDIO_MCAST_OCTET1 = 234;
+inline constexpr int QB_AUDIO_MCAST_OCTET2_BASE = 48;
+
+inline constexpr int QB_AUDIO_MAC_TEXT_SIZE = 16;
+
+// Output stream request (24 bytes, as it arrives in a command payload).
+struct qb_audio_output_stream_t {
+  qb_s32_t streamID;
+  qb_s32_t source;
+  char vaxoMac[QB_AUDIO_MAC_TEXT_SIZE];
+};
+static_assert(sizeof(qb_audio_output_stream_t) == 24, "24-byte output request");
+
+// Input stream request (24 bytes).
+struct qb_audio_input_stream_t {
+  char deviceID[QB_AUDIO_MAC_TEXT_SIZE];
+  qb_s32_t streamID;
+  qb_s32_t subscriptionID;
+};
+static_assert(sizeof(qb_audio_input_stream_t) == 24, "24-byte input request");
+
+int qb_audio_stream_output_to_net_set(const qb_audio_output_stream_t* req);
+int qb_misc_net_stream_out_ipaddr_set(const qb_audio_output_stream_t* req);
+int qb_audio_stream_input_from_net_set(const qb_audio_input_stream_t* req);
+
+int qb_audio_net_stream_out1_start(int ch);
+int qb_audio_net_stream_out3_start(int ch);
+int qb_audio_net_stream_out5_start(int ch);
+int qb_audio_net_stream_out1_restart(int ch);
+int qb_audio_net_stream_out3_restart(int ch);
+
+int qb_audio_net_stream_in_start(int ch, int card, int port, const char* ipaddr);
+int qb_audio_net_stream_in1_start(void);
+int qb_audio_net_stream_in3_start(void);
+int qb_audio_net_stream_in5_start(void);
+int qb_audio_pkill_all_myaplay(void);
+int qb_audio_pkill_all_myarecord(void);
+int qb_audio_net_stream_ipaddr_set(const void* unused);
+
+// "%d.%d.%d.%d" into buf (at most size-1 characters); empty for a.48.0.0.
+void audio_ipaddr_create(int a, int b, int c, int d, char* buf, size_t size);
+// 12 hex characters to 6 bytes. 1, or 0 for null.
+int macaddr_str2hex(const char* str, qb_u8_t* hex);
+int qb_audio_channel_state_id_switch_netstreamsel(int ch);
+int qb_audio_netstreamsel_switch_channel_state_id(int src);
+// Output-source name in request logs ("analog" ... "hdmiDownmix", "unknown").
+const char* qb_audio_output_source_name(int src);
+// Output-source name in dumps ("analog" ... "downmix", "unknown").
+const char* qb_audio_output_source_short_name(int src);
+
+int qb_net_stream_select_get(void);
+void qb_net_stream_select_set(int sel);
+int qb_net_first_stream_select_get(void);
+void qb_net_first_stream_select_set(int sel);
+int qb_net_second_stream_select_get(void);
+void qb_net_second_stream_select_set(int sel);
+int qb_net_third_stream_select_get(void);
+void qb_net_third_stream_select_set(int sel);
+int qb_msic_net_spdif_out_src_get(void);
+void qb_msic_net_spdif_out_src_set(int src);
+int qb_misc_audio_streamId_get(void);
+void qb_misc_audio_streamId_set(int sid);
+
+// Address texts (snapshots, see above).
+char* qb_misc_net_stream_out1_ipaddr_get(void);
+char* qb_misc_net_stream_out3_ipaddr_get(void);
+char* qb_misc_net_stream_out5_ipaddr_get(void);
+char* qb_misc_net_stream_in1_ipaddr_get(void);
+char* qb_misc_net_stream_in3_ipaddr_get(void);
+char* qb_misc_net_stream_in5_ipaddr_get(void);
+// Device-id texts (snapshots).
+char* qb_misc_net_stream_out1_deviceid_get(void);
+char* qb_misc_net_stream_out3_deviceid_get(void);
+char* qb_misc_net_stream_out5_deviceid_get(void);
+char* qb_misc_net_stream_in1_deviceid_get(void);
+char* qb_misc_net_stream_in3_deviceid_get(void);
+char* qb_misc_net_stream_in5_deviceid_get(void);
+void qb_misc_net_stream_out1_ipaddr_set(const char* ipaddr, const char* deviceid);
+void qb_misc_net_stream_out3_ipaddr_set(const char* ipaddr, const char* deviceid);
+void qb_misc_net_stream_out5_ipaddr_set(const char* ipaddr, const char* deviceid);
+void qb_misc_net_stream_in1_ipaddr_set(const char* ipaddr);
+void qb_misc_net_stream_in3_ipaddr_set(const char* ipaddr);
+void qb_misc_net_stream_in5_ipaddr_set(const char* ipaddr);
+void qb_misc_net_stream_in1_ipaddr_set2(const char* ipaddr, const char* deviceid);
+void qb_misc_net_stream_in3_ipaddr_set2(const char* ipaddr, const char* deviceid);
+void qb_misc_net_stream_in5_ipaddr_set2(const char* ipaddr, const char* deviceid);
+// Race-free copy of the whole address block (dumps).
+void qb_misc_net_stream_ipaddr_copy(net_stream_ipaddr_t* out);
+
+int is_qb_net_first_stream_select_spdif(void);
+int is_qb_net_second_stream_select_spdif(void);
+int is_qb_net_third_stream_select_spdif(void);
+int is_qb_net_first_stream_select_arc(void);
+int is_qb_net_second_stream_select_arc(void);
+int is_qb_net_third_stream_select_arc(void);
+int audio_hdmi_streamout(void);
+int qb_misc_net_stream_spdif_flag_get(void);
+int qb_misc_net_stream_arc_flag_get(void);
