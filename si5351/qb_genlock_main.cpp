@@ -1,0 +1,52 @@
+// qb_genlock: the genlock service process. It owns the Si5351 clock synthesiser, programs its
+// power-up table and serves the genlock requests of the audio playback engines on
+// 127.0.0.1:11000 until SIGTERM or SIGINT.
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <ctime>
+
+#include "am_log.h"
+#include "qb_si5351.h"
+
+namespace {
+
+constexpr const char* QB_GENLOCK_LOG_CONF = "/config/logconf/qb_genlock.conf";
+constexpr long QB_GENLOCK_EXIT_POLL_NS = 100L * 1000L * 1000L;
+
+std::atomic<bool> g_exit_requested{false};
+
+void on_terminate(int /*sig*/) {
+  g_exit_requested.store(true);
+}
+
+void install_handlers() {
+  struct sigaction action;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = 0;
+  action.sa_handler = on_terminate;
+  sigaction(SIGTERM, &action, nullptr);
+  sigaction(SIGINT, &action, nullptr);
+}
+
+}  // namespace
+
+int main() {
+  static_assert(std::atomic<bool>::is_always_lock_free, "signal handler needs a lock-free flag");
+  am_log_configure(QB_GENLOCK_LOG_CONF);
+  install_handlers();
+  if (qb_si5351_start2() != 0) {
+    return 1;
+  }
+  const timespec pause = {0, QB_GENLOCK_EXIT_POLL_NS};
+  while (!g_exit_requested.load()) {
+    nanosleep(&pause, nullptr);
+  }
+  AM_LOG_INFO("qb_genlock exit");
+  fflush(stdout);
+  // The service thread has no stop operation and is still running: leave without running static
+  // destructors under its feet.
+  _exit(0);
+}
