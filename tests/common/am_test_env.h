@@ -1,0 +1,124 @@
+// Utilities for integration tests: a temporary board root, network namespaces, child processes
+// and loopback UDP. Every object cleans up after itself in its destructor, so a failed ASSERT
+// leaves no directory, namespace or process behind.
+//
+//   am_test::TempRoot root({"dev", "tmp", "misc"});     // AUDIO_MANAGER_ROOT=/tmp/am_test_XXXXXX
+//   if (!am_test::have_netns()) GTEST_SKIP() << "needs root and network namespaces";
+//   am_test::NetNs ns;                                   // fresh namespace with lo up
+//   am_test::Process daemon({bin + "/audio_manager"}, {"AUDIO_MANAGER_ROOT=" + root.path()},
+//                           ns.name(), root.path() + "/daemon.out");
+//   int rc = ns.run([] { /* socket code inside the namespace */ return 0; });  // exit status
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace am_test {
+
+// A fresh directory under /tmp that AUDIO_MANAGER_ROOT points to (am_platform_reload is called);
+// the previous value is restored and the directory removed on destruction.
+class TempRoot {
+ public:
+  explicit TempRoot(const std::vector<std::string>& subdirs = {});
+  ~TempRoot();
+  TempRoot(const TempRoot&) = delete;
+  TempRoot& operator=(const TempRoot&) = delete;
+
+  bool ok() const { return !path_.empty(); }
+  const std::string& path() const { return path_; }
+  // The host path of an absolute board path ("/tmp/x" -> "<root>/tmp/x").
+  std::string at(const std::string& board_path) const { return path_ + board_path; }
+  // Writes a file at a board path, creating its folders. False on failure.
+  bool write(const std::string& board_path, const std::string& content) const;
+
+ private:
+  std::string path_;
+  bool had_old_ = false;
+  std::string old_value_;
+};
+
+// Folders (like mkdir -p). False on failure.
+bool make_dirs(const std::string& path);
+// Whole file as text ("" when it cannot be read).
+std::string read_file(const std::string& path);
+bool write_file(const std::string& path, const std::string& content);
+// Polls cond every poll_ms until it holds (true) or timeout_ms passes (false).
+bool wait_for(const std::function<bool()>& cond, int timeout_ms, int poll_ms = 20);
+
+// True when running as root and a network namespace can be created (checked once).
+bool have_netns();
+
+// A network namespace with a unique name (pid + counter) and its loopback up; deleted on
+// destruction.
+class NetNs {
+ public:
+  NetNs();
+  ~NetNs();
+  NetNs(const NetNs&) = delete;
+  NetNs& operator=(const NetNs&) = delete;
+
+  bool ok() const { return ok_; }
+  const std::string& name() const { return name_; }
+  // "ip netns exec <name> " for shell commands.
+  std::string exec_prefix() const { return "ip netns exec " + name_ + " "; }
+  // Runs fn in a forked child that has joined the namespace; returns fn's result as the child's
+  // exit status (0..255), or -1 when the child could not join, crashed or ran past timeout_ms
+  // (then it is killed). gtest assertions inside fn do not reach the parent: return a code.
+  int run(const std::function<int()>& fn, int timeout_ms = 30000) const;
+
+ private:
+  std::string name_;
+  bool ok_ = false;
+};
+
+// A child process: argv[0] is the program (looked up in PATH when not a path), env entries
+// "NAME=value" are added to the environment, an optional namespace is joined before exec, and
+// stdout and stderr go to output_path (inherited when empty). The child leads its own process
+// group; the destructor kills the group with SIGKILL and reaps the child when it still runs.
+class Process {
+ public:
+  Process(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
+          const std::string& netns = "", const std::string& output_path = "");
+  ~Process();
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  bool started() const { return pid_ > 0; }
+  pid_t pid() const { return pid_; }
+  // Waits up to timeout_ms for the exit; true and the waitpid status when it exited.
+  bool wait_exit(int timeout_ms, int* status = nullptr);
+  // Sends sig to the child; false when it is gone.
+  bool signal(int sig);
+  bool running();
+  // The captured output so far ("" without an output file).
+  std::string output() const { return output_path_.empty() ? "" : read_file(output_path_); }
+
+ private:
+  pid_t pid_ = -1;
+  bool reaped_ = false;
+  int status_ = 0;
+  std::string output_path_;
+};
+
+// A UDP socket bound to ip:port that receives datagrams.
+class UdpReceiver {
+ public:
+  explicit UdpReceiver(int port, const std::string& ip = "127.0.0.1");
+  ~UdpReceiver();
+  UdpReceiver(const UdpReceiver&) = delete;
+  UdpReceiver& operator=(const UdpReceiver&) = delete;
+
+  bool ok() const { return fd_ >= 0; }
+  int fd() const { return fd_; }
+  // Next datagram within timeout_ms; false on time-out.
+  bool receive(std::vector<uint8_t>* out, int timeout_ms);
+
+ private:
+  int fd_ = -1;
+};
+
+}  // namespace am_test
