@@ -1,0 +1,373 @@
+// Integration test environment: temporary roots, namespaces, child processes, loopback UDP.
+#include "am_test_env.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "am_platform.h"
+
+namespace am_test {
+namespace {
+
+constexpr const char* kNetnsDir = "/var/run/netns/";
+
+int remove_entry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
+
+void remove_tree(const std::string& path) {
+  nftw(path.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+}
+
+// Runs a program quietly and returns its exit status (-1 when it could not run).
+int run_quiet(const std::vector<std::string>& argv) {
+  const pid_t pid = fork();
+  if (pid < 0) {
+    return -1;
+  }
+  if (pid == 0) {
+    const int devnull = open("/dev/null", O_RDWR);
+    if (devnull >= 0) {
+      dup2(devnull, 1);
+      dup2(devnull, 2);
+    }
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execvp(args[0], args.data());
+    _exit(127);
+  }
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Joins the named network namespace (in a child). False on failure.
+bool join_netns(const std::string& name) {
+  const int fd = open((kNetnsDir + name).c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    return false;
+  }
+  const bool ok = setns(fd, CLONE_NEWNET) == 0;
+  close(fd);
+  return ok;
+}
+
+// Waits for a child up to timeout_ms; kills it when it overstays. Returns the waitpid status or
+// -1 when it had to be killed.
+int reap_with_timeout(pid_t pid, int timeout_ms) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  int status = 0;
+  for (;;) {
+    const pid_t r = waitpid(pid, &status, WNOHANG);
+    if (r == pid) {
+      return status;
+    }
+    if (r < 0 && errno != EINTR) {
+      return -1;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) {
+      kill(pid, SIGKILL);
+      waitpid(pid, &status, 0);
+      return -1;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
+std::string unique_netns_name() {
+  static std::atomic<int> counter{0};
+  return "amt" + std::to_string(getpid()) + "_" + std::to_string(counter++);
+}
+
+}  // namespace
+
+// ---- files ------------------------------------------------------------------------------------
+
+bool make_dirs(const std::string& path) {
+  if (path.empty()) {
+    return false;
+  }
+  std::string partial;
+  std::stringstream ss(path);
+  std::string part;
+  if (path[0] == '/') partial = "/";
+  while (std::getline(ss, part, '/')) {
+    if (part.empty()) continue;
+    partial += part;
+    if (mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) {
+      return false;
+    }
+    partial += "/";
+  }
+  return true;
+}
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    return "";
+  }
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
+bool write_file(const std::string& path, const std::string& content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  if (!out) {
+    return false;
+  }
+  out << content;
+  return static_cast<bool>(out);
+}
+
+bool wait_for(const std::function<bool()>& cond, int timeout_ms, int poll_ms) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  for (;;) {
+    if (cond()) {
+      return true;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(poll_ms));
+  }
+}
+
+// ---- TempRoot ---------------------------------------------------------------------------------
+
+TempRoot::TempRoot(const std::vector<std::string>& subdirs) {
+  char tmpl[] = "/tmp/am_test_XXXXXX";
+  if (mkdtemp(tmpl) == nullptr) {
+    return;
+  }
+  path_ = tmpl;
+  for (const std::string& sub : subdirs) {
+    make_dirs(path_ + "/" + sub);
+  }
+  const char* old = getenv(AM_ROOT_ENV);
+  had_old_ = old != nullptr;
+  if (had_old_) old_value_ = old;
+  setenv(AM_ROOT_ENV, path_.c_str(), 1);
+  am_platform_reload();
+}
+
+TempRoot::~TempRoot() {
+  if (path_.empty()) {
+    return;
+  }
+  if (had_old_) {
+    setenv(AM_ROOT_ENV, old_value_.c_str(), 1);
+  } else {
+    unsetenv(AM_ROOT_ENV);
+  }
+  am_platform_reload();
+  remove_tree(path_);
+}
+
+bool TempRoot::write(const std::string& board_path, const std::string& content) const {
+  const std::string host = at(board_path);
+  const size_t slash = host.rfind('/');
+  if (slash != std::string::npos && !make_dirs(host.substr(0, slash))) {
+    return false;
+  }
+  return write_file(host, content);
+}
+
+// ---- namespaces -------------------------------------------------------------------------------
+
+bool have_netns() {
+  static const bool available = [] {
+    if (geteuid() != 0) {
+      return false;
+    }
+    const std::string name = unique_netns_name();
+    if (run_quiet({"ip", "netns", "add", name}) != 0) {
+      return false;
+    }
+    run_quiet({"ip", "netns", "delete", name});
+    return true;
+  }();
+  return available;
+}
+
+NetNs::NetNs() : name_(unique_netns_name()) {
+  if (run_quiet({"ip", "netns", "add", name_}) != 0) {
+    return;
+  }
+  ok_ = true;
+  if (run_quiet({"ip", "-n", name_, "link", "set", "lo", "up"}) != 0) {
+    ok_ = false;
+  }
+}
+
+NetNs::~NetNs() { run_quiet({"ip", "netns", "delete", name_}); }
+
+int NetNs::run(const std::function<int()>& fn, int timeout_ms) const {
+  fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid < 0) {
+    return -1;
+  }
+  if (pid == 0) {
+    if (!join_netns(name_)) {
+      _exit(255);
+    }
+    const int rc = fn();
+    fflush(nullptr);
+    _exit(rc & 0xFF);
+  }
+  const int status = reap_with_timeout(pid, timeout_ms);
+  if (status < 0 || !WIFEXITED(status)) {
+    return -1;
+  }
+  return WEXITSTATUS(status);
+}
+
+// ---- Process ----------------------------------------------------------------------------------
+
+Process::Process(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+                 const std::string& netns, const std::string& output_path)
+    : output_path_(output_path) {
+  if (argv.empty()) {
+    return;
+  }
+  fflush(nullptr);
+  pid_ = fork();
+  if (pid_ != 0) {
+    return;
+  }
+  setpgid(0, 0);
+  if (!output_path.empty()) {
+    const int fd = open(output_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd >= 0) {
+      dup2(fd, 1);
+      dup2(fd, 2);
+      close(fd);
+    }
+  }
+  for (const std::string& entry : env) {
+    const size_t eq = entry.find('=');
+    if (eq != std::string::npos) {
+      setenv(entry.substr(0, eq).c_str(), entry.substr(eq + 1).c_str(), 1);
+    }
+  }
+  if (!netns.empty() && !join_netns(netns)) {
+    _exit(126);
+  }
+  std::vector<char*> args;
+  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  execvp(args[0], args.data());
+  _exit(127);
+}
+
+Process::~Process() {
+  if (pid_ <= 0 || reaped_) {
+    return;
+  }
+  kill(-pid_, SIGKILL);
+  kill(pid_, SIGKILL);
+  int status = 0;
+  while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+  }
+}
+
+bool Process::wait_exit(int timeout_ms, int* status) {
+  if (pid_ <= 0) {
+    return false;
+  }
+  if (!reaped_) {
+    reaped_ = wait_for(
+        [this] {
+          int st = 0;
+          if (waitpid(pid_, &st, WNOHANG) == pid_) {
+            status_ = st;
+            return true;
+          }
+          return false;
+        },
+        timeout_ms, 10);
+  }
+  if (reaped_ && status != nullptr) {
+    *status = status_;
+  }
+  return reaped_;
+}
+
+bool Process::signal(int sig) {
+  if (pid_ <= 0 || reaped_) {
+    return false;
+  }
+  return kill(pid_, sig) == 0;
+}
+
+bool Process::running() { return pid_ > 0 && !wait_exit(0, nullptr); }
+
+// ---- UdpReceiver --------------------------------------------------------------------------------
+
+UdpReceiver::UdpReceiver(int port, const std::string& ip) {
+  fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd_ < 0) {
+    return;
+  }
+  const int on = 1;
+  setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  struct sockaddr_in addr;
+  memset(&addr, 0, sizeof(addr));
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  if (inet_pton(AF_INET, ip.c_str(), &addr.sin_addr) != 1 ||
+      bind(fd_, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) != 0) {
+    close(fd_);
+    fd_ = -1;
+  }
+}
+
+UdpReceiver::~UdpReceiver() {
+  if (fd_ >= 0) {
+    close(fd_);
+  }
+}
+
+bool UdpReceiver::receive(std::vector<uint8_t>* out, int timeout_ms) {
+  if (fd_ < 0 || out == nullptr) {
+    return false;
+  }
+  struct pollfd pfd = {fd_, POLLIN, 0};
+  int rc = 0;
+  do {
+    rc = poll(&pfd, 1, timeout_ms);
+  } while (rc < 0 && errno == EINTR);
+  if (rc <= 0) {
+    return false;
+  }
+  out->resize(65536);
+  const ssize_t n = recv(fd_, out->data(), out->size(), 0);
+  if (n < 0) {
+    out->clear();
+    return false;
+  }
+  out->resize(static_cast<size_t>(n));
+  return true;
+}
+
+}  // namespace am_test
