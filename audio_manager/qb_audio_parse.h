@@ -4,6 +4,7 @@
 // control and stream selection) and the all-gates mute and unmute.
 #pragma once
 
+#include "qb_audio_misc.h"
 #include "qb_tlv_box.h"
 #include "qb_types.h"
 
@@ -106,10 +107,7 @@ typedef struct qb_audio_output_src_select_t {
   qb_u32_t src;
 } qb_audio_output_src_select_t;
 
-typedef struct qb_audio_output_dwm_mode_t {
-  qb_u32_t ch;
-  qb_u32_t mode;
-} qb_audio_output_dwm_mode_t;
+// qb_audio_output_dwm_mode_t (ch, mode) is the routing module's record (qb_audio_misc.h).
 
 typedef struct qb_audio_output_analog_volume_t {
   qb_u32_t vol;
