@@ -225,10 +225,21 @@ int open_bound_udp(const char* addr, int port) {
   return fd;
 }
 
-// Sends a request of len bytes to the service; true when all of it went out.
+// Sends a request of len bytes to the service address; true when all of it went out.
 bool send_request(int sock, const SI5351_MSG_T& msg, int len) {
   const sockaddr_in dest = service_address();
   return qb_udp_send(sock, &msg, len, &dest) == len;
+}
+
+// Sends a request of len bytes to the peer the socket is connected to; true when all went out.
+bool send_connected(int sock, const SI5351_MSG_T& msg, int len) {
+  sockaddr_in peer;
+  socklen_t peer_len = sizeof peer;
+  std::memset(&peer, 0, sizeof peer);
+  if (sock < 1 || getpeername(sock, reinterpret_cast<sockaddr*>(&peer), &peer_len) != 0) {
+    return false;
+  }
+  return qb_udp_send(sock, &msg, len, &peer) == len;
 }
 
 SI5351_MSG_T make_request(qb_u32_t command, int ch, int arg1, int arg2) {
@@ -242,7 +253,7 @@ SI5351_MSG_T make_request(qb_u32_t command, int ch, int arg1, int arg2) {
 
 int send_step_request(int sock, qb_u32_t command, const char* name, int ch) {
   const SI5351_MSG_T msg = make_request(command, ch, 0, 0);
-  if (!send_request(sock, msg, SI5351_MSG_LEN)) {
+  if (!send_connected(sock, msg, SI5351_MSG_LEN)) {
     AM_LOG_ERROR("send %s to<%s:%d> fd:%d error:%s", name, SI5351_SVR_ADDR, SI5351_SVR_PORT, sock,
                  strerror(errno));
     return -1;
@@ -675,7 +686,7 @@ int udp_socket_create(const char* addr, int port) {
 int send_set_param(int sock, int ch, int rate) {
   const SI5351_MSG_T msg = make_request(QB_SI5351_SET_PARAM, ch, rate, 0);
   for (int tries = 0; tries < SI5351_SET_PARAM_MAX_TRIES; ++tries) {
-    if (!send_request(sock, msg, SI5351_MSG_LEN)) {
+    if (!send_connected(sock, msg, SI5351_MSG_LEN)) {
       AM_LOG_ERROR("send QB_SI5351_SET_PARAM to<%s:%d> fd:%d error:%s", SI5351_SVR_ADDR,
                    SI5351_SVR_PORT, sock, strerror(errno));
       return -1;
