@@ -13,6 +13,8 @@
 #include <cstdio>
 #include <ctime>
 
+#include "qb_audio_misc.h"
+#include "qb_audio_misc_stream.h"  // QB_AUDIO_NET_PORT, the UDP port of every stream
 #include "qb_audio_oper_packet.h"
 #include "qb_types.h"
 
@@ -22,8 +24,6 @@ class CAudioBuf;
 inline constexpr size_t QB_AUDIO_BUF_DEFAULT_SIZE = 196608;
 // Chunk size in frames before negotiation.
 inline constexpr snd_pcm_uframes_t QB_AUDIO_DEFAULT_CHUNK_SIZE = 2048;
-// UDP port of every network audio stream.
-inline constexpr int QB_AUDIO_NET_PORT = 59300;
 // Receive slot of one datagram in the datagram buffer.
 inline constexpr size_t QB_AUDIO_RX_SLOT_SIZE = 2048;
 // Largest gap in bytes that is bridged with silence; a larger one ends the run.
@@ -183,6 +183,11 @@ typedef struct qb_audio_oper_ctrl_t {
   unsigned int chunkCountCapture;
   struct timespec tsStartPlay;
   unsigned int chunkCountPlay;
+  // Allocated sizes of audiobuf and net_audiobuf in bytes.
+  size_t audiobuf_capacity;
+  size_t net_audiobuf_capacity;
+  // Storage of the latency sample history arrChunkNum points to while a playback run lasts.
+  size_t latency_history[QB_AUDIO_LATENCY_HISTORY];
 } qb_audio_oper_ctrl_t;
 
 // ---- Engine-wide stop: set by the thread manager while the daemon shuts down, so that a run
@@ -210,6 +215,16 @@ void show_available_sample_formats(qb_audio_oper_ctrl_t* ctrl, snd_pcm_hw_params
 int qb_audio_oper_stream_of_device(const char* pcm_name);
 // Payload size of one datagram.
 int get_pkt_size(qb_audio_oper_ctrl_t* ctrl);
+
+// ---- Transport header of the engine
+// Refreshes audio_info_head from a channel record (a null record does nothing).
+void audio_info_head_set(qb_audio_oper_ctrl_t* ctrl, const qb_audio_info* ainfo);
+// audio_info_head_set, then the requested hardware parameters from the record's codes, copied
+// into hwparams.
+void _file_param_set(qb_audio_oper_ctrl_t* ctrl, const qb_audio_info* ainfo);
+// Encoding name of a port's record into out (at least 17 bytes). 0, or -1 for null arguments.
+int get_encodingType(int port, const qb_audio_info* ainfo, char* out);
+int get_dsp_encodingType(const qb_audio_info* ainfo, char* out);
 
 // ---- Record dumps
 // Logs every field of the record in field order.

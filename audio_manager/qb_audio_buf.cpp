@@ -1,0 +1,136 @@
+// The packet ring of a playback engine.
+#include "qb_audio_buf.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "am_log.h"
+
+CAudioBuf::CAudioBuf(int size, int count) {
+  pthread_mutex_init(&m_muxRead, nullptr);
+  if (size <= 0 || count <= 0) {
+    return;
+  }
+  m_arrBuf = static_cast<AUD_BUF_T**>(calloc(static_cast<size_t>(count), sizeof(AUD_BUF_T*)));
+  if (m_arrBuf == nullptr) {
+    return;
+  }
+  for (int i = 0; i < count; ++i) {
+    AUD_BUF_T* slot = static_cast<AUD_BUF_T*>(calloc(1, sizeof(AUD_BUF_T)));
+    char* storage = static_cast<char*>(calloc(1, static_cast<size_t>(size)));
+    if (slot == nullptr || storage == nullptr) {
+      free(slot);
+      free(storage);
+      for (int j = 0; j < i; ++j) {
+        free(m_arrBuf[j]->buf);
+        free(m_arrBuf[j]);
+      }
+      free(m_arrBuf);
+      m_arrBuf = nullptr;
+      return;
+    }
+    slot->buf = storage;
+    slot->buf_size = size;
+    m_arrBuf[i] = slot;
+  }
+  m_s32Size = static_cast<size_t>(size);
+  m_s32Count = static_cast<size_t>(count);
+}
+
+CAudioBuf::~CAudioBuf() {
+  if (m_arrBuf != nullptr) {
+    for (size_t i = 0; i < m_s32Count; ++i) {
+      free(m_arrBuf[i]->buf);
+      free(m_arrBuf[i]);
+    }
+    free(m_arrBuf);
+    m_arrBuf = nullptr;
+  }
+  m_s32RIdx = 0;
+  m_s32WIdx = 0;
+  m_s32Size = 0;
+  m_s32Count = 0;
+  pthread_mutex_destroy(&m_muxRead);
+}
+
+int CAudioBuf::get_buf_size() const {
+  if (m_s32RIdx == m_s32WIdx) {
+    return 0;
+  }
+  if (m_s32RIdx < m_s32WIdx) {
+    return m_s32WIdx - m_s32RIdx;
+  }
+  return static_cast<int>(m_s32Count) + (m_s32WIdx - m_s32RIdx);
+}
+
+int CAudioBuf::buf_is_full() const {
+  if (m_s32Count == 0) {
+    return 1;
+  }
+  return (static_cast<size_t>(m_s32WIdx) + 1) % m_s32Count == static_cast<size_t>(m_s32RIdx) ? 1 : 0;
+}
+
+int CAudioBuf::push_data(const char* data, int size) {
+  if (data == nullptr || size <= 0) {
+    return 0;
+  }
+  if (buf_is_full()) {
+    AM_LOG_ERROR("buff is full, widx:%d ridx:%d", m_s32WIdx, m_s32RIdx);
+    return -1;
+  }
+  AUD_BUF_T* slot = m_arrBuf[m_s32WIdx];
+  if (size > slot->buf_size) {
+    AM_LOG_ERROR("push data size=%d > buf_size:%d", size, slot->buf_size);
+    return -1;
+  }
+  memcpy(slot->buf, data, static_cast<size_t>(size));
+  slot->data_size = size;
+  slot->ref = 0;
+  m_s32WIdx = static_cast<int>((static_cast<size_t>(m_s32WIdx) + 1) % m_s32Count);
+  return 0;
+}
+
+AUD_BUF_T* CAudioBuf::get_buf_data() {
+  if (m_s32RIdx == m_s32WIdx) {
+    AM_LOG_ERROR("buf is empty, ridx=%d widx=%d", m_s32RIdx, m_s32WIdx);
+    return nullptr;
+  }
+  const int ret = pthread_mutex_trylock(&m_muxRead);
+  if (ret != 0) {
+    AM_LOG_ERROR("trylock mux err, ret:%d", ret);
+    return nullptr;
+  }
+  AUD_BUF_T* slot = m_arrBuf[m_s32RIdx];
+  if (slot->ref != 0) {
+    AM_LOG_ERROR("ridx:%d ref :%d is not zero", m_s32RIdx, slot->ref);
+    pthread_mutex_unlock(&m_muxRead);
+    return nullptr;
+  }
+  slot->ref = 1;
+  pthread_mutex_unlock(&m_muxRead);
+  return slot;
+}
+
+int CAudioBuf::push_buf_free(AUD_BUF_T* slot) {
+  if (slot == nullptr || m_arrBuf == nullptr) {
+    return -1;
+  }
+  AUD_BUF_T* head = m_arrBuf[m_s32RIdx];
+  if (slot->ref == head->ref && slot->buf == head->buf) {
+    head->ref = 0;
+    m_s32RIdx = static_cast<int>((static_cast<size_t>(m_s32RIdx) + 1) % m_s32Count);
+    return 0;
+  }
+  AM_LOG_ERROR("buf ref:%d buf:%p not eqal ref:%d buf:%p, ridx=%d", slot->ref,
+               static_cast<void*>(slot->buf), head->ref, static_cast<void*>(head->buf), m_s32RIdx);
+  return -1;
+}
+
+int CAudioBuf::reset_buf_status(AUD_BUF_T* slot) {
+  if (slot == nullptr) {
+    return -1;
+  }
+  slot->ref = 0;
+  return 0;
+}

@@ -1,0 +1,140 @@
+// Record dumps of an engine: every field in record order, as name=value lines, to the log or to a
+// status dump file.
+#include <cstdarg>
+#include <cstdio>
+
+#include "am_log.h"
+#include "qb_audio_oper.h"
+
+namespace {
+
+constexpr size_t kDumpLineSize = 768;
+
+// Where the lines go: a file, or the log when file is null.
+struct dump_sink_t {
+  FILE* file;
+};
+
+void emit(const dump_sink_t& sink, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+
+void emit(const dump_sink_t& sink, const char* fmt, ...) {
+  char line[kDumpLineSize];
+  va_list args;
+  va_start(args, fmt);
+  vsnprintf(line, sizeof(line), fmt, args);
+  va_end(args);
+  if (sink.file != nullptr) {
+    fputs(line, sink.file);
+    return;
+  }
+  size_t len = 0;
+  while (line[len] != '\0') {
+    ++len;
+  }
+  if (len > 0 && line[len - 1] == '\n') {
+    line[len - 1] = '\0';
+  }
+  AM_LOG_INFO("%s", line);
+}
+
+const char* text(const char* s) { return s != nullptr ? s : "(null)"; }
+
+void dump_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
+  emit(out,
+       "command=%s,pcm_name=%s,handle=%p,hwparams format=%d,channels=%u,rate=%u,rhwparams format=%d,channels=%u,"
+       "rate=%u,timelimit=%d\n",
+       text(c->command), text(c->pcm_name), static_cast<void*>(c->handle), static_cast<int>(c->hwparams.format),
+       c->hwparams.channels, c->hwparams.rate, static_cast<int>(c->rhwparams.format), c->rhwparams.channels,
+       c->rhwparams.rate, c->timelimit);
+  emit(out, "sampleslimit=%d,quiet_mode=%d,file_type=%d,open_mode=%d,stream=%d,mmap_flag=%d,interleaved=%d,nonblock=%d\n",
+       c->sampleslimit, c->quiet_mode, c->file_type, c->open_mode, static_cast<int>(c->stream), c->mmap_flag,
+       c->interleaved, c->nonblock);
+  emit(out, "in_aborting=%d,audiobuf=%p,audiobuf_datalen=%u,net_audiobuf=%p\n", c->in_aborting.load(),
+       static_cast<void*>(c->audiobuf), c->audiobuf_datalen, static_cast<void*>(c->net_audiobuf));
+  emit(out,
+       "chunk_size=%lu,period_time=%u,buffer_time=%u,max_buffer_time=%u,period_frames=%lu,buffer_frames=%lu,"
+       "avail_min=%d,start_delay=%d,stop_delay=%d\n",
+       c->chunk_size, c->period_time, c->buffer_time, c->max_buffer_time, c->period_frames, c->buffer_frames,
+       c->avail_min, c->start_delay, c->stop_delay);
+  emit(out, "monotonic=%d,interactive=%d,can_pause=%d,fatal_errors=%d,verbose=%d,vumeter=%d,buffer_pos=%d\n",
+       c->monotonic, c->interactive, c->can_pause, c->fatal_errors, c->verbose, c->vumeter, c->buffer_pos);
+  emit(out, "significant_bits_per_sample=%zu,bits_per_sample=%zu,bits_per_frame=%zu,chunk_bytes=%zu\n",
+       c->significant_bits_per_sample, c->bits_per_sample, c->bits_per_frame, c->chunk_bytes);
+  emit(out, "test_position=%d,test_coef=%d,test_nowait=%d,log=%p\n", c->test_position, c->test_coef, c->test_nowait,
+       static_cast<void*>(c->log));
+  emit(out,
+       "max_file_size=%lld,max_file_time=%d,use_strftime=%d,recycle_capture_file=%d,term_c_lflag=%d,"
+       "dump_hw_params=%d,fd=%d,pbrec_count=%lld,fdcount=%d,vocmajor=%d,vocminor=%d\n",
+       c->max_file_size, c->max_file_time, c->use_strftime, c->recycle_capture_file, c->term_c_lflag,
+       c->dump_hw_params, c->fd, c->pbrec_count, c->fdcount, c->vocmajor, c->vocminor);
+  emit(out, "audio_net_addr=%s,audio_tx=%d,tx_fd=%d,rx_fd=%d,net_port=%d,audio_group_ip=%d\n",
+       text(c->audio_net_addr), c->audio_tx, c->tx_fd, c->rx_fd, c->net_port, c->audio_group_ip);
+  emit(out, "file_param=%d,file_param_num=%d,pidfile_name=%s,pidf=%d,pidfile_written=%d,channel_map=%p,hw_map=%p\n",
+       c->file_param, c->file_param_num, text(c->pidfile_name), c->pidf, c->pidfile_written, c->channel_map,
+       static_cast<void*>(c->hw_map));
+  const audio_transport_head_t& h = c->audio_info_head;
+  emit(out,
+       "Magic=0x%x,From=%u,Cfg_Change_Number=0x%x,Packet_Size=%u,cts=%u,HDCP2_Encrypted=%u,Audio_On=%u,"
+       "Sample_Frequency=%u,Channels=%u,Sample_Size=%u,IO_In_Use=%u,Enable_Upstream=%u,Down_Sampling=%u,"
+       "Mode_16bits=%u,Audio_Type=%u,SPDIF=%u\n",
+       h.Magic, h.From, h.Cfg_Change_Number, h.Packet_Size, h.cts, h.HDCP2_Encrypted, h.Audio_On,
+       h.Sample_Frequency, h.Channels, h.Sample_Size, h.IO_In_Use, h.Enable_Upstream, h.Down_Sampling,
+       h.Mode_16bits, h.Audio_Type, h.SPDIF);
+  emit(out,
+       "Audio_Info_Frame=[%02x,%02x,%02x,%02x,%02x],IEC60958_Channel_Stats=[%02x,%02x,%02x,%02x,%02x],"
+       "Rolling_Sample_Data_Size_Total=%u\n",
+       h.Audio_Info_Frame[0], h.Audio_Info_Frame[1], h.Audio_Info_Frame[2], h.Audio_Info_Frame[3],
+       h.Audio_Info_Frame[4], h.IEC60958_Channel_Stats[0], h.IEC60958_Channel_Stats[1], h.IEC60958_Channel_Stats[2],
+       h.IEC60958_Channel_Stats[3], h.IEC60958_Channel_Stats[4], h.Rolling_Sample_Data_Size_Total);
+  emit(out,
+       "counter=%ld,tmr=%ld,now=%ld,availsum=%.1f,delaysum=%.1f,samples=%.1f,maxavail=%ld,maxdelay=%ld,"
+       "minavail=%ld,mindelay=%ld,badavail=%ld,baddelay=%ld\n",
+       c->counter, static_cast<long>(c->tmr), static_cast<long>(c->now), static_cast<double>(c->availsum),
+       static_cast<double>(c->delaysum), static_cast<double>(c->samples), c->maxavail, c->maxdelay, c->minavail,
+       c->mindelay, c->badavail, c->baddelay);
+  emit(out, "init=%d,runtime=%ld,read_count=%llu\n", c->init, c->runtime,
+       static_cast<unsigned long long>(c->read_count));
+  emit(out,
+       "totalIOLatency=%ld,availFrmInRingBuf=%ld,maxFrmNum=%d,minFrmNum=%d,incStartNum=%d,incStopNum=%d,"
+       "decStartNum=%d,decStopNum=%d\n",
+       c->totalIOLatency, c->availFrmInRingBuf, c->maxFrmNum, c->minFrmNum, c->incStartNum, c->incStopNum,
+       c->decStartNum, c->decStopNum);
+  emit(out,
+       "sumLatency=%llu,latencyCnt=%llu,clifd=%d,mclkState=%s,lastAdjustAvg=%llu,lastAdjustCnt=%llu,"
+       "adjustWaitCnt=%llu,oneSecondCnt=%llu\n",
+       static_cast<unsigned long long>(c->sumLatency), static_cast<unsigned long long>(c->latencyCnt), c->clifd,
+       get_mclk_status(c->mclkState), static_cast<unsigned long long>(c->lastAdjustAvg),
+       static_cast<unsigned long long>(c->lastAdjustCnt), static_cast<unsigned long long>(c->adjustWaitCnt),
+       static_cast<unsigned long long>(c->oneSecondCnt));
+  if (c->arrChunkNum != nullptr) {
+    const size_t shown = c->latencyCnt < QB_AUDIO_LATENCY_HISTORY ? c->latencyCnt : QB_AUDIO_LATENCY_HISTORY;
+    for (size_t i = 0; i < shown; ++i) {
+      emit(out, "arrChunkNum[%zu]=%zu\n", i, c->arrChunkNum[i]);
+    }
+  }
+  emit(out, "pAudBuf=%p,asyncStart=%d,asyncStartNum=%d,ahandler=%p,startRecv=%d,syncSend=%d\n",
+       static_cast<void*>(c->pAudBuf), c->asyncStart, c->asyncStartNum, static_cast<void*>(c->ahandler),
+       c->startRecv, c->syncSend);
+  emit(out, "rollingSampleDataSizeTotal=%u,pktDelayMicrosecond=%d,pktSize=%d\n", c->rollingSampleDataSizeTotal,
+       c->pktDelayMicrosecond, c->pktSize);
+  emit(out, "tsStartCapture=%ld.%09ld,chunkCountCapture=%u,tsStartPlay=%ld.%09ld,chunkCountPlay=%u\n",
+       static_cast<long>(c->tsStartCapture.tv_sec), c->tsStartCapture.tv_nsec, c->chunkCountCapture,
+       static_cast<long>(c->tsStartPlay.tv_sec), c->tsStartPlay.tv_nsec, c->chunkCountPlay);
+}
+
+}  // namespace
+
+void dump_audio_ctrl(qb_audio_oper_ctrl_t* ctrl) {
+  if (ctrl == nullptr) {
+    return;
+  }
+  AM_LOG_INFO("dump audio ctrl begin");
+  dump_lines(ctrl, dump_sink_t{nullptr});
+}
+
+void dump_audio_ctrl1(qb_audio_oper_ctrl_t* ctrl, FILE* file) {
+  if (ctrl == nullptr || file == nullptr) {
+    return;
+  }
+  dump_lines(ctrl, dump_sink_t{file});
+}
