@@ -1,0 +1,243 @@
+// I2C transfers on the three backends: emulated register file with its log, the i2c-dev request
+// on a character device, and the in-process override; failure texts and results.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "am_i2c_fake.h"
+#include "am_test_env.h"
+#include "i2c_device.h"
+
+namespace {
+
+constexpr const char* kBus = "/dev/i2c-2";
+
+// Byte at an offset of the emulated register file (-1 past its end).
+int file_byte(const std::string& path, size_t offset) {
+  const std::string content = am_test::read_file(path);
+  return offset < content.size() ? static_cast<unsigned char>(content[offset]) : -1;
+}
+
+struct EmulatedBus : ::testing::Test {
+  EmulatedBus() : root({"dev"}) {}
+  void with_log() { ASSERT_TRUE(root.write(std::string(kBus) + ".log", "")); }
+  std::string log() const { return am_test::read_file(root.at(kBus) + ".log"); }
+  am_test::TempRoot root;
+};
+
+}  // namespace
+
+TEST_F(EmulatedBus, WriteThenReadBackThroughTheRegisterFile) {
+  with_log();
+  const qb_u8_t v = 0xAB;
+  EXPECT_EQ(I2C_Device_Write(kBus, 0x48, 0x52, &v, 1), 0);
+  EXPECT_EQ(file_byte(root.at(kBus), 0x48 * 256 + 0x52), 0xAB);
+  qb_u8_t got = 0;
+  EXPECT_EQ(I2C_Device_Read(kBus, 0x48, 0x52, &got, 1), 0);
+  EXPECT_EQ(got, 0xAB);
+  EXPECT_EQ(log(), "W 48 52 AB\nR 48 52 AB\n");
+}
+
+TEST_F(EmulatedBus, MultiByteAndUnwrittenRegisters) {
+  with_log();
+  const qb_u8_t data[3] = {0x01, 0x0A, 0xFF};
+  EXPECT_EQ(I2C_Device_Write(kBus, 0x60, 0x10, data, 3), 0);
+  qb_u8_t got[4] = {9, 9, 9, 9};
+  EXPECT_EQ(I2C_Device_Read(kBus, 0x60, 0x10, got, 4), 0);
+  EXPECT_EQ(std::vector<qb_u8_t>(got, got + 4), (std::vector<qb_u8_t>{0x01, 0x0A, 0xFF, 0x00}));
+  qb_u8_t far = 7;
+  EXPECT_EQ(I2C_Device_Read(kBus, 0x7F, 0xFF, &far, 1), 0);  // past the end of the file
+  EXPECT_EQ(far, 0);
+  EXPECT_EQ(log(), "W 60 10 01 0A FF\nR 60 10 01 0A FF 00\nR 7F FF 00\n");
+}
+
+TEST_F(EmulatedBus, WordRegisters) {
+  with_log();
+  const qb_u8_t data[2] = {0x5A, 0xA5};
+  EXPECT_EQ(I2C_Device_Write_Word_Reg(kBus, 0x50, 0x1234, data, 2), 0);
+  EXPECT_EQ(file_byte(root.at(kBus), 32768 + 0x50 * 65536 + 0x1234), 0x5A);
+  EXPECT_EQ(file_byte(root.at(kBus), 32768 + 0x50 * 65536 + 0x1235), 0xA5);
+  qb_u8_t got[2] = {};
+  EXPECT_EQ(I2C_Device_Read_Word_Reg(kBus, 0x50, 0x1234, got, 2), 0);
+  EXPECT_EQ(got[0], 0x5A);
+  EXPECT_EQ(got[1], 0xA5);
+  EXPECT_EQ(log(), "W 50 1234 5A A5\nR 50 1234 5A A5\n");
+}
+
+TEST_F(EmulatedBus, NoLogFileNoLog) {
+  const qb_u8_t v = 1;
+  EXPECT_EQ(I2C_Device_Write(kBus, 0x48, 0x10, &v, 1), 0);
+  EXPECT_EQ(access(root.at(std::string(kBus) + ".log").c_str(), F_OK), -1);
+}
+
+TEST_F(EmulatedBus, AddressBeyondSevenBitsIsAFailedTransfer) {
+  const qb_u8_t v = 1;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(I2C_Device_Write(kBus, 0x80, 0x10, &v, 1), -2);
+  qb_u8_t got = 0;
+  EXPECT_EQ(I2C_Device_Read(kBus, 0x85, 0x10, &got, 1), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Unable to send data\nI2c_Write Failed at addr=[0x80]\n"
+            "Unable to send data\nI2c_Read Failed at addr=[0x85]\n");
+}
+
+TEST_F(EmulatedBus, OpenFailureAndNullPath) {
+  const qb_u8_t v = 1;
+  qb_u8_t got = 0;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(I2C_Device_Write("/no/such/dir/i2c-9", 0x48, 0x10, &v, 1), -1);
+  EXPECT_EQ(I2C_Device_Read("/no/such/dir/i2c-9", 0x48, 0x10, &got, 1), -1);
+  EXPECT_EQ(I2C_Device_Write(nullptr, 0x48, 0x10, &v, 1), -1);
+  EXPECT_EQ(I2C_Device_Read_Word_Reg(nullptr, 0x48, 0x10, &got, 1), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Unable to open i2c control file\nUnable to open i2c control file\n"
+            "filepath is null\nfilepath is null\n");
+}
+
+// A character device that does not understand I2C_RDWR: the board backend reports a failed
+// transfer (the address is printed with %2x, so a small one is space-padded).
+TEST_F(EmulatedBus, CharacterDeviceWithoutI2cSupportFailsTheTransfer) {
+  ASSERT_EQ(symlink("/dev/null", root.at("/dev/i2c-7").c_str()), 0);
+  const qb_u8_t v = 1;
+  qb_u8_t got = 0;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(I2C_Device_Write("/dev/i2c-7", 0x05, 0x10, &v, 1), -2);
+  EXPECT_EQ(I2C_Device_Read("/dev/i2c-7", 0x48, 0x10, &got, 1), -1);
+  EXPECT_EQ(I2C_Device_Write_Word_Reg("/dev/i2c-7", 0x48, 0x10, &v, 1), -2);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Unable to send data\nI2c_Write Failed at addr=[0x 5]\n"
+            "Unable to send data\nI2c_Read Failed at addr=[0x48]\n"
+            "Unable to send data\nI2c_Write Failed at addr=[0x48]\n");
+}
+
+namespace {
+
+struct HookLog {
+  std::vector<std::string> paths;
+  std::vector<int> nmsgs;
+  std::vector<int> widths;
+  std::vector<std::vector<qb_u8_t>> first_msg;
+  int result = 0;
+};
+
+int recording_hook(const char* path, struct i2c_msg* msgs, int nmsgs, void* ctx) {
+  HookLog* log = static_cast<HookLog*>(ctx);
+  log->paths.push_back(path);
+  log->nmsgs.push_back(nmsgs);
+  log->widths.push_back(am_i2c_current_reg_width());
+  log->first_msg.emplace_back(msgs[0].buf, msgs[0].buf + msgs[0].len);
+  if (nmsgs == 2 && (msgs[1].flags & I2C_M_RD) != 0) {
+    for (int i = 0; i < msgs[1].len; ++i) msgs[1].buf[i] = static_cast<qb_u8_t>(0xC0 + i);
+  }
+  return log->result;
+}
+
+// Removes the hook even when an assertion ends the test early.
+struct HookGuard {
+  explicit HookGuard(HookLog* log) { am_i2c_set_transfer_override(recording_hook, log); }
+  ~HookGuard() { am_i2c_set_transfer_override(nullptr, nullptr); }
+};
+
+}  // namespace
+
+TEST(I2cOverride, SeesBoardPathsAndMessages) {
+  HookLog log;
+  HookGuard guard(&log);
+  const qb_u8_t data[2] = {0x11, 0x22};
+  EXPECT_EQ(I2C_Device_Write(kBus, 0x48, 0x52, data, 2), 0);
+  EXPECT_EQ(I2C_Device_Write_Word_Reg(kBus, 0x48, 0xABCD, data, 1), 0);
+  qb_u8_t got[2] = {};
+  EXPECT_EQ(I2C_Device_Read(kBus, 0x60, 0x07, got, 2), 0);
+  EXPECT_EQ(got[1], 0xC1);
+  ASSERT_EQ(log.paths.size(), 3u);
+  EXPECT_EQ(log.paths[0], kBus);
+  EXPECT_EQ(log.first_msg[0], (std::vector<qb_u8_t>{0x52, 0x11, 0x22}));
+  EXPECT_EQ(log.first_msg[1], (std::vector<qb_u8_t>{0xAB, 0xCD, 0x11}));
+  EXPECT_EQ(log.first_msg[2], (std::vector<qb_u8_t>{0x07}));
+  EXPECT_EQ(log.widths, (std::vector<int>{1, 2, 1}));
+  EXPECT_EQ(log.nmsgs, (std::vector<int>{1, 1, 2}));
+}
+
+TEST(I2cOverride, FailureResultsAndTexts) {
+  HookLog log;
+  log.result = -1;
+  HookGuard guard(&log);
+  const qb_u8_t v = 0;
+  qb_u8_t got = 0;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(I2C_Device_Write(kBus, 0x48, 0x52, &v, 1), -2);
+  EXPECT_EQ(I2C_Device_Read(kBus, 0x48, 0x52, &got, 1), -1);
+  EXPECT_EQ(I2C_Device_Read_Word_Reg(kBus, 0x48, 0x52, &got, 1), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Unable to send data\nI2c_Write Failed at addr=[0x48]\n"
+            "Unable to send data\nI2c_Read Failed at addr=[0x48]\n"
+            "Unable to send data\nI2c_Read Failed at addr=[0x48]\n");
+}
+
+TEST(I2cFake, RegisterMapAndWrites) {
+  am_test::I2cFake bus;
+  bus.set_reg(kBus, 0x48, 0x52, 0xFF);
+  qb_u8_t got = 0;
+  EXPECT_EQ(I2C_Device_Read(kBus, 0x48, 0x52, &got, 1), 0);
+  EXPECT_EQ(got, 0xFF);
+  const qb_u8_t data[2] = {0xBF, 0x02};
+  EXPECT_EQ(I2C_Device_Write(kBus, 0x48, 0x52, data, 2), 0);
+  EXPECT_EQ(I2C_Device_Write("/dev/i2c-1", 0x60, 0x03, data, 1), 0);
+  EXPECT_EQ(bus.reg(kBus, 0x48, 0x53), 0x02);
+  EXPECT_EQ(bus.writes(kBus, 0x48), (am_test::I2cFake::RegWrites{{0x52, 0xBF}, {0x53, 0x02}}));
+  EXPECT_EQ(bus.writes("/dev/i2c-1", 0x60), (am_test::I2cFake::RegWrites{{0x03, 0xBF}}));
+  EXPECT_EQ(bus.transfer_count(kBus, 0x48), 2u);
+  const auto recs = bus.records();
+  ASSERT_EQ(recs.size(), 3u);
+  EXPECT_TRUE(recs[0].is_read);
+  EXPECT_EQ(recs[0].bytes, (std::vector<uint8_t>{0xFF}));
+  EXPECT_FALSE(recs[1].is_read);
+  bus.clear_records();
+  EXPECT_TRUE(bus.records().empty());
+}
+
+TEST(I2cFake, FailureInjectionAndWrongReadBack) {
+  am_test::I2cFake bus;
+  const qb_u8_t v = 0x40;
+  qb_u8_t got = 0;
+  bus.fail_next_writes(2);
+  bus.fail_next_reads(1);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(I2C_Device_Write(kBus, 0x48, 0x11, &v, 1), -2);
+  EXPECT_EQ(I2C_Device_Read(kBus, 0x48, 0x11, &got, 1), -1);
+  EXPECT_EQ(I2C_Device_Write(kBus, 0x48, 0x11, &v, 1), -2);
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(I2C_Device_Write(kBus, 0x48, 0x11, &v, 1), 0);
+  EXPECT_EQ(bus.writes(kBus, 0x48), (am_test::I2cFake::RegWrites{{0x11, 0x40}}));
+  const auto recs = bus.records();
+  ASSERT_EQ(recs.size(), 4u);
+  EXPECT_FALSE(recs[0].ok);
+  EXPECT_FALSE(recs[1].ok);
+  EXPECT_TRUE(recs[3].ok);
+
+  bus.set_read_value(kBus, 0x48, 0x11, 0x41);
+  EXPECT_EQ(I2C_Device_Read(kBus, 0x48, 0x11, &got, 1), 0);
+  EXPECT_EQ(got, 0x41);
+  EXPECT_EQ(bus.reg(kBus, 0x48, 0x11), 0x40);
+  bus.clear_read_value(kBus, 0x48, 0x11);
+  EXPECT_EQ(I2C_Device_Read(kBus, 0x48, 0x11, &got, 1), 0);
+  EXPECT_EQ(got, 0x40);
+}
+
+TEST(I2cFake, WordRegistersAndRemovalRestoresBackends) {
+  am_test::TempRoot root({"dev"});
+  {
+    am_test::I2cFake bus;
+    const qb_u8_t v = 9;
+    EXPECT_EQ(I2C_Device_Write_Word_Reg(kBus, 0x50, 0x0102, &v, 1), 0);
+    EXPECT_EQ(bus.writes(kBus, 0x50), (am_test::I2cFake::RegWrites{{0x0102, 9}}));
+    EXPECT_EQ(access(root.at(kBus).c_str(), F_OK), -1);
+  }
+  const qb_u8_t v = 3;
+  EXPECT_EQ(I2C_Device_Write(kBus, 0x48, 0x00, &v, 1), 0);
+  EXPECT_EQ(file_byte(root.at(kBus), 0x48 * 256), 3);
+}
