@@ -1,0 +1,518 @@
+// The routing singleton and the channel table: one audio-format record per channel id, its status
+// flag, the format-code tables and the dump and compare helpers.
+#include "qb_audio_misc.h"
+
+#include <unistd.h>
+
+#include <cstring>
+#include <mutex>
+
+#include "am_log.h"
+#include "qb_audio_misc_private.h"
+#include "qb_audio_misc_spdif.h"
+#include "qb_audio_misc_stream.h"
+
+namespace {
+
+qb_audio_misc_main_ctrl_t g_misc;
+// Guards the channel records, their status flags and the receiver's last accepted format.
+std::mutex g_channel_lock;
+// Guards the address and device-id texts of the network streams.
+std::mutex g_ipaddr_lock;
+
+// One row of the channel table: slot, status flag, dump name, matrix source value.
+struct channel_row_t {
+  qb_audio_info misc_channel_state_t::*slot;
+  qb_s32_t misc_channel_state_t::*status;
+  const char* name;
+  int matrix_src;
+};
+
+constexpr channel_row_t kChannelTable[QB_AUDIO_CHN_COUNT] = {
+    {&misc_channel_state_t::analog, &misc_channel_state_t::analog_status, "analog", 2},
+    {&misc_channel_state_t::earc, &misc_channel_state_t::earc_status, "earc", 1},
+    {&misc_channel_state_t::video, &misc_channel_state_t::video_status, "video", 3},
+    {&misc_channel_state_t::dsp, &misc_channel_state_t::dsp_status, "dsp", 8},
+    {&misc_channel_state_t::spdif, &misc_channel_state_t::spdif_status, "spdif", 9},
+    {&misc_channel_state_t::net_stream_in1, &misc_channel_state_t::sai1_status, "nsi1", 4},
+    {&misc_channel_state_t::net_stream_in3, &misc_channel_state_t::sai3_status, "nsi3", 5},
+    {&misc_channel_state_t::net_stream_in5, &misc_channel_state_t::sai5_status, "nsi5", 6},
+    {&misc_channel_state_t::net_stream_in_spdif, &misc_channel_state_t::spdif_in_status,
+     "nsispdif", 0},
+    {&misc_channel_state_t::net_stream_out1, &misc_channel_state_t::sao1_status, "nso1", 0},
+    {&misc_channel_state_t::net_stream_out3, &misc_channel_state_t::sao3_status, "nso3", 0},
+    {&misc_channel_state_t::net_stream_out5, &misc_channel_state_t::sao5_status, "nso5", 0},
+    {&misc_channel_state_t::net_stream_out_spdif, &misc_channel_state_t::spdif_out_status,
+     "nsospdif", 0},
+};
+
+struct code_hz_t {
+  int code;
+  int hz;
+};
+
+// Sample-frequency codes (IEC 60958-3 channel-status byte 3).
+constexpr code_hz_t kSampleFrequencyCodes[] = {
+    {0, 44100}, {1, 0},      {2, 48000}, {3, 32000},   {4, 22050},   {6, 24000},
+    {8, 88200}, {9, 768000}, {10, 96000}, {12, 176400}, {14, 192000},
+};
+// Raw sampling-frequency nibble of the S/PDIF receiver.
+constexpr code_hz_t kSpdifReceiverCodes[] = {
+    {0, 44100}, {1, 88200}, {3, 176400}, {4, 48000}, {5, 96000}, {7, 192000},
+};
+// Codes a channel may carry to be played (the ones the PCM devices take).
+constexpr code_hz_t kPlayableFrequencyCodes[] = {
+    {0, 44100}, {2, 48000}, {8, 88200}, {10, 96000}, {12, 176400}, {14, 192000},
+};
+// CEA-861 short-audio-descriptor rate bit of a sample-frequency code.
+constexpr code_hz_t kSampleRateMask[] = {
+    {0, 2}, {2, 4}, {3, 1}, {8, 8}, {10, 16}, {12, 32}, {14, 64},
+};
+constexpr int kSampleRateMaskDefault = 4;
+constexpr int kValidChannelCounts[] = {2, 4, 6, 8};
+constexpr int kDefaultValidCh = 2;
+
+struct type_range_t {
+  int first;
+  int last;
+  int format;
+};
+// Audio-format number of a decoder type value.
+constexpr type_range_t kAudioTypeRanges[] = {
+    {0, 1, 6}, {2, 2, 2}, {3, 3, 10}, {4, 4, 12}, {5, 10, 10}, {11, 15, 7}, {16, 40, 11},
+};
+
+// Channels that get the default record at start, in this order.
+constexpr int kDefaultChannels[] = {1, 2, 3, 4, 5, 6, 7, 8, 10, 11, 12};
+// Two-channel 48 kHz 24-bit LPCM.
+constexpr qb_audio_info kDefaultRecord = {
+    1, 2, 2, 24, 2, 0, 0, 0, static_cast<qb_s8_t>(QB_AUDIO_TYPE_LPCM), 0,
+    {0x11, 0x0F, 0, 0, 0}, {0, 0, 2, 2, 0x0B}};
+// AUD_DB[0] of the dsp record at start: no decoder type known yet.
+constexpr qb_s8_t kDspAudDbUnknown = static_cast<qb_s8_t>(0xFF);
+// Matrix source value of the S/PDIF-type network output at start (S/PDIF input).
+constexpr qb_s32_t kNetSpdifOutSrcDefault = 9;
+constexpr qb_s32_t kNetStreamFirstDefault = 1;
+constexpr qb_s32_t kNetStreamSecondDefault = 2;
+constexpr qb_s32_t kNetStreamThirdDefault = 3;
+// Pause after each dump line so a reader of the dump file keeps up.
+constexpr useconds_t kDumpPauseUs = 2000;
+
+bool channel_id_valid(int ch) { return ch >= QB_AUDIO_CHN_MIN && ch <= QB_AUDIO_CHN_MAX; }
+
+const channel_row_t* channel_row(int ch) {
+  return channel_id_valid(ch) ? &kChannelTable[ch - 1] : nullptr;
+}
+
+qb_audio_info* slot_of(int ch) {
+  const channel_row_t* row = channel_row(ch);
+  return row == nullptr ? nullptr : &(g_misc.channel_state.*(row->slot));
+}
+
+qb_s32_t* status_of(int ch) {
+  const channel_row_t* row = channel_row(ch);
+  return row == nullptr ? nullptr : &(g_misc.channel_state.*(row->status));
+}
+
+bool lookup_hz(const code_hz_t* table, size_t n, int code, int* hz) {
+  for (size_t i = 0; i < n; ++i) {
+    if (table[i].code == code) {
+      *hz = table[i].hz;
+      return true;
+    }
+  }
+  return false;
+}
+
+template <size_t N>
+bool lookup_hz(const code_hz_t (&table)[N], int code, int* hz) {
+  return lookup_hz(table, N, code, hz);
+}
+
+qb_u8_t u8(qb_s8_t v) { return static_cast<qb_u8_t>(v); }
+
+const char* audio_type_name(qb_u8_t type) {
+  switch (type) {
+    case QB_AUDIO_TYPE_LPCM:
+      return "LPCM";
+    case QB_AUDIO_TYPE_HBR:
+      return "HBR";
+    case QB_AUDIO_TYPE_NLPCM:
+      return "NLPCM";
+    case QB_AUDIO_TYPE_DSD:
+      return "DSD";
+    default:
+      return "UNKNOWN";
+  }
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Module-internal access
+// ---------------------------------------------------------------------------------------------
+qb_audio_misc_main_ctrl_t& qb_audio_misc_ctrl() { return g_misc; }
+std::mutex& qb_audio_misc_channel_lock() { return g_channel_lock; }
+std::mutex& qb_audio_misc_ipaddr_lock() { return g_ipaddr_lock; }
+
+int qb_audio_channel_state_copy_chn(int dst, int src) {
+  qb_audio_info* to = slot_of(dst);
+  const qb_audio_info* from = slot_of(src);
+  if (to == nullptr || from == nullptr) {
+    return 0;
+  }
+  std::lock_guard<std::mutex> lock(g_channel_lock);
+  *to = *from;
+  return 1;
+}
+
+int qb_audio_channel_state_store(int ch, const qb_audio_info* info) {
+  qb_audio_info* slot = slot_of(ch);
+  if (slot == nullptr || info == nullptr) {
+    return 0;
+  }
+  const qb_audio_info copy = *info;
+  std::lock_guard<std::mutex> lock(g_channel_lock);
+  *slot = copy;
+  return 1;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Start and stop
+// ---------------------------------------------------------------------------------------------
+int qb_audio_misc_init(void) {
+  {
+    std::lock_guard<std::mutex> channels(g_channel_lock);
+    std::lock_guard<std::mutex> addresses(g_ipaddr_lock);
+    std::memset(&g_misc, 0, sizeof g_misc);
+  }
+  misc_word_set(g_misc.net_spdif_out_src, kNetSpdifOutSrcDefault);
+  misc_word_set(g_misc.net_stream.first, kNetStreamFirstDefault);
+  misc_word_set(g_misc.net_stream.second, kNetStreamSecondDefault);
+  misc_word_set(g_misc.net_stream.third, kNetStreamThirdDefault);
+  for (int ch : kDefaultChannels) {
+    qb_audio_channel_state_set(ch, &kDefaultRecord);
+  }
+  qb_misc_nxp_spdif_register_map_init();
+  {
+    std::lock_guard<std::mutex> lock(g_channel_lock);
+    g_misc.channel_state.dsp.AUD_DB[0] = kDspAudDbUnknown;
+  }
+  misc_word_set(g_misc.it6621_mode, 0);
+  return 1;
+}
+
+int qb_audio_misc_uninit(void) {
+  qb_misc_nxp_spdif_register_map_uninit();
+  AM_LOG_INFO("spdif register map uninit");
+  AM_LOG_INFO("%s", __func__);
+  return 1;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Channel table
+// ---------------------------------------------------------------------------------------------
+qb_audio_info* qb_audio_channel_state_get(int ch) {
+  qb_audio_info* slot = slot_of(ch);
+  if (slot == nullptr) {
+    AM_LOG_ERROR("invalid audio channel:%d", ch);
+  }
+  return slot;
+}
+
+int qb_audio_channel_state_set(int ch, const qb_audio_info* info) {
+  if (info == nullptr) {
+    return 0;
+  }
+  const qb_audio_info copy = *info;
+  int result = 1;
+  qb_audio_info* slot = slot_of(ch);
+  if (slot == nullptr) {
+    AM_LOG_ERROR("invalid audio channel:%d", ch);
+    result = 0;
+  } else {
+    std::lock_guard<std::mutex> lock(g_channel_lock);
+    *slot = copy;
+  }
+  qb_misc_audio_status_valid_set(ch, 1);
+  dump_channel_stat(ch, &copy);
+  return result;
+}
+
+int qb_audio_channel_state_copy(int ch, qb_audio_info* out) {
+  const qb_audio_info* slot = slot_of(ch);
+  if (slot == nullptr || out == nullptr) {
+    return 0;
+  }
+  std::lock_guard<std::mutex> lock(g_channel_lock);
+  *out = *slot;
+  return 1;
+}
+
+int qb_audio_channel_state_reset(int ch) {
+  qb_audio_info* slot = slot_of(ch);
+  if (slot == nullptr) {
+    AM_LOG_ERROR("invalid audio channel:%d", ch);
+    return -1;
+  }
+  std::lock_guard<std::mutex> lock(g_channel_lock);
+  std::memset(slot->ChStat, 0, sizeof slot->ChStat);
+  return 0;
+}
+
+int qb_misc_audio_status_valid_set(int ch, int value) {
+  qb_s32_t* status = status_of(ch);
+  if (status != nullptr) {
+    misc_word_set(*status, static_cast<qb_s32_t>(value));
+  }
+  return 0;
+}
+
+int qb_misc_audio_status_valid_get(int ch) {
+  const qb_s32_t* status = status_of(ch);
+  return status == nullptr ? 0 : misc_word_get(*status);
+}
+
+int is_qb_audio_channel_state_valid(const qb_audio_info* info) {
+  if (info == nullptr) {
+    return 0;
+  }
+  int hz = 0;
+  if (!lookup_hz(kPlayableFrequencyCodes, u8(info->SampleFrequency), &hz)) {
+    AM_LOG_ERROR("%s,sample frequency=%d error", __func__, u8(info->SampleFrequency));
+    return 0;
+  }
+  if (u8(info->SampleSize) != 16 && u8(info->SampleSize) != 24) {
+    AM_LOG_ERROR("%s,sample size:%d error", __func__, u8(info->SampleSize));
+    return 0;
+  }
+  switch (u8(info->Audio_Type)) {
+    case QB_AUDIO_TYPE_LPCM:
+    case QB_AUDIO_TYPE_NLPCM:
+    case QB_AUDIO_TYPE_DSD:
+    case QB_AUDIO_TYPE_HBR:
+      return 1;
+    default:
+      AM_LOG_ERROR("%s,audio type:%d error", __func__, u8(info->Audio_Type));
+      return 0;
+  }
+}
+
+int qb_audio_channel_state_validch_get(int ch, int* validch) {
+  qb_audio_info rec;
+  if (validch == nullptr || !qb_audio_channel_state_copy(ch, &rec)) {
+    return 0;
+  }
+  const int count = u8(rec.ValidCh);
+  for (int accepted : kValidChannelCounts) {
+    if (count == accepted) {
+      *validch = count;
+      AM_LOG_INFO("ch=%d valid ch num:%d", ch, count);
+      return 1;
+    }
+  }
+  *validch = kDefaultValidCh;
+  return 0;
+}
+
+int qb_audio_channel_state_samplefreq_get(int ch, int* freq) {
+  qb_audio_info rec;
+  if (freq == nullptr || !qb_audio_channel_state_copy(ch, &rec)) {
+    return 0;
+  }
+  int hz = 0;
+  if (!lookup_hz(kPlayableFrequencyCodes, u8(rec.SampleFrequency), &hz)) {
+    return 0;
+  }
+  *freq = hz;
+  AM_LOG_INFO("ch=%d sample frequency:%d", ch, hz);
+  return 1;
+}
+
+int qb_audio_channel_state_compare(const qb_audio_info* a, const qb_audio_info* b) {
+  return (a != nullptr && b != nullptr) ? 1 : 0;
+}
+
+int cmp_aiinfo(const qb_audio_info* a, const qb_audio_info* b) {
+  if (a == nullptr || b == nullptr) {
+    return 1;
+  }
+  qb_audio_info ca = *a;
+  qb_audio_info cb = *b;
+  // The InfoFrame bytes are ignored for anything but LPCM.
+  if (u8(cb.Audio_Type) != QB_AUDIO_TYPE_LPCM) {
+    std::memset(ca.AUD_DB, 0, sizeof ca.AUD_DB);
+    std::memset(cb.AUD_DB, 0, sizeof cb.AUD_DB);
+  }
+  return std::memcmp(&ca, &cb, sizeof ca) != 0 ? 1 : 0;
+}
+
+int qb_audio_channel_state_id_switch(int ch) {
+  const channel_row_t* row = channel_row(ch);
+  return row == nullptr ? 0 : row->matrix_src;
+}
+
+int get_sample_frequency2(int ch, int code) {
+  int hz = 0;
+  if (!lookup_hz(kSampleFrequencyCodes, code, &hz)) {
+    AM_LOG_WARN("chn:%d , samplefrequency:%d invalid", ch, code);
+    return 0;
+  }
+  return hz;
+}
+
+int get_sample_frequency(int ch, int code) {
+  if (ch != QB_AUDIO_CHN_SPDIF) {
+    return get_sample_frequency2(ch, code);
+  }
+  int hz = 0;
+  if (!lookup_hz(kSpdifReceiverCodes, code, &hz)) {
+    AM_LOG_WARN("chn:%d , samplefrequency:%d invalid", ch, code);
+    return 0;
+  }
+  return hz;
+}
+
+int get_audio_samplerate1(int code) {
+  int mask = 0;
+  return lookup_hz(kSampleRateMask, code, &mask) ? mask : kSampleRateMaskDefault;
+}
+
+int get_audio_type(int value) {
+  for (const type_range_t& range : kAudioTypeRanges) {
+    if (value >= range.first && value <= range.last) {
+      return range.format;
+    }
+  }
+  return 0;
+}
+
+int is_qb_audio_output_mute(const qb_audio_info* info) {
+  if (info == nullptr || u8(info->Audio_Type) != QB_AUDIO_TYPE_LPCM) {
+    return 1;
+  }
+  return u8(info->ValidCh) > 2 ? 1 : 0;
+}
+
+int is_qb_audio_output_mute_from_ch(int ch) {
+  qb_audio_info rec;
+  if (!qb_audio_channel_state_copy(ch, &rec)) {
+    return 0;
+  }
+  AM_LOG_INFO("%s,%02x,%02x,%02x,%02x", __func__, u8(rec.Audio_Type), u8(rec.SampleFrequency),
+              u8(rec.ValidCh), u8(rec.SampleSize));
+  return is_qb_audio_output_mute(&rec);
+}
+
+const char* qb_audio_channel_name(int ch) {
+  const channel_row_t* row = channel_row(ch);
+  return row == nullptr ? "unknown" : row->name;
+}
+
+const char* qb_audio_matrix_source_name(int src) {
+  static constexpr const char* kNames[] = {"it6620", "pcm1804", "hdmi in",  "sai1",    "sai3",
+                                           "sai5",   "sai6",    "dsp dao", "spdif in"};
+  if (src < 1 || src > static_cast<int>(sizeof kNames / sizeof kNames[0])) {
+    return "UNKNOWN";
+  }
+  return kNames[src - 1];
+}
+
+// ---------------------------------------------------------------------------------------------
+// Dumps
+// ---------------------------------------------------------------------------------------------
+void dump_channel_stat(int ch, const qb_audio_info* info) {
+  if (info == nullptr) {
+    AM_LOG_ERROR("param invalid");
+    return;
+  }
+  const qb_audio_info r = *info;
+  AM_LOG_INFO(
+      "chn:[%s][%d],Audio_On:%d,SampleFrequency:%d,ValidCh:%d,SampleSize:%d,io_in_use:%d,"
+      "enable_upstream:%d,DownSampling:%d,Mode16bits:%d,Audio_Type:[%d-%s],bSPDIF:%d,"
+      "aud_db-0x[%02x-%02x-%02x-%02x-%02x]chn stat-0x[%02x-%02x-%02x-%02x-%02x]",
+      qb_audio_channel_name(ch), ch, u8(r.Audio_On), get_sample_frequency2(ch, u8(r.SampleFrequency)),
+      u8(r.ValidCh), u8(r.SampleSize), u8(r.io_in_use), u8(r.enable_upstream), u8(r.DownSampling),
+      u8(r.Mode16bits), u8(r.Audio_Type), audio_type_name(u8(r.Audio_Type)), u8(r.bSPDIF),
+      u8(r.AUD_DB[0]), u8(r.AUD_DB[1]), u8(r.AUD_DB[2]), u8(r.AUD_DB[3]), u8(r.AUD_DB[4]),
+      u8(r.ChStat[0]), u8(r.ChStat[1]), u8(r.ChStat[2]), u8(r.ChStat[3]), u8(r.ChStat[4]));
+}
+
+void dump_channel_stat2file(FILE* fp, int ch, const qb_audio_info* info) {
+  if (fp == nullptr || info == nullptr) {
+    return;
+  }
+  const qb_audio_info r = *info;
+  std::fprintf(
+      fp,
+      "chn:[%s][%d],Audio_On:%d,SampleFrequency:%d,ValidCh:%d,SampleSize:%d,io_in_use:%d,"
+      "enable_upstream:%d,DownSampling:%d,Mode16bits:%d,Audio_Type:%d,bSPDIF:%d,"
+      "aud_db-0x[%02x-%02x-%02x-%02x-%02x]chn stat-0x[%02x-%02x-%02x-%02x-%02x]\n",
+      qb_audio_channel_name(ch), ch, u8(r.Audio_On), get_sample_frequency2(ch, u8(r.SampleFrequency)),
+      u8(r.ValidCh), u8(r.SampleSize), u8(r.io_in_use), u8(r.enable_upstream), u8(r.DownSampling),
+      u8(r.Mode16bits), u8(r.Audio_Type), u8(r.bSPDIF), u8(r.AUD_DB[0]), u8(r.AUD_DB[1]),
+      u8(r.AUD_DB[2]), u8(r.AUD_DB[3]), u8(r.AUD_DB[4]), u8(r.ChStat[0]), u8(r.ChStat[1]),
+      u8(r.ChStat[2]), u8(r.ChStat[3]), u8(r.ChStat[4]));
+  usleep(kDumpPauseUs);
+}
+
+void channel_stat_printf(const qb_audio_info* info) {
+  if (info == nullptr) {
+    return;
+  }
+  constexpr size_t kSecondLine = 16;
+  const auto* bytes = reinterpret_cast<const qb_u8_t*>(info);
+  for (size_t i = 0; i < sizeof(qb_audio_info); ++i) {
+    if (i == 0 || i == kSecondLine) {
+      std::printf("\n");
+    }
+    std::printf("%02x ", bytes[i]);
+  }
+  std::printf("\n");
+}
+
+void dump_misc_param(FILE* fp) {
+  if (fp == nullptr) {
+    return;
+  }
+  std::fprintf(fp, "dump misc param begin\n");
+  for (int ch = QB_AUDIO_CHN_MIN; ch <= QB_AUDIO_CHN_MAX; ++ch) {
+    qb_audio_info rec;
+    qb_audio_channel_state_copy(ch, &rec);
+    dump_channel_stat2file(fp, ch, &rec);
+  }
+  const int nsi_analog = misc_word_get(g_misc.nsi.analog);
+  const int nsi_hdmi = misc_word_get(g_misc.nsi.hdmi);
+  const int nsi_earc = misc_word_get(g_misc.nsi.earc);
+  const int nsi_spdif = misc_word_get(g_misc.nsi.spdif);
+  std::fprintf(fp, "nsi analog<--%s:%d  hdmi<--%s:%d  earc<--%s:%d  spdif<--%s:%d\n",
+               qb_audio_matrix_source_name(nsi_analog), nsi_analog,
+               qb_audio_matrix_source_name(nsi_hdmi), nsi_hdmi,
+               qb_audio_matrix_source_name(nsi_earc), nsi_earc,
+               qb_audio_matrix_source_name(nsi_spdif), nsi_spdif);
+  std::fprintf(fp, "net_spdif_out_src :%d\n", misc_word_get(g_misc.net_spdif_out_src));
+  net_stream_ipaddr_t ip;
+  qb_misc_net_stream_ipaddr_copy(&ip);
+  std::fprintf(fp, "ipadd sai1:%s deviceid:%s\n", ip.sai1_in_ipaddr, ip.sai1_in_deviceid);
+  std::fprintf(fp, "ipadd sai3:%s deviceid:%s\n", ip.sai3_in_ipaddr, ip.sai3_in_deviceid);
+  std::fprintf(fp, "ipadd sai5:%s deviceid:%s\n", ip.sai5_in_ipaddr, ip.sai5_in_deviceid);
+  std::fprintf(fp, "ipadd sao1:%s deviceid:%s\n", ip.sai1_out_ipaddr, ip.sai1_out_deviceid);
+  std::fprintf(fp, "ipadd sao3:%s deviceid:%s\n", ip.sai3_out_ipaddr, ip.sai3_out_deviceid);
+  std::fprintf(fp, "ipadd sao5:%s deviceid:%s\n", ip.sai5_out_ipaddr, ip.sai5_out_deviceid);
+  const int first = misc_word_get(g_misc.net_stream.first);
+  const int second = misc_word_get(g_misc.net_stream.second);
+  const int third = misc_word_get(g_misc.net_stream.third);
+  std::fprintf(fp, "net_stream first:[%s][%d] second:[%s][%d] third:[%s][%d]\n",
+               qb_audio_output_source_short_name(first), first,
+               qb_audio_output_source_short_name(second), second,
+               qb_audio_output_source_short_name(third), third);
+  std::fprintf(fp, "net_stream_spdif spdif:%d arc:%d\n", misc_word_get(g_misc.spdif.spdif),
+               misc_word_get(g_misc.spdif.arc));
+  std::fprintf(fp, "spdif fd:%d mmap:%p \n", misc_word_get(g_misc.spdif_mreg.fd),
+               static_cast<void*>(misc_word_get(g_misc.spdif_mreg.map_base)));
+  qb_audio_info spdif;
+  qb_misc_audio_spdif_info_copy(&spdif);
+  dump_channel_stat2file(fp, QB_AUDIO_CHN_SPDIF, &spdif);
+  usleep(kDumpPauseUs);
+  std::fprintf(fp, "\n");
+}

@@ -1,0 +1,561 @@
+// Network stream endpoints: addresses and device ids of the six streams, source selections of the
+// three network outputs, group derivation from a peer's MAC, and the start of each output's
+// capture routing.
+#include "qb_audio_misc_stream.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+#include "am_log.h"
+#include "posix_system.h"
+#include "qb_audio_aplay.h"
+#include "qb_audio_misc_fpga.h"
+#include "qb_audio_misc_private.h"
+#include "qb_audio_misc_spdif.h"
+#include "qb_audio_stream.h"
+
+namespace {
+
+constexpr int kStreamCount = 3;
+constexpr int kMacTextLen = 12;
+constexpr int kMacBytes = 6;
+// Longest command line of the network player.
+constexpr size_t kCommandSize = 256;
+constexpr int kDefaultPlayerChannels = 2;
+constexpr int kDefaultPlayerRate = 48000;
+
+// Everything that belongs to one stream id.
+struct stream_row_t {
+  qb_s32_t net_stream_output_sel_t::*selection;
+  int out_channel;
+  char (net_stream_ipaddr_t::*out_ipaddr)[QB_NET_IPADDR_SIZE];
+  char (net_stream_ipaddr_t::*out_deviceid)[QB_NET_DEVICEID_SIZE];
+  int in_channel;
+  char (net_stream_ipaddr_t::*in_ipaddr)[QB_NET_IPADDR_SIZE];
+  char (net_stream_ipaddr_t::*in_deviceid)[QB_NET_DEVICEID_SIZE];
+  const char* in_name;  // name in the input log line
+};
+
+constexpr stream_row_t kStreams[kStreamCount] = {
+    {&net_stream_output_sel_t::first, QB_AUDIO_CHN_NSO1, &net_stream_ipaddr_t::sai1_out_ipaddr,
+     &net_stream_ipaddr_t::sai1_out_deviceid, QB_AUDIO_CHN_NSI1,
+     &net_stream_ipaddr_t::sai1_in_ipaddr, &net_stream_ipaddr_t::sai1_in_deviceid, "in1"},
+    {&net_stream_output_sel_t::second, QB_AUDIO_CHN_NSO5, &net_stream_ipaddr_t::sai5_out_ipaddr,
+     &net_stream_ipaddr_t::sai5_out_deviceid, QB_AUDIO_CHN_NSI5,
+     &net_stream_ipaddr_t::sai5_in_ipaddr, &net_stream_ipaddr_t::sai5_in_deviceid, "in5"},
+    {&net_stream_output_sel_t::third, QB_AUDIO_CHN_NSO3, &net_stream_ipaddr_t::sai3_out_ipaddr,
+     &net_stream_ipaddr_t::sai3_out_deviceid, QB_AUDIO_CHN_NSI3,
+     &net_stream_ipaddr_t::sai3_in_ipaddr, &net_stream_ipaddr_t::sai3_in_deviceid, "in3"},
+};
+
+// Sources a network output may carry.
+constexpr int kOutputSources[] = {QB_AUDIO_SRC_ANALOG, QB_AUDIO_SRC_HDMI, QB_AUDIO_SRC_SPDIF,
+                                  QB_AUDIO_SRC_EARC, QB_AUDIO_SRC_HDMI_DOWNMIX};
+
+constexpr const char* kSourceNames[] = {"analog", "hdmi", "spdif", "earc",
+                                        "stream", "dsp",  "hdmiDownmix"};
+constexpr const char* kSourceShortNames[] = {"analog", "hdmi", "spdif", "earc",
+                                             "stream", "dsp",  "downmix"};
+
+struct int_map_t {
+  int from;
+  int to;
+};
+// Channel id of a local input to its output-source number.
+constexpr int_map_t kChannelToSource[] = {{1, 0}, {2, 3}, {3, 1}, {4, 6}, {5, 2}};
+constexpr int kChannelToSourceNone = -1;
+// Output-source number to the channel id of its local input.
+constexpr int_map_t kSourceToChannel[] = {{0, 1}, {1, 3}, {2, 5}, {3, 2}};
+constexpr int kSourceToChannelDefault = 5;
+
+const stream_row_t* stream_row(int sid) {
+  return (sid >= 0 && sid < kStreamCount) ? &kStreams[sid] : nullptr;
+}
+
+int map_int(const int_map_t* table, size_t n, int from, int fallback) {
+  for (size_t i = 0; i < n; ++i) {
+    if (table[i].from == from) {
+      return table[i].to;
+    }
+  }
+  return fallback;
+}
+
+// Bounded copy that never writes the last byte of the destination (it stays 0).
+template <size_t N>
+void copy_text(char (&dst)[N], const char* src) {
+  if (src == nullptr) {
+    return;
+  }
+  std::strncpy(dst, src, N - 1);
+}
+
+template <size_t N>
+char* snapshot(char (net_stream_ipaddr_t::*member)[N], char (&buf)[N]) {
+  std::lock_guard<std::mutex> lock(qb_audio_misc_ipaddr_lock());
+  std::memcpy(buf, qb_audio_misc_ctrl().ipaddr.*member, N);
+  buf[N - 1] = '\0';
+  return buf;
+}
+
+void set_address(char (net_stream_ipaddr_t::*ipaddr)[QB_NET_IPADDR_SIZE],
+                 char (net_stream_ipaddr_t::*deviceid)[QB_NET_DEVICEID_SIZE], const char* addr,
+                 const char* dev) {
+  std::lock_guard<std::mutex> lock(qb_audio_misc_ipaddr_lock());
+  net_stream_ipaddr_t& ip = qb_audio_misc_ctrl().ipaddr;
+  copy_text(ip.*ipaddr, addr);
+  if (deviceid != nullptr) {
+    copy_text(ip.*deviceid, dev);
+  }
+}
+
+void clear_address(char (net_stream_ipaddr_t::*ipaddr)[QB_NET_IPADDR_SIZE]) {
+  std::lock_guard<std::mutex> lock(qb_audio_misc_ipaddr_lock());
+  std::memset(qb_audio_misc_ctrl().ipaddr.*ipaddr, 0, QB_NET_IPADDR_SIZE);
+}
+
+// One MAC byte from the two characters at pos of a text of length len, read as hexadecimal.
+long mac_piece(const char* mac, size_t len, size_t pos) {
+  char piece[3] = {};
+  for (size_t i = 0; i < 2 && pos + i < len; ++i) {
+    piece[i] = mac[pos + i];
+  }
+  return std::strtol(piece, nullptr, 16);
+}
+
+// A hex digit in either case; anything else counts as 0.
+qb_u8_t SwitchChar(char c) {
+  if (c >= '0' && c <= '9') {
+    return static_cast<qb_u8_t>(c - '0');
+  }
+  if (c >= 'a' && c <= 'f') {
+    return static_cast<qb_u8_t>(c - 'a' + 10);
+  }
+  if (c >= 'A' && c <= 'F') {
+    return static_cast<qb_u8_t>(c - 'A' + 10);
+  }
+  return 0;
+}
+
+qb_audio_misc_main_ctrl_t& misc() { return qb_audio_misc_ctrl(); }
+
+int start_output(const char* function, qb_u8_t route_reg, int dst, int ch) {
+  AM_LOG_INFO("%s ch = %d", function, ch);
+  qb_audio_fpga_ch_route_set(route_reg,
+                             static_cast<qb_u8_t>(qb_audio_channel_state_id_switch(ch)));
+  qb_audio_channel_state_copy_chn(dst, ch);
+  return 1;
+}
+
+// Network output 5 takes an S/PDIF-type source: the source register and all enable bits.
+void select_sao5_spdif_type(qb_u8_t source) {
+  qb_audio_fpga_i2c_write(FPGA_REG_SAO5_SPDIF_SRC, source);
+  qb_audio_fpga_i2c_write(FPGA_REG_OUTPUT_ENABLE2, 0xFF);
+}
+
+void store_receiver_format_in(int ch) {
+  qb_audio_info rec;
+  qb_misc_audio_spdif_info_copy(&rec);
+  qb_audio_channel_state_store(ch, &rec);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Requests
+// ---------------------------------------------------------------------------------------------
+const char* qb_audio_output_source_name(int src) {
+  constexpr int n = static_cast<int>(sizeof kSourceNames / sizeof kSourceNames[0]);
+  return (src >= 0 && src < n) ? kSourceNames[src] : "unknown";
+}
+
+const char* qb_audio_output_source_short_name(int src) {
+  constexpr int n = static_cast<int>(sizeof kSourceShortNames / sizeof kSourceShortNames[0]);
+  return (src >= 0 && src < n) ? kSourceShortNames[src] : "unknown";
+}
+
+int qb_misc_net_stream_out_ipaddr_set(const qb_audio_output_stream_t* req) {
+  if (req == nullptr) {
+    return 0;
+  }
+  const stream_row_t* row = stream_row(req->streamID);
+  if (row == nullptr) {
+    return 1;
+  }
+  char mac[QB_AUDIO_MAC_TEXT_SIZE + 1] = {};
+  std::memcpy(mac, req->vaxoMac, QB_AUDIO_MAC_TEXT_SIZE);
+  const size_t len = std::strlen(mac);
+  if (len == 0) {
+    AM_LOG_WARN("stream ID %d vaxoMac is null", req->streamID);
+    clear_address(row->out_ipaddr);
+    return 1;
+  }
+  const long m3 = mac_piece(mac, len, 6);
+  const long m4 = mac_piece(mac, len, 8);
+  const long m5 = mac_piece(mac, len, 10);
+  char addr[QB_NET_IPADDR_SIZE] = {};
+  std::snprintf(addr, sizeof addr, "%d.%ld.%ld.%ld", QB_AUDIO_MCAST_OCTET1,
+                QB_AUDIO_MCAST_OCTET2_BASE + (m3 & 0x0F), m4, m5);
+  AM_LOG_INFO("%s,ptr->streamID = %d,ptr->vaxoMac =%s , stream out ipaddr %s,len = %d", __func__,
+              req->streamID, mac, addr, static_cast<int>(len));
+  set_address(row->out_ipaddr, row->out_deviceid, addr, mac);
+  return 1;
+}
+
+int qb_audio_stream_input_from_net_set(const qb_audio_input_stream_t* req) {
+  if (req == nullptr) {
+    return 0;
+  }
+  char dev[QB_AUDIO_MAC_TEXT_SIZE + 1] = {};
+  std::memcpy(dev, req->deviceID, QB_AUDIO_MAC_TEXT_SIZE);
+  AM_LOG_INFO("ptr->subscriptionID = %d,ptr->deviceID = %s", req->subscriptionID, dev);
+  qb_u8_t hex[kMacBytes] = {};
+  macaddr_str2hex(dev, hex);
+  char addr[QB_NET_IPADDR_SIZE] = {};
+  audio_ipaddr_create(QB_AUDIO_MCAST_OCTET1, QB_AUDIO_MCAST_OCTET2_BASE + (hex[3] & 0x0F), hex[4],
+                      hex[5], addr, sizeof addr);
+  const stream_row_t* row = stream_row(req->subscriptionID);
+  if (row == nullptr) {
+    return 0;
+  }
+  set_address(row->in_ipaddr, row->in_deviceid, addr, dev);
+  qb_audio_aplay_info_change_set(row->in_channel);
+  AM_LOG_INFO("%s,%s ip:%s", __func__, row->in_name, addr);
+  return 1;
+}
+
+int qb_audio_stream_output_to_net_set(const qb_audio_output_stream_t* req) {
+  if (req == nullptr) {
+    return 0;
+  }
+  char mac[QB_AUDIO_MAC_TEXT_SIZE + 1] = {};
+  std::memcpy(mac, req->vaxoMac, QB_AUDIO_MAC_TEXT_SIZE);
+  AM_LOG_INFO("%s,stream id[%d], source[%s][%d] , vaxoMac[%s]", __func__, req->streamID,
+              qb_audio_output_source_name(req->source), req->source, mac);
+  qb_misc_net_stream_out_ipaddr_set(req);
+  const stream_row_t* row = stream_row(req->streamID);
+  if (row == nullptr) {
+    return 0;
+  }
+  bool source_ok = false;
+  for (int src : kOutputSources) {
+    source_ok = source_ok || (src == req->source);
+  }
+  if (!source_ok) {
+    return 0;
+  }
+  misc_word_set(misc().net_stream.*(row->selection), req->source);
+  AM_LOG_INFO("first= %d,second = %d, third = %d", qb_net_first_stream_select_get(),
+              qb_net_second_stream_select_get(), qb_net_third_stream_select_get());
+  qb_audio_stream_output_src_select(req->source, req->streamID);
+  AM_LOG_INFO("\n\n");
+  return 1;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Output starts
+// ---------------------------------------------------------------------------------------------
+int qb_audio_net_stream_out1_start(int ch) {
+  return start_output(__func__, FPGA_REG_ROUTE_SAO1, QB_AUDIO_CHN_NSO1, ch);
+}
+
+int qb_audio_net_stream_out3_start(int ch) {
+  return start_output(__func__, FPGA_REG_ROUTE_SAO3, QB_AUDIO_CHN_NSO3, ch);
+}
+
+int qb_audio_net_stream_out5_start(int ch) {
+  AM_LOG_INFO("%s ch = %d", __func__, ch);
+  qb_audio_fpga_ch_route_set(FPGA_REG_ROUTE_SAO5,
+                             static_cast<qb_u8_t>(qb_audio_channel_state_id_switch(ch)));
+  qb_audio_misc_main_ctrl_t& m = misc();
+  if (ch == QB_AUDIO_CHN_SPDIF) {
+    select_sao5_spdif_type(FPGA_SAO5_SPDIF_SRC_SPDIF);
+    misc_word_set(m.spdif.spdif, 1);
+    store_receiver_format_in(QB_AUDIO_CHN_NSO5);
+    AM_LOG_INFO("%s,spdif", __func__);
+  } else if (ch == QB_AUDIO_CHN_EARC) {
+    misc_word_set(m.spdif.spdif, 0);
+    qb_audio_info earc;
+    qb_audio_channel_state_copy(QB_AUDIO_CHN_EARC, &earc);
+    if (earc.bSPDIF == 1) {
+      select_sao5_spdif_type(FPGA_SAO5_SPDIF_SRC_ARC);
+      misc_word_set(m.spdif.arc, 1);
+      store_receiver_format_in(QB_AUDIO_CHN_NSO5);
+      AM_LOG_INFO("%s,arc", __func__);
+    } else {
+      misc_word_set(m.spdif.arc, 0);
+      qb_audio_channel_state_copy_chn(QB_AUDIO_CHN_NSO5, QB_AUDIO_CHN_EARC);
+      AM_LOG_INFO("%s,earc", __func__);
+    }
+  } else {
+    misc_word_set(m.spdif.spdif, 0);
+    misc_word_set(m.spdif.arc, 0);
+    qb_audio_channel_state_copy_chn(QB_AUDIO_CHN_NSO5, ch);
+    AM_LOG_INFO("%s,analog/hdmi", __func__);
+  }
+  // The record shown is the source channel's own, also when the receiver's format was taken.
+  qb_audio_info rec;
+  dump_channel_stat(ch, qb_audio_channel_state_copy(ch, &rec) ? &rec : nullptr);
+  qb_audio_channel_state_copy(QB_AUDIO_CHN_NSO5, &rec);
+  dump_channel_stat(QB_AUDIO_CHN_NSO5, &rec);
+  qb_audio_aplay_in_abort_capture5();
+  return 1;
+}
+
+int qb_audio_net_stream_out1_restart(int ch) {
+  qb_audio_channel_state_copy_chn(QB_AUDIO_CHN_NSO1, ch);
+  qb_audio_aplay_in_abort_capture1();
+  return 1;
+}
+
+int qb_audio_net_stream_out3_restart(int ch) {
+  qb_audio_channel_state_copy_chn(QB_AUDIO_CHN_NSO3, ch);
+  qb_audio_aplay_in_abort_capture3();
+  return 1;
+}
+
+// ---------------------------------------------------------------------------------------------
+// External player
+// ---------------------------------------------------------------------------------------------
+int qb_audio_net_stream_in_start(int ch, int card, int port, const char* ipaddr) {
+  int channels = kDefaultPlayerChannels;
+  int rate = kDefaultPlayerRate;
+  if (ipaddr == nullptr) {
+    return 0;
+  }
+  if (!qb_audio_channel_state_validch_get(ch, &channels) ||
+      !qb_audio_channel_state_samplefreq_get(ch, &rate)) {
+    return 0;
+  }
+  char command[kCommandSize] = {};
+  std::snprintf(command, sizeof command,
+                "%s -Dhw:%d,0 -r %d -f S24_LE -c %d --addr %s --port %d --group &",
+                QB_AUDIO_MYAPLAY_PATH, card, rate, channels, ipaddr, port);
+  AM_LOG_INFO("%s,%s", __func__, command);
+  if (posix_system(command) < 0) {
+    AM_LOG_ERROR("%s,%s fail", __func__, command);
+    return 0;
+  }
+  return 1;
+}
+
+int qb_audio_net_stream_in1_start(void) {
+  return qb_audio_net_stream_in_start(QB_AUDIO_CHN_NSI1, 1, QB_AUDIO_NET_PORT,
+                                      qb_misc_net_stream_in1_ipaddr_get());
+}
+
+int qb_audio_net_stream_in3_start(void) {
+  return qb_audio_net_stream_in_start(QB_AUDIO_CHN_NSI3, 2, QB_AUDIO_NET_PORT + 1,
+                                      qb_misc_net_stream_in3_ipaddr_get());
+}
+
+int qb_audio_net_stream_in5_start(void) {
+  return qb_audio_net_stream_in_start(QB_AUDIO_CHN_NSI5, 3, QB_AUDIO_NET_PORT + 2,
+                                      qb_misc_net_stream_in5_ipaddr_get());
+}
+
+int qb_audio_pkill_all_myaplay(void) {
+  const char* command = "pkill -9 myaplay";
+  std::printf("%s,%s\n", __func__, command);
+  if (posix_system(command) < 0) {
+    std::printf("%s,%s fail\n", __func__, command);
+  }
+  return 1;
+}
+
+int qb_audio_pkill_all_myarecord(void) { return 1; }
+
+int qb_audio_net_stream_ipaddr_set(const void* unused) {
+  if (unused == nullptr) {
+    return 0;
+  }
+  qb_misc_net_stream_in1_ipaddr_set(QB_AUDIO_DEFAULT_IN_IPADDR);
+  qb_misc_net_stream_in3_ipaddr_set(QB_AUDIO_DEFAULT_IN_IPADDR);
+  qb_misc_net_stream_in5_ipaddr_set(QB_AUDIO_DEFAULT_IN_IPADDR);
+  return 1;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Address helpers and maps
+// ---------------------------------------------------------------------------------------------
+void audio_ipaddr_create(int a, int b, int c, int d, char* buf, size_t size) {
+  if (buf == nullptr || size == 0) {
+    return;
+  }
+  buf[0] = '\0';
+  if (b == QB_AUDIO_MCAST_OCTET2_BASE && c == 0 && d == 0) {
+    return;
+  }
+  std::snprintf(buf, size, "%d.%d.%d.%d", a, b, c, d);
+}
+
+int macaddr_str2hex(const char* str, qb_u8_t* hex) {
+  if (str == nullptr || hex == nullptr) {
+    return 0;
+  }
+  bool ended = false;
+  char chars[kMacTextLen] = {};
+  for (int i = 0; i < kMacTextLen; ++i) {
+    ended = ended || str[i] == '\0';
+    chars[i] = ended ? '\0' : str[i];
+  }
+  for (int i = 0; i < kMacBytes; ++i) {
+    hex[i] = static_cast<qb_u8_t>((SwitchChar(chars[2 * i]) << 4) | SwitchChar(chars[2 * i + 1]));
+  }
+  return 1;
+}
+
+int qb_audio_channel_state_id_switch_netstreamsel(int ch) {
+  return map_int(kChannelToSource, sizeof kChannelToSource / sizeof kChannelToSource[0], ch,
+                 kChannelToSourceNone);
+}
+
+int qb_audio_netstreamsel_switch_channel_state_id(int src) {
+  return map_int(kSourceToChannel, sizeof kSourceToChannel / sizeof kSourceToChannel[0], src,
+                 kSourceToChannelDefault);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Accessors
+// ---------------------------------------------------------------------------------------------
+int qb_net_stream_select_get(void) { return misc_word_get(misc().net_stream_sel); }
+void qb_net_stream_select_set(int sel) { misc_word_set(misc().net_stream_sel, sel); }
+int qb_net_first_stream_select_get(void) { return misc_word_get(misc().net_stream.first); }
+void qb_net_first_stream_select_set(int sel) { misc_word_set(misc().net_stream.first, sel); }
+int qb_net_second_stream_select_get(void) { return misc_word_get(misc().net_stream.second); }
+void qb_net_second_stream_select_set(int sel) { misc_word_set(misc().net_stream.second, sel); }
+int qb_net_third_stream_select_get(void) { return misc_word_get(misc().net_stream.third); }
+void qb_net_third_stream_select_set(int sel) { misc_word_set(misc().net_stream.third, sel); }
+int qb_msic_net_spdif_out_src_get(void) { return misc_word_get(misc().net_spdif_out_src); }
+void qb_msic_net_spdif_out_src_set(int src) { misc_word_set(misc().net_spdif_out_src, src); }
+int qb_misc_audio_streamId_get(void) { return misc_word_get(misc().streamout_streamId.streamId); }
+void qb_misc_audio_streamId_set(int sid) {
+  misc_word_set(misc().streamout_streamId.streamId, sid);
+}
+
+char* qb_misc_net_stream_out1_ipaddr_get(void) {
+  thread_local char buf[QB_NET_IPADDR_SIZE];
+  return snapshot(&net_stream_ipaddr_t::sai1_out_ipaddr, buf);
+}
+char* qb_misc_net_stream_out3_ipaddr_get(void) {
+  thread_local char buf[QB_NET_IPADDR_SIZE];
+  return snapshot(&net_stream_ipaddr_t::sai3_out_ipaddr, buf);
+}
+char* qb_misc_net_stream_out5_ipaddr_get(void) {
+  thread_local char buf[QB_NET_IPADDR_SIZE];
+  return snapshot(&net_stream_ipaddr_t::sai5_out_ipaddr, buf);
+}
+char* qb_misc_net_stream_in1_ipaddr_get(void) {
+  thread_local char buf[QB_NET_IPADDR_SIZE];
+  return snapshot(&net_stream_ipaddr_t::sai1_in_ipaddr, buf);
+}
+char* qb_misc_net_stream_in3_ipaddr_get(void) {
+  thread_local char buf[QB_NET_IPADDR_SIZE];
+  return snapshot(&net_stream_ipaddr_t::sai3_in_ipaddr, buf);
+}
+char* qb_misc_net_stream_in5_ipaddr_get(void) {
+  thread_local char buf[QB_NET_IPADDR_SIZE];
+  return snapshot(&net_stream_ipaddr_t::sai5_in_ipaddr, buf);
+}
+char* qb_misc_net_stream_out1_deviceid_get(void) {
+  thread_local char buf[QB_NET_DEVICEID_SIZE];
+  return snapshot(&net_stream_ipaddr_t::sai1_out_deviceid, buf);
+}
+char* qb_misc_net_stream_out3_deviceid_get(void) {
+  thread_local char buf[QB_NET_DEVICEID_SIZE];
+  return snapshot(&net_stream_ipaddr_t::sai3_out_deviceid, buf);
+}
+char* qb_misc_net_stream_out5_deviceid_get(void) {
+  thread_local char buf[QB_NET_DEVICEID_SIZE];
+  return snapshot(&net_stream_ipaddr_t::sai5_out_deviceid, buf);
+}
+char* qb_misc_net_stream_in1_deviceid_get(void) {
+  thread_local char buf[QB_NET_DEVICEID_SIZE];
+  return snapshot(&net_stream_ipaddr_t::sai1_in_deviceid, buf);
+}
+char* qb_misc_net_stream_in3_deviceid_get(void) {
+  thread_local char buf[QB_NET_DEVICEID_SIZE];
+  return snapshot(&net_stream_ipaddr_t::sai3_in_deviceid, buf);
+}
+char* qb_misc_net_stream_in5_deviceid_get(void) {
+  thread_local char buf[QB_NET_DEVICEID_SIZE];
+  return snapshot(&net_stream_ipaddr_t::sai5_in_deviceid, buf);
+}
+
+void qb_misc_net_stream_out1_ipaddr_set(const char* ipaddr, const char* deviceid) {
+  set_address(&net_stream_ipaddr_t::sai1_out_ipaddr, &net_stream_ipaddr_t::sai1_out_deviceid,
+              ipaddr, deviceid);
+}
+void qb_misc_net_stream_out3_ipaddr_set(const char* ipaddr, const char* deviceid) {
+  set_address(&net_stream_ipaddr_t::sai3_out_ipaddr, &net_stream_ipaddr_t::sai3_out_deviceid,
+              ipaddr, deviceid);
+}
+void qb_misc_net_stream_out5_ipaddr_set(const char* ipaddr, const char* deviceid) {
+  set_address(&net_stream_ipaddr_t::sai5_out_ipaddr, &net_stream_ipaddr_t::sai5_out_deviceid,
+              ipaddr, deviceid);
+}
+void qb_misc_net_stream_in1_ipaddr_set(const char* ipaddr) {
+  set_address(&net_stream_ipaddr_t::sai1_in_ipaddr, nullptr, ipaddr, nullptr);
+}
+void qb_misc_net_stream_in3_ipaddr_set(const char* ipaddr) {
+  set_address(&net_stream_ipaddr_t::sai3_in_ipaddr, nullptr, ipaddr, nullptr);
+}
+void qb_misc_net_stream_in5_ipaddr_set(const char* ipaddr) {
+  set_address(&net_stream_ipaddr_t::sai5_in_ipaddr, nullptr, ipaddr, nullptr);
+}
+void qb_misc_net_stream_in1_ipaddr_set2(const char* ipaddr, const char* deviceid) {
+  set_address(&net_stream_ipaddr_t::sai1_in_ipaddr, &net_stream_ipaddr_t::sai1_in_deviceid, ipaddr,
+              deviceid);
+}
+void qb_misc_net_stream_in3_ipaddr_set2(const char* ipaddr, const char* deviceid) {
+  set_address(&net_stream_ipaddr_t::sai3_in_ipaddr, &net_stream_ipaddr_t::sai3_in_deviceid, ipaddr,
+              deviceid);
+}
+void qb_misc_net_stream_in5_ipaddr_set2(const char* ipaddr, const char* deviceid) {
+  set_address(&net_stream_ipaddr_t::sai5_in_ipaddr, &net_stream_ipaddr_t::sai5_in_deviceid, ipaddr,
+              deviceid);
+}
+
+void qb_misc_net_stream_ipaddr_copy(net_stream_ipaddr_t* out) {
+  if (out == nullptr) {
+    return;
+  }
+  std::lock_guard<std::mutex> lock(qb_audio_misc_ipaddr_lock());
+  *out = misc().ipaddr;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Predicates
+// ---------------------------------------------------------------------------------------------
+int is_qb_net_first_stream_select_spdif(void) {
+  return qb_net_first_stream_select_get() == QB_AUDIO_SRC_SPDIF ? 1 : 0;
+}
+int is_qb_net_second_stream_select_spdif(void) {
+  return misc_word_get(misc().spdif.spdif) == 1 ? 1 : 0;
+}
+int is_qb_net_third_stream_select_spdif(void) {
+  return qb_net_third_stream_select_get() == QB_AUDIO_SRC_SPDIF ? 1 : 0;
+}
+int is_qb_net_first_stream_select_arc(void) {
+  return qb_net_first_stream_select_get() == QB_AUDIO_SRC_EARC ? 1 : 0;
+}
+int is_qb_net_second_stream_select_arc(void) {
+  return (qb_net_second_stream_select_get() == QB_AUDIO_SRC_EARC &&
+          misc_word_get(misc().spdif.arc) == 1)
+             ? 1
+             : 0;
+}
+int is_qb_net_third_stream_select_arc(void) {
+  return qb_net_third_stream_select_get() == QB_AUDIO_SRC_EARC ? 1 : 0;
+}
+int audio_hdmi_streamout(void) {
+  return (qb_net_first_stream_select_get() == QB_AUDIO_SRC_HDMI ||
+          qb_net_second_stream_select_get() == QB_AUDIO_SRC_HDMI ||
+          qb_net_third_stream_select_get() == QB_AUDIO_SRC_HDMI)
+             ? 1
+             : 0;
+}
+int qb_misc_net_stream_spdif_flag_get(void) { return misc_word_get(misc().spdif.spdif); }
+int qb_misc_net_stream_arc_flag_get(void) { return misc_word_get(misc().spdif.arc); }

@@ -1,0 +1,297 @@
+// Network outputs and the per-output stream selection. The source each network output captures
+// is chosen from a table with one row per output-source number and one cell per board.
+#include "qb_audio_stream.h"
+
+#include "am_log.h"
+#include "qb_audio_aplay.h"
+#include "qb_audio_misc_fpga.h"
+#include "qb_audio_misc_private.h"
+#include "qb_audio_misc_stream.h"
+#include "qb_audio_port_table.h"
+
+// Bridge module: tells the video processor that the HDMI output plays a local multi-channel
+// source. Declared weak here until the bridge module is linked in every program that links this
+// one; without it no message is sent.
+int set_avp_hdmi_out_audio_src_multi_local(void) __attribute__((weak));
+
+namespace {
+
+// What a network output does for a source on one board.
+enum net_action_e : qb_u8_t {
+  NET_START,           // start the stream from the cell's channel, unmute, restart the capture
+  NET_START_SPDIF,     // register 0x19 <- S/PDIF input, then as NET_START with channel 5
+  NET_START_DSP,       // DSP input 0x17 <- HDMI input, then as NET_START with channel 4
+  NET_UNMUTE_ONLY,     // unmute and restart the capture, no start
+  NET_NONE,            // restart the capture only; result 1
+  NET_REFUSED,         // nothing; result 0
+};
+
+struct net_cell_t {
+  net_action_e action;
+  int ch;
+};
+
+struct net_row_t {
+  int source;
+  net_cell_t board[PORT_BOARDS];
+};
+
+constexpr net_cell_t net_start(int ch) { return {NET_START, ch}; }
+constexpr net_cell_t net_start_spdif() { return {NET_START_SPDIF, QB_AUDIO_CHN_SPDIF}; }
+constexpr net_cell_t net_start_dsp() { return {NET_START_DSP, QB_AUDIO_CHN_DSP}; }
+constexpr net_cell_t net_unmute_only() { return {NET_UNMUTE_ONLY, 0}; }
+constexpr net_cell_t net_none() { return {NET_NONE, 0}; }
+constexpr net_cell_t net_refused() { return {NET_REFUSED, 0}; }
+
+// Cells in board order: board 1, board 2, board 3, board 4.
+constexpr net_row_t kNetOutputTable[] = {
+    {QB_AUDIO_SRC_ANALOG,
+     {net_start(QB_AUDIO_CHN_ANALOG), net_start(QB_AUDIO_CHN_ANALOG),
+      net_start(QB_AUDIO_CHN_ANALOG), net_start(QB_AUDIO_CHN_ANALOG)}},
+    {QB_AUDIO_SRC_HDMI,
+     {net_start(QB_AUDIO_CHN_VIDEO), net_none(), net_start(QB_AUDIO_CHN_VIDEO),
+      net_start(QB_AUDIO_CHN_VIDEO)}},
+    {QB_AUDIO_SRC_SPDIF, {net_none(), net_start_spdif(), net_start_spdif(), net_start_spdif()}},
+    {QB_AUDIO_SRC_EARC,
+     {net_none(), net_start(QB_AUDIO_CHN_EARC), net_start(QB_AUDIO_CHN_EARC),
+      net_start(QB_AUDIO_CHN_EARC)}},
+    {QB_AUDIO_SRC_STREAM, {net_none(), net_none(), net_none(), net_none()}},
+    {QB_AUDIO_SRC_DSP, {net_refused(), net_refused(), net_refused(), net_refused()}},
+    {QB_AUDIO_SRC_HDMI_DOWNMIX, {net_start_dsp(), net_none(), net_start_dsp(), net_unmute_only()}},
+    {PORT_OTHER_SOURCE, {net_refused(), net_refused(), net_refused(), net_refused()}},
+};
+
+// Start function and capture restart of each network output stream id.
+struct net_stream_t {
+  int (*start)(int ch);
+  void (*restart)(void);
+};
+
+constexpr net_stream_t kNetStreams[] = {
+    {qb_audio_net_stream_out1_start, qb_audio_aplay_in_abort_capture1},
+    {qb_audio_net_stream_out5_start, qb_audio_aplay_in_abort_capture5},
+    {qb_audio_net_stream_out3_start, qb_audio_aplay_in_abort_capture3},
+};
+constexpr int kStreamIds = static_cast<int>(sizeof kNetStreams / sizeof kNetStreams[0]);
+
+// Matrix source and network-input channel of each stream id.
+constexpr int kSaiOfSid[] = {FPGA_SRC_SAI1, FPGA_SRC_SAI5, FPGA_SRC_SAI3};
+constexpr int kChannelOfSid[] = {QB_AUDIO_CHN_NSI1, QB_AUDIO_CHN_NSI5, QB_AUDIO_CHN_NSI3};
+constexpr int kNoSid = 255;
+constexpr int kBoardTxA = 1;
+
+const net_cell_t& net_cell(int src, int board) {
+  const net_row_t* other = nullptr;
+  for (const net_row_t& row : kNetOutputTable) {
+    if (row.source == src) {
+      return row.board[board - 1];
+    }
+    if (row.source == PORT_OTHER_SOURCE) {
+      other = &row;
+    }
+  }
+  return other->board[board - 1];
+}
+
+bool sid_valid(int sid) { return sid >= 0 && sid < kStreamIds; }
+
+qb_audio_misc_main_ctrl_t& misc() { return qb_audio_misc_ctrl(); }
+
+}  // namespace
+
+int qb_audio_stream_init(void) { return 1; }
+int qb_audio_stream_uninit(void) { return 1; }
+
+int qb_audio_stream_output_src_select(int src, int sid) {
+  const int board = port_board_index();
+  if (board == 0) {
+    return 0;
+  }
+  if (board == kBoardTxA) {
+    AM_LOG_INFO("sel = %d ; streamId = %d", src, sid);
+  }
+  if (!sid_valid(sid)) {
+    return 0;
+  }
+  const net_stream_t& stream = kNetStreams[sid];
+  const net_cell_t& cell = net_cell(src, board);
+  switch (cell.action) {
+    case NET_REFUSED:
+      return 0;
+    case NET_START_SPDIF:
+      qb_audio_fpga_i2c_write(FPGA_REG_SAO5_SPDIF_SRC, FPGA_SAO5_SPDIF_SRC_SPDIF);
+      break;
+    case NET_START_DSP:
+      qb_audio_fpga_ch_route_set(FPGA_REG_ROUTE_DSP_IN, FPGA_SRC_HDMI_IN);
+      break;
+    case NET_START:
+    case NET_UNMUTE_ONLY:
+    case NET_NONE:
+      break;
+  }
+  if (cell.action == NET_START || cell.action == NET_START_SPDIF ||
+      cell.action == NET_START_DSP) {
+    stream.start(cell.ch);
+  }
+  if (cell.action != NET_NONE) {
+    stream_output_unmute();
+  }
+  stream.restart();
+  return 1;
+}
+
+int qb_audio_stream_input_select(int output, int sid, int fallback) {
+  AM_LOG_INFO(" ch = %d ; subid = %d ,fallback_sid = %d", output, sid, fallback);
+  qb_audio_misc_main_ctrl_t& m = misc();
+  qb_s32_t* nsi = nullptr;
+  switch (output) {
+    case QB_AUDIO_OUTPUT_ANALOG:
+      misc_word_set(m.output_sid.analog_sid, sid);
+      nsi = &m.nsi.analog;
+      break;
+    case QB_AUDIO_OUTPUT_HDMI:
+      misc_word_set(m.output_sid.hdmi_sid, sid);
+      misc_word_set(m.output_fallback_sid.hdmi_fallback_sid, fallback);
+      nsi = &m.nsi.hdmi;
+      break;
+    case QB_AUDIO_OUTPUT_SPDIF:
+      misc_word_set(m.output_sid.spdif_sid, sid);
+      misc_word_set(m.output_fallback_sid.spdif_fallback_sid, fallback);
+      nsi = &m.nsi.spdif;
+      break;
+    case QB_AUDIO_OUTPUT_EARC:
+      misc_word_set(m.output_sid.earc_sid, sid);
+      misc_word_set(m.output_fallback_sid.earc_fallback_sid, fallback);
+      nsi = &m.nsi.earc;
+      break;
+    default:
+      return 0;
+  }
+  if (!sid_valid(sid)) {
+    return 0;
+  }
+  misc_word_set(*nsi, static_cast<qb_s32_t>(kSaiOfSid[sid]));
+  if (output == QB_AUDIO_OUTPUT_ANALOG) {
+    misc_word_set(m.local_port.analog.ch, 0u);
+    misc_word_set(m.local_port.analog.src, static_cast<qb_u32_t>(sid));
+  } else if (output == QB_AUDIO_OUTPUT_HDMI && set_avp_hdmi_out_audio_src_multi_local != nullptr) {
+    set_avp_hdmi_out_audio_src_multi_local();
+  }
+  AM_LOG_INFO("\n\n");
+  return 1;
+}
+
+int qb_audio_stream_input_fallback_select(int) { return 1; }
+
+int qb_misc_audio_get_saiid_by_sid(int sid) { return sid_valid(sid) ? kSaiOfSid[sid] : kNoSid; }
+
+int qb_misc_audio_get_chn_saiid_by_sid(int sid) {
+  return sid_valid(sid) ? kChannelOfSid[sid] : kNoSid;
+}
+
+int qb_misc_audio_sid_hdmi_get(void) { return misc_word_get(misc().output_sid.hdmi_sid); }
+int qb_misc_audio_sid_analog_get(void) { return misc_word_get(misc().output_sid.analog_sid); }
+int qb_misc_audio_sid_spdif_get(void) { return misc_word_get(misc().output_sid.spdif_sid); }
+int qb_misc_audio_sid_earc_get(void) { return misc_word_get(misc().output_sid.earc_sid); }
+int qb_misc_audio_saiid_hdmi_get(void) {
+  return qb_misc_audio_get_saiid_by_sid(qb_misc_audio_sid_hdmi_get());
+}
+int qb_misc_audio_saiid_analog_get(void) {
+  return qb_misc_audio_get_saiid_by_sid(qb_misc_audio_sid_analog_get());
+}
+int qb_misc_audio_saiid_spdif_get(void) {
+  return qb_misc_audio_get_saiid_by_sid(qb_misc_audio_sid_spdif_get());
+}
+int qb_misc_audio_saiid_earc_get(void) {
+  return qb_misc_audio_get_saiid_by_sid(qb_misc_audio_sid_earc_get());
+}
+int qb_misc_audio_fallback_sid_hdmi_get(void) {
+  return misc_word_get(misc().output_fallback_sid.hdmi_fallback_sid);
+}
+int qb_misc_audio_fallback_sid_spdif_get(void) {
+  return misc_word_get(misc().output_fallback_sid.spdif_fallback_sid);
+}
+int qb_misc_audio_fallback_sid_earc_get(void) {
+  return misc_word_get(misc().output_fallback_sid.earc_fallback_sid);
+}
+
+void set_output_hdmi_stream_mode(int mode) { misc_word_set(misc().output_mode.hdmi_sid, mode); }
+int get_output_hdmi_stream_mode(void) { return misc_word_get(misc().output_mode.hdmi_sid); }
+void set_output_spdif_stream_mode(int mode) { misc_word_set(misc().output_mode.spdif_sid, mode); }
+int get_output_spdif_stream_mode(void) { return misc_word_get(misc().output_mode.spdif_sid); }
+void set_output_earc_stream_mode(int mode) { misc_word_set(misc().output_mode.earc_sid, mode); }
+int get_output_earc_stream_mode(void) { return misc_word_get(misc().output_mode.earc_sid); }
+void set_output_hdmi_stream_actual_sid(int sid) {
+  misc_word_set(misc().output_actual_sid.hdmi_sid, sid);
+}
+int get_output_hdmi_stream_actual_sid(void) {
+  return misc_word_get(misc().output_actual_sid.hdmi_sid);
+}
+void set_output_spdif_stream_actual_sid(int sid) {
+  misc_word_set(misc().output_actual_sid.spdif_sid, sid);
+}
+int get_output_spdif_stream_actual_sid(void) {
+  return misc_word_get(misc().output_actual_sid.spdif_sid);
+}
+void set_output_earc_stream_actual_sid(int sid) {
+  misc_word_set(misc().output_actual_sid.earc_sid, sid);
+}
+int get_output_earc_stream_actual_sid(void) {
+  return misc_word_get(misc().output_actual_sid.earc_sid);
+}
+void set_output_analog_mute(int mute) { misc_word_set(misc().output_mute.analog_sid, mute); }
+int get_output_analog_mute(void) { return misc_word_get(misc().output_mute.analog_sid); }
+
+namespace {
+void downmix_set(qb_audio_output_dwm_mode_t& to, const qb_audio_output_dwm_mode_t* mode) {
+  if (mode == nullptr) {
+    return;
+  }
+  misc_word_set(to.ch, mode->ch);
+  misc_word_set(to.mode, mode->mode);
+}
+}  // namespace
+
+void qb_misc_audio_downmix_hdmi_set(const qb_audio_output_dwm_mode_t* mode) {
+  downmix_set(misc().output_downmix.hdmi_downmix_mode, mode);
+}
+void qb_misc_audio_downmix_spdif_set(const qb_audio_output_dwm_mode_t* mode) {
+  downmix_set(misc().output_downmix.spdif_downmix_mode, mode);
+}
+void qb_misc_audio_downmix_earc_set(const qb_audio_output_dwm_mode_t* mode) {
+  downmix_set(misc().output_downmix.earc_downmix_mode, mode);
+}
+qb_u32_t qb_misc_audio_downmix_hdmi_get(void) {
+  return misc_word_get(misc().output_downmix.hdmi_downmix_mode.mode);
+}
+qb_u32_t qb_misc_audio_downmix_spdif_get(void) {
+  return misc_word_get(misc().output_downmix.spdif_downmix_mode.mode);
+}
+qb_u32_t qb_misc_audio_downmix_earc_get(void) {
+  return misc_word_get(misc().output_downmix.earc_downmix_mode.mode);
+}
+
+int qb_msic_net_stream_in_analog_get(void) { return misc_word_get(misc().nsi.analog); }
+void qb_msic_net_stream_in_analog_set(int src) { misc_word_set(misc().nsi.analog, src); }
+int qb_msic_net_stream_in_hdmi_get(void) { return misc_word_get(misc().nsi.hdmi); }
+void qb_msic_net_stream_in_hdmi_set(int src) { misc_word_set(misc().nsi.hdmi, src); }
+int qb_msic_net_stream_in_earc_get(void) { return misc_word_get(misc().nsi.earc); }
+void qb_msic_net_stream_in_earc_set(int src) { misc_word_set(misc().nsi.earc, src); }
+int qb_msic_net_stream_in_spdif_get(void) { return misc_word_get(misc().nsi.spdif); }
+void qb_msic_net_stream_in_spdif_set(int src) { misc_word_set(misc().nsi.spdif, src); }
+
+local_port_info_t* qb_misc_audio_info_analog_port_get(void) { return &misc().local_port.analog; }
+
+local_port_info_t qb_misc_audio_info_analog_port_copy(void) {
+  const local_port_info_t& from = misc().local_port.analog;
+  local_port_info_t out;
+  out.ch = misc_word_get(from.ch);
+  out.src = misc_word_get(from.src);
+  out.subid = misc_word_get(from.subid);
+  return out;
+}
+
+void qb_misc_audio_local_port_analog_src_set(qb_u32_t src) {
+  misc_word_set(misc().local_port.analog.ch, 0u);
+  misc_word_set(misc().local_port.analog.src, src);
+}
