@@ -191,8 +191,7 @@ void EdidParser::updateAudoInfo() {
   tEdidAudioInfo = T_Edid_Audio_Info{};
   edid::SAD_Iterator sads(edid::get_cea_block_from_edid(edidData));
   edid::SAD sad;
-  // Descriptors beyond the tenth (all audio blocks counted together) are dropped: the list keeps the
-  // first ten in EDID order, where sinks put their main formats.
+  // Descriptors beyond the tenth, all audio blocks counted together, are dropped: the first ten in EDID order stay.
   while (tEdidAudioInfo.u8AudioInfoNum < EDID_AUDIO_INFO_MAX_NUM && sads.next(sad)) {
     T_Audio_Info& entry = tEdidAudioInfo.ptAudioInfo[tEdidAudioInfo.u8AudioInfoNum];
     entry.eAudioFomat = static_cast<E_Audio_Format>(sad.audioFormatCode);
