@@ -1,0 +1,266 @@
+// The qb_genlock program end to end: started under a temporary root in its own network namespace,
+// driven over UDP with raw requests, observed through the emulated I2C bus file, its log and
+// "/tmp/genlock.json".
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "am_test_env.h"
+#include "am_test_paths.h"
+
+namespace {
+
+constexpr uint32_t kSetParam = 0x1234;
+constexpr uint32_t kSetInc = 0x1235;
+constexpr uint32_t kSetDec = 0x1236;
+constexpr uint32_t kSetReset = 0x1237;
+constexpr uint32_t kFifoReport = 0x1238;
+constexpr uint32_t kDump = 0x1239;
+constexpr int kChipAddr = 0x60;
+
+using Bytes = std::vector<uint8_t>;
+using MsRegs = std::array<uint8_t, 8>;
+
+Bytes request(uint32_t command, int32_t ch, int32_t arg1) {
+  Bytes out(12);
+  std::memcpy(out.data(), &command, 4);
+  std::memcpy(out.data() + 4, &ch, 4);
+  std::memcpy(out.data() + 8, &arg1, 4);
+  return out;
+}
+
+Bytes fifo_report(int32_t ch, int32_t total, int32_t used) {
+  Bytes out = request(kFifoReport, ch, total);
+  out.resize(16);
+  std::memcpy(out.data() + 12, &used, 4);
+  return out;
+}
+
+// Inside the namespace: sends each request from 127.0.0.1:port to 127.0.0.1:11000. When
+// want_reply is set, waits up to 3 s for one reply and checks it is 64 bytes starting with the
+// last request. Result 0, or a code saying what went wrong.
+int exchange(int port, const std::vector<Bytes>& requests, bool want_reply, int quiet_ms = 0) {
+  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  local.sin_port = htons(static_cast<uint16_t>(port));
+  local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
+    return 10;
+  }
+  sockaddr_in svr = local;
+  svr.sin_port = htons(11000);
+  for (const Bytes& req : requests) {
+    if (sendto(fd, req.data(), req.size(), 0, reinterpret_cast<sockaddr*>(&svr), sizeof svr) !=
+        static_cast<ssize_t>(req.size())) {
+      return 11;
+    }
+  }
+  const int wait_ms = want_reply ? 3000 : quiet_ms;
+  timeval tv{wait_ms / 1000, (wait_ms % 1000) * 1000};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  uint8_t buf[256];
+  const ssize_t n = wait_ms > 0 ? recv(fd, buf, sizeof buf, 0) : -1;
+  close(fd);
+  if (!want_reply) {
+    return n < 0 ? 0 : 12;  // nothing may come back
+  }
+  if (n != 64) {
+    return 13;
+  }
+  const Bytes& last = requests.back();
+  return std::memcmp(buf, last.data(), last.size()) == 0 ? 0 : 14;
+}
+
+class GenlockService : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!am_test::have_netns()) {
+      GTEST_SKIP() << "needs root and network namespaces";
+    }
+    root_ = std::make_unique<am_test::TempRoot>(std::vector<std::string>{"dev", "tmp"});
+    ASSERT_TRUE(root_->ok());
+    ASSERT_TRUE(root_->write("/dev/i2c-1.log", ""));
+    // Log straight to a file (unbuffered) so the test can follow it while the service runs.
+    ASSERT_TRUE(root_->write("/config/logconf/qb_genlock.conf",
+                             "log4cpp.rootCategory=INFO, file\n"
+                             "log4cpp.category.CATEGORY=INFO\n"
+                             "log4cpp.appender.file=FileAppender\n"
+                             "log4cpp.appender.file.fileName=" + log_path() + "\n"
+                             "log4cpp.appender.file.layout=PatternLayout\n"
+                             "log4cpp.appender.file.layout.ConversionPattern=[%p] %m%n\n"));
+    ns_ = std::make_unique<am_test::NetNs>();
+    ASSERT_TRUE(ns_->ok());
+    service_ = std::make_unique<am_test::Process>(
+        std::vector<std::string>{std::string(am_test::kBinDir) + "/qb_genlock"},
+        std::vector<std::string>{"AUDIO_MANAGER_ROOT=" + root_->path()}, ns_->name(),
+        root_->path() + "/qb_genlock.out");
+    ASSERT_TRUE(service_->started());
+    ASSERT_TRUE(am_test::wait_for([this] { return bus_lines().size() >= 71; }, 10000))
+        << service_->output();
+    // The power-up table is on the chip; wait for the socket before talking to it.
+    ASSERT_TRUE(am_test::wait_for([this] { return log_has("si5351_task pid:"); }, 10000));
+  }
+
+  void TearDown() override {
+    service_.reset();
+    ns_.reset();
+    root_.reset();
+  }
+
+  std::string log_path() const { return root_->path() + "/qb_genlock.log"; }
+  bool log_has(const std::string& text) const {
+    return am_test::read_file(log_path()).find(text) != std::string::npos;
+  }
+  std::vector<std::string> bus_lines() const {
+    std::vector<std::string> lines;
+    std::istringstream in(am_test::read_file(root_->at("/dev/i2c-1.log")));
+    for (std::string line; std::getline(in, line);) {
+      lines.push_back(line);
+    }
+    return lines;
+  }
+  MsRegs regs(int first) const {
+    const std::string bus = am_test::read_file(root_->at("/dev/i2c-1"));
+    MsRegs out{};
+    for (int i = 0; i < 8; ++i) {
+      const size_t offset = static_cast<size_t>(kChipAddr) * 256 + first + i;
+      out[i] = offset < bus.size() ? static_cast<uint8_t>(bus[offset]) : 0;
+    }
+    return out;
+  }
+  bool regs_become(int first, const MsRegs& want, int timeout_ms = 3000) const {
+    return am_test::wait_for([&] { return regs(first) == want; }, timeout_ms);
+  }
+  int run(const std::function<int()>& fn) const { return ns_->run(fn); }
+
+  std::unique_ptr<am_test::TempRoot> root_;
+  std::unique_ptr<am_test::NetNs> ns_;
+  std::unique_ptr<am_test::Process> service_;
+};
+
+TEST_F(GenlockService, PowerUpTableGoesOutOneByteAtATime) {
+  const std::vector<std::string> lines = bus_lines();
+  ASSERT_GE(lines.size(), 71u);
+  EXPECT_EQ(lines[0], "W 60 03 FF");
+  EXPECT_EQ(lines[1], "W 60 10 80");
+  EXPECT_EQ(lines[24], "W 60 1D 0E");  // PLLA P1 bits 15-8
+  EXPECT_EQ(lines[68], "W 60 B7 92");
+  EXPECT_EQ(lines[69], "W 60 B1 AC");
+  EXPECT_EQ(lines[70], "W 60 03 00");
+  EXPECT_EQ(regs(42), (MsRegs{0x01, 0x00, 0x00, 0x10, 0x4F, 0x00, 0x00, 0x80}));
+  EXPECT_EQ(regs(58), (MsRegs{0x00, 0x01, 0x00, 0x02, 0x80, 0x00, 0x00, 0x00}));
+}
+
+TEST_F(GenlockService, SetParamThenStepsProgramTheChip) {
+  EXPECT_EQ(run([] { return exchange(11001, {request(kSetParam, 1, 44100)}, true); }), 0);
+  // The reply goes out before the chip is programmed.
+  EXPECT_TRUE(regs_become(42, MsRegs{0x58, 0x33, 0x20, 0x11, 0xEE, 0x00, 0x07, 0x96}));
+  EXPECT_TRUE(am_test::wait_for(
+      [this] { return log_has("[INFO] set param ch:1 rate:44100 --[qb_si5351.cpp:"); }, 3000));
+
+  EXPECT_EQ(run([] { return exchange(11001, {request(kSetInc, 1, 0)}, false, 300); }), 0);
+  EXPECT_TRUE(regs_become(42, MsRegs{0xB9, 0x05, 0x20, 0x11, 0xED, 0x11, 0x67, 0x5F}));
+  EXPECT_TRUE(log_has("[INFO] si5351 ch:1 rate:44100 value:300 status:increase --[qb_si5351.cpp:"));
+  // Each multisynth byte is its own one-byte message.
+  const std::vector<std::string> lines = bus_lines();
+  ASSERT_GE(lines.size(), 8u);
+  EXPECT_EQ(lines[lines.size() - 8], "W 60 2A B9");
+  EXPECT_EQ(lines.back(), "W 60 31 5F");
+
+  EXPECT_EQ(run([] { return exchange(11003, {request(kSetParam, 3, 192000)}, true); }), 0);
+  EXPECT_EQ(run([] { return exchange(11003, {request(kSetDec, 3, 0)}, false, 300); }), 0)
+      << "only the set-param request is answered";
+  EXPECT_TRUE(regs_become(58, MsRegs{0x3F, 0xFF, 0x00, 0x10, 0x4F, 0x10, 0xB2, 0x4F}));
+}
+
+TEST_F(GenlockService, NineIncreasesHoldAtTheLimit) {
+  ASSERT_EQ(run([] { return exchange(11002, {request(kSetParam, 2, 48000)}, true); }), 0);
+  ASSERT_EQ(run([] {
+              std::vector<Bytes> steps(9, request(kSetInc, 2, 0));
+              steps.push_back(fifo_report(2, 9600, 4800));
+              return exchange(11002, steps, false, 300);
+            }),
+            0);
+  ASSERT_TRUE(am_test::wait_for([this] { return log_has("value:2400 status:increase"); }, 3000));
+  // 24,576,000 + 9600 Hz with R = 4.
+  EXPECT_TRUE(regs_become(50, MsRegs{0x0A, 0x01, 0x20, 0x10, 0x4D, 0x00, 0x06, 0xB3}));
+  EXPECT_FALSE(log_has("value:2700"));
+  ASSERT_TRUE(am_test::wait_for(
+      [this] { return am_test::read_file(root_->at("/tmp/genlock.json")).find("9600") != std::string::npos; },
+      3000));
+  EXPECT_NE(am_test::read_file(root_->at("/tmp/genlock.json"))
+                .find("\"analog\":{\"fifoTotal\":9600,\"fifoUsed\":4800,\"ppmAdjusted\":2400,"
+                      "\"ppmMaxStep\":300}"),
+            std::string::npos);
+}
+
+TEST_F(GenlockService, FifoReportPublishesTheStatusFile) {
+  ASSERT_EQ(run([] { return exchange(11003, {fifo_report(3, 4096, 1024)}, false, 300); }), 0);
+  const std::string path = root_->at("/tmp/genlock.json");
+  ASSERT_TRUE(am_test::wait_for([&] { return !am_test::read_file(path).empty(); }, 3000));
+  EXPECT_EQ(am_test::read_file(path),
+            "{\"genlock\":{\"hdmi\":{\"fifoTotal\":0,\"fifoUsed\":0,\"ppmAdjusted\":0,\"ppmMaxStep\":300},"
+            "\"analog\":{\"fifoTotal\":0,\"fifoUsed\":0,\"ppmAdjusted\":0,\"ppmMaxStep\":300},"
+            "\"earc/spdif\":{\"fifoTotal\":4096,\"fifoUsed\":1024,\"ppmAdjusted\":0,\"ppmMaxStep\":300}}}");
+  EXPECT_NE(access(root_->at("/tmp/fifo.json").c_str(), F_OK), 0);
+}
+
+// +900, then a reset: +600 at once, then one step per 2-second silence down to nominal.
+TEST_F(GenlockService, ResetWalksBackOnSilence) {
+  ASSERT_EQ(run([] {
+              return exchange(11001, {request(kSetParam, 1, 192000)}, true);
+            }),
+            0);
+  ASSERT_EQ(run([] {
+              return exchange(11001,
+                              {request(kSetInc, 1, 0), request(kSetInc, 1, 0),
+                               request(kSetInc, 1, 0), request(kSetReset, 1, 0)},
+                              false, 300);
+            }),
+            0);
+  ASSERT_TRUE(am_test::wait_for([this] { return log_has("reset to value:600"); }, 3000));
+  EXPECT_TRUE(am_test::wait_for([this] { return log_has("reset to value:300"); }, 6000));
+  EXPECT_TRUE(am_test::wait_for([this] { return log_has("reset to value:0"); }, 6000));
+  EXPECT_TRUE(regs_become(42, MsRegs{0x01, 0x00, 0x00, 0x10, 0x4F, 0x00, 0x00, 0x80}));
+  const size_t writes = bus_lines().size();
+  usleep(2500 * 1000);  // one more silent period: nothing left to do
+  EXPECT_EQ(bus_lines().size(), writes);
+}
+
+TEST_F(GenlockService, DumpRequestIsUnknownAndUnanswered) {
+  EXPECT_EQ(run([] { return exchange(11004, {request(kDump, 0, 48000)}, false, 2500); }), 0);
+  EXPECT_TRUE(am_test::wait_for([this] { return log_has("[ERROR] unknown cmd:0x1239 --[qb_si5351.cpp:"); },
+                                3000));
+}
+
+TEST_F(GenlockService, StopsCleanlyOnSignals) {
+  ASSERT_TRUE(service_->signal(SIGTERM));
+  int status = 0;
+  ASSERT_TRUE(service_->wait_exit(5000, &status));
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST_F(GenlockService, StopsOnInterruptToo) {
+  ASSERT_TRUE(service_->signal(SIGINT));
+  int status = 0;
+  ASSERT_TRUE(service_->wait_exit(5000, &status));
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+}  // namespace
