@@ -45,7 +45,14 @@ struct TransferOverride {
 std::mutex g_override_mutex;  // guards g_override
 TransferOverride g_override;
 
-thread_local int t_reg_width = 1;  // register width of the transfer in progress on this thread
+thread_local int t_reg_width = 1;
+
+// Diagnostics reach standard output at once, also when it is a file or a pipe.
+void say(const char* text) {
+  fputs(text, stdout);
+  fflush(stdout);
+}
+  // register width of the transfer in progress on this thread
 
 TransferOverride current_override() {
   std::lock_guard<std::mutex> lock(g_override_mutex);
@@ -192,7 +199,7 @@ int i2c_transfer(const char* path, struct i2c_msg* msgs, int nmsgs, int reg_widt
   const int fd = is_device ? open(resolved.c_str(), O_RDWR | O_CLOEXEC)
                            : open(resolved.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
   if (fd < 0) {
-    printf("Unable to open i2c control file\n");
+    say("Unable to open i2c control file\n");
     return AM_I2C_OPEN_FAILED;
   }
   const int result = is_device ? board_transfer(fd, msgs, nmsgs)
@@ -215,7 +222,7 @@ int put_reg(qb_u8_t* out, qb_u32_t reg, int reg_width) {
 int device_read(const char* path, qb_u8_t addr, qb_u32_t reg, int reg_width, qb_u8_t* buf,
                 qb_u16_t len) {
   if (path == nullptr) {
-    printf("filepath is null\n");
+    say("filepath is null\n");
     return -1;
   }
   qb_u8_t reg_bytes[2];
@@ -233,8 +240,9 @@ int device_read(const char* path, qb_u8_t addr, qb_u32_t reg, int reg_width, qb_
     return -1;
   }
   if (rc != AM_I2C_XFER_OK) {
-    printf("Unable to send data\n");
+    say("Unable to send data\n");
     printf("I2c_Read Failed at addr=[0x%2x]\n", static_cast<unsigned>(addr));
+    fflush(stdout);
     return -1;
   }
   return 0;
@@ -243,13 +251,13 @@ int device_read(const char* path, qb_u8_t addr, qb_u32_t reg, int reg_width, qb_
 int device_write(const char* path, qb_u8_t addr, qb_u32_t reg, int reg_width, const qb_u8_t* data,
                  qb_u16_t len) {
   if (path == nullptr) {
-    printf("filepath is null\n");
+    say("filepath is null\n");
     return -1;
   }
   const size_t total = static_cast<size_t>(len) + static_cast<size_t>(reg_width);
   qb_u8_t* out = static_cast<qb_u8_t*>(malloc(total));
   if (out == nullptr) {
-    printf("malloc failed\n");
+    say("malloc failed\n");
     return I2C_WRITE_FAILED;
   }
   const int offset = put_reg(out, reg, reg_width);
@@ -269,8 +277,9 @@ int device_write(const char* path, qb_u8_t addr, qb_u32_t reg, int reg_width, co
     return -1;
   }
   if (rc != AM_I2C_XFER_OK) {
-    printf("Unable to send data\n");
+    say("Unable to send data\n");
     printf("I2c_Write Failed at addr=[0x%2x]\n", static_cast<unsigned>(addr));
+    fflush(stdout);
     return I2C_WRITE_FAILED;
   }
   return 0;

@@ -195,6 +195,7 @@ int qb_set_sock_rm_multi_membership(int fd, const char* group) {
   if (result != 0) {
     const int err = errno;
     printf("setsockopt IP_DROP_MEMBERSHIP errno:%d info:%s\n", err, strerror(err));
+    fflush(stdout);
   }
   return result;
 }
@@ -214,6 +215,7 @@ qb_u32_t qb_ip_a2n(const char* text) {
   const int rc = getaddrinfo(text, nullptr, &hints, &list);
   if (rc != 0) {
     printf("getaddrinfo error: %s\n", gai_strerror(rc));
+    fflush(stdout);
     return QB_IP_INVALID;
   }
   qb_u32_t result = QB_IP_INVALID;
@@ -235,6 +237,7 @@ int qb_udp_recv(int fd, void* buf, int buf_size, int wanted, struct sockaddr_in*
   int pending = 0;
   if (ioctl(fd, FIONREAD, &pending) == 0 && pending > buf_size) {
     printf("socket buffer len[%ld] > bufSize[%d] error\n", static_cast<long>(pending), buf_size);
+    fflush(stdout);
     return -1;
   }
   if (wanted < 1) {
@@ -289,6 +292,7 @@ int qb_udp_send_data(const char* address, int port, const void* data, int len) {
   int fd = qb_create_sock(QB_UDP_SOCK);
   if (fd < 0) {
     printf("send create sock error %s\n", strerror(errno));
+    fflush(stdout);
     return -1;
   }
   struct sockaddr_in dest;
@@ -298,6 +302,7 @@ int qb_udp_send_data(const char* address, int port, const void* data, int len) {
   dest.sin_port = htons(static_cast<uint16_t>(port));
   if (qb_udp_send(fd, data, len, &dest) != len) {
     printf("send data error:%s\n", strerror(errno));
+    fflush(stdout);
   }
   close(fd);
   return 0;

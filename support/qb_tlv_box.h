@@ -95,8 +95,8 @@ int tlv_box_put_object(tlv_box_t* box, qb_s32_t type, tlv_box_t* inner);
 // ---- serializing and parsing ----------------------------------------------------------------
 // -1 if already frozen; otherwise writes every item in insertion order and freezes the box.
 int tlv_box_serialize(tlv_box_t* box);
-// A new frozen box over a private copy of the input; nullptr only when memory runs out or
-// size < 0 with bytes missing. An item head or value running past `size` ends the walk.
+// A new frozen box over a private copy of the input; nullptr when memory runs out or bytes is
+// missing while size > 0. An item head or value running past `size` ends the walk.
 tlv_box_t* tlv_box_parse(const void* bytes, qb_s32_t size);
 
 // ---- reading items (exact type) --------------------------------------------------------------
