@@ -20,6 +20,7 @@
 
 #include "am_test_env.h"
 #include "am_test_paths.h"
+#include "qb_si5351.h"
 
 namespace {
 
@@ -245,6 +246,28 @@ TEST_F(GenlockService, DumpRequestIsUnknownAndUnanswered) {
   EXPECT_EQ(run([] { return exchange(11004, {request(kDump, 0, 48000)}, false, 2500); }), 0);
   EXPECT_TRUE(am_test::wait_for([this] { return log_has("[ERROR] unknown cmd:0x1239 --[qb_si5351.cpp:"); },
                                 3000));
+}
+
+// The calls a playback engine makes, against the running service.
+TEST_F(GenlockService, ClientCallsOfAPlaybackEngine) {
+  const int rc = run([] {
+    const int fd = udp_socket_create("127.0.0.1", 11002);
+    if (fd < 0) return 1;
+    if (send_set_param(fd, 2, 96000) != 0) return 2;
+    if (set_fifo_status(fd, 2, 9600, 0) != 0) return 3;
+    if (set_decrease(fd, 2) != 0 || set_decrease(fd, 2) != 0) return 4;
+    if (set_increase(fd, 2) != 0) return 5;
+    if (set_reset(fd, 2) != 0) return 6;
+    close(fd);
+    return 0;
+  });
+  ASSERT_EQ(rc, 0);
+  EXPECT_TRUE(am_test::wait_for([this] { return log_has("si5351 ch:2 rate:96000 reset to value:0"); },
+                                3000));
+  EXPECT_TRUE(regs_become(50, MsRegs{0x01, 0x00, 0x10, 0x10, 0x4F, 0x00, 0x00, 0x80}));
+  EXPECT_NE(am_test::read_file(root_->at("/tmp/genlock.json"))
+                .find("\"analog\":{\"fifoTotal\":9600,\"fifoUsed\":0,\"ppmAdjusted\":0,"),
+            std::string::npos);
 }
 
 TEST_F(GenlockService, StopsCleanlyOnSignals) {
