@@ -1,26 +1,373 @@
-// The audio thread manager (first cut: entry points only; the workers follow).
+// The audio thread manager: three playback workers, three capture workers and the "spdif_task"
+// control thread.
 #include "qb_audio_aplay.h"
 
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "am_log.h"
+#include "qb_audio_misc.h"
+#include "qb_audio_misc_fpga.h"
+#include "qb_audio_misc_spdif.h"
+#include "qb_audio_misc_stream.h"
+
 namespace {
+
 qb_audio_aplay_main_ctrl_t g_aplay;
+
+constexpr size_t kThreadNameSize = 16;
+constexpr size_t kAddrSize = 33;  // at most 32 characters of the address, zero-terminated
+constexpr unsigned kIdleSleepMs = 1000;
+constexpr unsigned kPlaybackStartSleepMs = 300;
+constexpr unsigned kControlPollMs = 100;
+constexpr unsigned kSleepSliceMs = 20;
+constexpr int kSelectionSpdif = 2;
+constexpr int kSelectionArc = 3;
+constexpr int kSelectionHdmiDownmix = 6;
+constexpr int kRestartSpdif = 5;
+constexpr int kRestartArc = 2;
+constexpr int kHdmiCaptureGate = 1;
+
+struct playback_worker_t {
+  const char* device;
+  char* (*address)(void);
+};
+constexpr playback_worker_t kPlaybackWorkers[QB_AUDIO_APLAY_WORKERS] = {
+    {"hw:1,0", qb_misc_net_stream_in1_ipaddr_get},
+    {"hw:2,0", qb_misc_net_stream_in3_ipaddr_get},
+    {"hw:3,0", qb_misc_net_stream_in5_ipaddr_get},
+};
+
+struct capture_worker_t {
+  const char* device;
+  char* (*address)(void);
+  int channel;
+  int (*selection)(void);
+};
+constexpr capture_worker_t kCaptureWorkers[QB_AUDIO_APLAY_WORKERS] = {
+    {"hw:1,0", qb_misc_net_stream_out1_ipaddr_get, QB_AUDIO_CHN_NSO1, qb_net_first_stream_select_get},
+    {"hw:2,0", qb_misc_net_stream_out3_ipaddr_get, QB_AUDIO_CHN_NSO3, qb_net_third_stream_select_get},
+    {"hw:3,0", qb_misc_net_stream_out5_ipaddr_get, QB_AUDIO_CHN_NSO5, qb_net_second_stream_select_get},
+};
+
+long kernel_tid() { return static_cast<long>(syscall(SYS_gettid)); }
+
+bool exiting() { return g_aplay.exit.load() != 0; }
+
+// Sleeps in short slices so that a stop request is seen at once.
+void aplay_sleep_ms(unsigned ms) {
+  unsigned left = ms;
+  while (left > 0 && !exiting()) {
+    const unsigned step = left < kSleepSliceMs ? left : kSleepSliceMs;
+    usleep(step * 1000U);
+    left -= step;
+  }
+}
+
+void name_thread(const char* fmt, int index) {
+  char name[kThreadNameSize];
+  snprintf(name, sizeof(name), fmt, index);
+  prctl(PR_SET_NAME, name, 0, 0, 0);
+}
+
+void copy_address(char* out, const char* address) {
+  memset(out, 0, kAddrSize);
+  if (address != nullptr) {
+    strncpy(out, address, kAddrSize - 1);
+  }
+}
+
+// Device of capture worker 2: the S/PDIF receiver while the second network stream carries the
+// S/PDIF or the ARC input, else the third serial port.
+const char* capture2_device() {
+  return (is_qb_net_second_stream_select_spdif() || is_qb_net_second_stream_select_arc()) ? "hw:0,0" : "hw:3,0";
+}
+
+bool hdmi_input_audio_on() {
+  qb_audio_info hdmi;
+  return qb_audio_channel_state_copy(QB_AUDIO_CHN_VIDEO, &hdmi) == 1 && hdmi.Audio_On != 0;
+}
+
+void* playback_worker(void* arg) {
+  const int i = *static_cast<const qb_s32_t*>(arg);
+  name_thread("aud_play_%d", i);
+  if (i < 0 || i >= QB_AUDIO_APLAY_WORKERS) {
+    AM_LOG_ERROR("sel:%d err", i);
+    return nullptr;
+  }
+  const playback_worker_t& w = kPlaybackWorkers[i];
+  qb_audio_oper_ctrl_t* ctrl = &g_aplay.pctrl[i];
+  const long tid = kernel_tid();
+  AM_LOG_INFO("audio playback %d task thread id %ld,%s,%s!!!!", i, tid, w.device, w.address());
+  g_aplay.ptid[i].store(tid);
+  char addr[kAddrSize];
+  while (!exiting()) {
+    const char* address = w.address();
+    if (address == nullptr || address[0] == '\0') {
+      aplay_sleep_ms(kIdleSleepMs);
+      continue;
+    }
+    aplay_sleep_ms(kPlaybackStartSleepMs);
+    if (exiting()) {
+      break;
+    }
+    copy_address(addr, address);
+    qb_audio_oper_playback(ctrl, w.device, addr);
+  }
+  AM_LOG_INFO("playback thread %s:%d exit", w.device, i);
+  return nullptr;
+}
+
+// One pass of a capture worker: an idle wait, or one capture run.
+void capture_pass(int i, qb_audio_oper_ctrl_t* ctrl, const char** device, char* addr, long tid) {
+  const capture_worker_t& w = kCaptureWorkers[i];
+  if (i == 2) {
+    *device = capture2_device();
+  }
+  const char* address = w.address();
+  qb_audio_info record;
+  memset(&record, 0, sizeof(record));
+  if (i == 1 && is_qb_audio_output_mute_from_ch(QB_AUDIO_CHN_NSO3) == 1) {
+    aplay_sleep_ms(kIdleSleepMs);
+    return;
+  }
+  qb_audio_channel_state_copy(w.channel, &record);
+  g_aplay.ctid[i].store(tid);
+  if (address == nullptr || address[0] == '\0' || record.Audio_On == 0) {
+    aplay_sleep_ms(kIdleSleepMs);
+    const int selection = w.selection();
+    if (selection == kSelectionHdmiDownmix && audio_hdmi_streamout() == 0 && hdmi_input_audio_on() &&
+        audio_hdmi_to_fpga_mute() != 0) {
+      input_mute_ctrl(kHdmiCaptureGate, 0);
+      aplay_sleep_ms(kIdleSleepMs);
+    }
+    return;
+  }
+  aplay_sleep_ms(kIdleSleepMs);
+  if (exiting()) {
+    return;
+  }
+  AM_LOG_INFO("ipaddr=%s AudioOn=%d", address, record.Audio_On);
+  AM_LOG_INFO("audio capture idx=[%d] task thread id %ld [%s] ip:[%s]!!!!", i, tid, *device, address);
+  copy_address(addr, address);
+  qb_audio_oper_capture(ctrl, *device, addr);
+}
+
+void* capture_worker(void* arg) {
+  const int i = *static_cast<const qb_s32_t*>(arg);
+  name_thread("aud_capture_%d", i);
+  const long tid = kernel_tid();
+  AM_LOG_INFO("audio capture %d task thread id %ld!!!!", i, tid);
+  if (i < 0 || i >= QB_AUDIO_APLAY_WORKERS) {
+    AM_LOG_ERROR("sel:%d err", i);
+    return nullptr;
+  }
+  qb_audio_oper_ctrl_t* ctrl = &g_aplay.cctrl[i];
+  const char* device = kCaptureWorkers[i].device;
+  char addr[kAddrSize];
+  memset(addr, 0, sizeof(addr));
+  while (!exiting()) {
+    capture_pass(i, ctrl, &device, addr, tid);
+  }
+  AM_LOG_INFO("audio capture idx[%d] task thread id %ld,[%s],ip:[%s] exit", i, tid, device, addr);
+  return nullptr;
+}
+
+void spdif_restart(int selection) {
+  qb_audio_info info;
+  memset(&info, 0, sizeof(info));
+  qb_misc_audio_spdif_info_copy(&info);
+  qb_audio_channel_state_set(QB_AUDIO_CHN_SPDIF, &info);
+  if (selection == kSelectionSpdif) {
+    qb_audio_net_stream_out5_start(kRestartSpdif);
+    AM_LOG_INFO("%s,capture spdif restart:%d", "qb_audio_aplay_spdif", selection);
+  } else {
+    qb_audio_net_stream_out5_start(kRestartArc);
+    AM_LOG_INFO("%s,capture arc restart:%d", "qb_audio_aplay_spdif", selection);
+  }
+}
+
+void* control_thread(void*) {
+  prctl(PR_SET_NAME, "spdif_task", 0, 0, 0);
+  const long tid = kernel_tid();
+  AM_LOG_INFO("aplay1 task thread id %ld!!!!", tid);
+  g_aplay.tid.store(tid);
+  while (!exiting()) {
+    if (is_qb_misc_nxp_spdif_register_info_change() == 1) {
+      const int selection = qb_net_second_stream_select_get();
+      if (selection == kSelectionSpdif || selection == kSelectionArc) {
+        spdif_restart(selection);
+      }
+    }
+    aplay_sleep_ms(kControlPollMs);
+  }
+  AM_LOG_INFO("audio aplay ctrl thread exit");
+  return nullptr;
+}
+
+void reset_singleton() {
+  g_aplay.tid.store(0);
+  g_aplay.exit.store(0);
+  g_aplay.init.store(0);
+  g_aplay.ptids_created = false;
+  for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
+    qb_audio_oper_default(&g_aplay.pctrl[i]);
+    qb_audio_oper_default(&g_aplay.cctrl[i]);
+    g_aplay.ptid[i].store(0);
+    g_aplay.ctid[i].store(0);
+    g_aplay.pidx[i] = i;
+    g_aplay.cidx[i] = i;
+    g_aplay.ptidp_created[i] = false;
+    g_aplay.ctidp_created[i] = false;
+  }
+}
+
+void dump_block(FILE* file, long pid, qb_audio_oper_ctrl_t* ctrl) {
+  fprintf(file, "pid:%ld\n", pid);
+  dump_audio_ctrl1(ctrl, file);
+}
+
+void dump_capture_blocks(FILE* file) {
+  for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
+    dump_block(file, g_aplay.ctid[i].load(), &g_aplay.cctrl[i]);
+  }
+}
+
+void dump_playback_blocks(FILE* file) {
+  for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
+    dump_block(file, g_aplay.ptid[i].load(), &g_aplay.pctrl[i]);
+  }
+}
+
 }  // namespace
 
 qb_audio_aplay_main_ctrl_t* qb_audio_aplay_ctrl_get() { return &g_aplay; }
 
-int qb_audio_aplay_init() { return 1; }
-int qb_audio_aplay_uninit() { return 0; }
-int qb_audio_aplay_playback_init() { return 1; }
-int qb_audio_aplay_capture_init() { return 1; }
-int qb_audio_aplay_playback_uninit() { return 1; }
-int qb_audio_aplay_capture_uninit() { return 1; }
+int qb_audio_aplay_playback_init() {
+  for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
+    if (pthread_create(&g_aplay.ptidp[i], nullptr, playback_worker, &g_aplay.pidx[i]) != 0) {
+      AM_LOG_ERROR(" audio play-%d thread create fail", i);
+      return 0;
+    }
+    g_aplay.ptidp_created[i] = true;
+  }
+  return 1;
+}
 
-void qb_audio_aplay_in_abort_capture1() { g_aplay.cctrl[0].in_aborting.store(1); }
-void qb_audio_aplay_in_abort_capture3() { g_aplay.cctrl[1].in_aborting.store(1); }
-void qb_audio_aplay_in_abort_capture5() { g_aplay.cctrl[2].in_aborting.store(1); }
-void qb_audio_aplay_in_abort_playback1() { g_aplay.pctrl[0].in_aborting.store(1); }
-void qb_audio_aplay_in_abort_playback3() { g_aplay.pctrl[1].in_aborting.store(1); }
-void qb_audio_aplay_in_abort_playback5() { g_aplay.pctrl[2].in_aborting.store(1); }
-void qb_audio_aplay_info_change_set(int) {}
-void dump_aplay_param(FILE*) {}
-void dump_capture_param(FILE*) {}
-void dump_playback_param(FILE*) {}
+int qb_audio_aplay_capture_init() {
+  for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
+    if (pthread_create(&g_aplay.ctidp[i], nullptr, capture_worker, &g_aplay.cidx[i]) != 0) {
+      AM_LOG_ERROR("capture-%d thread create fail", i);
+      return 0;
+    }
+    g_aplay.ctidp_created[i] = true;
+  }
+  return 1;
+}
+
+int qb_audio_aplay_playback_uninit() {
+  for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
+    if (g_aplay.ptidp_created[i]) {
+      pthread_join(g_aplay.ptidp[i], nullptr);
+      g_aplay.ptidp_created[i] = false;
+    }
+  }
+  return 1;
+}
+
+int qb_audio_aplay_capture_uninit() {
+  for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
+    if (g_aplay.ctidp_created[i]) {
+      pthread_join(g_aplay.ctidp[i], nullptr);
+      g_aplay.ctidp_created[i] = false;
+    }
+  }
+  return 1;
+}
+
+int qb_audio_aplay_init() {
+  reset_singleton();
+  qb_audio_oper_shutdown_set(0);
+  AM_LOG_INFO("audio aplay init");
+  g_aplay.exit.store(0);
+  if (pthread_create(&g_aplay.ptids, nullptr, control_thread, nullptr) != 0) {
+    AM_LOG_ERROR("aplay1 thread create fail");
+    return 0;
+  }
+  g_aplay.ptids_created = true;
+  qb_audio_aplay_playback_init();
+  qb_audio_aplay_capture_init();
+  g_aplay.init.store(1);
+  return 1;
+}
+
+int qb_audio_aplay_uninit() {
+  if (g_aplay.init.load() == 0) {
+    return 0;
+  }
+  g_aplay.exit.store(1);
+  g_aplay.init.store(0);
+  // A run that starts after this point resets its own stop flag: the engine-wide stop ends it too.
+  qb_audio_oper_shutdown_set(1);
+  for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
+    qb_audio_oper_abort(&g_aplay.pctrl[i]);
+  }
+  for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
+    qb_audio_oper_abort(&g_aplay.cctrl[i]);
+  }
+  if (g_aplay.ptids_created) {
+    pthread_join(g_aplay.ptids, nullptr);
+    g_aplay.ptids_created = false;
+  }
+  qb_audio_aplay_capture_uninit();
+  qb_audio_aplay_playback_uninit();
+  qb_audio_oper_shutdown_set(0);
+  return 1;
+}
+
+void qb_audio_aplay_in_abort_capture1() { qb_audio_oper_abort(&g_aplay.cctrl[0]); }
+void qb_audio_aplay_in_abort_capture3() { qb_audio_oper_abort(&g_aplay.cctrl[1]); }
+void qb_audio_aplay_in_abort_capture5() { qb_audio_oper_abort(&g_aplay.cctrl[2]); }
+void qb_audio_aplay_in_abort_playback1() { qb_audio_oper_abort(&g_aplay.pctrl[0]); }
+void qb_audio_aplay_in_abort_playback3() { qb_audio_oper_abort(&g_aplay.pctrl[1]); }
+void qb_audio_aplay_in_abort_playback5() { qb_audio_oper_abort(&g_aplay.pctrl[2]); }
+
+void qb_audio_aplay_info_change_set(int channel_id) {
+  if (channel_id < QB_AUDIO_CHN_NSI1 || channel_id > QB_AUDIO_CHN_NSI5) {
+    return;
+  }
+  qb_audio_oper_abort(&g_aplay.pctrl[channel_id - QB_AUDIO_CHN_NSI1]);
+  qb_audio_channel_state_reset(channel_id);
+  qb_misc_audio_status_valid_set(channel_id, 0);
+}
+
+void dump_capture_param(FILE* file) {
+  if (file == nullptr) {
+    return;
+  }
+  fprintf(file, "dump capture param begin\n");
+  dump_capture_blocks(file);
+  fprintf(file, "\n");
+}
+
+void dump_playback_param(FILE* file) {
+  if (file == nullptr) {
+    return;
+  }
+  fprintf(file, "dump playback param begin\n");
+  dump_playback_blocks(file);
+  fprintf(file, "\n");
+}
+
+void dump_aplay_param(FILE* file) {
+  if (file == nullptr) {
+    return;
+  }
+  fprintf(file, "dump aplay param begin\n");
+  dump_capture_blocks(file);
+  dump_playback_blocks(file);
+  fprintf(file, "\n");
+}

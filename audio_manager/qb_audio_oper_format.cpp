@@ -1,0 +1,369 @@
+// The receiver's output decisions on a new stream format.
+#include "qb_audio_oper_format.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "Edid_Parser.h"
+#include "am_log.h"
+#include "posix_system.h"
+#include "qb_audio_misc_fpga.h"
+#include "qb_audio_parse.h"
+#include "qb_audio_stream.h"
+
+namespace {
+
+constexpr const char* kCodecMute = "/customer/bin/audio_codec -v 0";
+constexpr const char* kCodecVolume = "/customer/bin/audio_codec -v %d";
+constexpr int kStreamOutputMode = 4;
+constexpr int kNoFallback = -1;
+constexpr qb_u8_t kHbrRateCode = 9;
+
+int load_edid_file(T_Edid_Audio_Info_* list) {
+  EdidParser parser;
+  if (parser.init(EDID_TV_FILE_PATH) != 1) {
+    return 0;
+  }
+  parser.getEdidAudioInfo(list);
+  return 1;
+}
+
+const qb_audio_new_format_ops_t kDefaultOps = {
+    nullptr,  // set_update_chs_or: report module
+    nullptr,  // set_avp_hdmi_out_audio_param: bridge module
+    nullptr,  // get_it6621_status: bridge module
+    nullptr,  // it6621_channel_state_set: bridge module
+    nullptr,  // set_output_hdmi_stream: stream switch module
+    nullptr,  // set_output_earc_stream
+    nullptr,  // set_output_spdif_stream
+    nullptr,  // reportDetailsAudioStatus: report module
+    load_edid_file,
+    posix_system,
+};
+
+std::atomic<const qb_audio_new_format_ops_t*> g_ops{&kDefaultOps};
+
+const qb_audio_new_format_ops_t& ops() { return *g_ops.load(); }
+
+void update_chs_or(int bit) {
+  if (ops().set_update_chs_or != nullptr) {
+    ops().set_update_chs_or(bit);
+  }
+}
+
+void avp_param(qb_audio_info_t* record) {
+  if (ops().set_avp_hdmi_out_audio_param != nullptr) {
+    ops().set_avp_hdmi_out_audio_param(record);
+  }
+}
+
+void switch_stream(int (*fn)(int, unsigned), int mode, int sid) {
+  if (fn != nullptr) {
+    fn(mode, static_cast<unsigned>(sid));
+  }
+}
+
+qb_u8_t u8(qb_s8_t v) { return static_cast<qb_u8_t>(v); }
+
+// HDMI output: direct, or its fallback when the sink cannot take the format.
+void decide_hdmi(int src, qb_audio_info_t* record) {
+  const int listened = qb_misc_audio_saiid_hdmi_get();
+  if (listened != src) {
+    if (qb_msic_net_stream_in_hdmi_get() == src) {
+      avp_param(record);
+    }
+    return;
+  }
+  const int fallback = qb_misc_audio_fallback_sid_hdmi_get();
+  const int normal = qb_misc_audio_sid_hdmi_get();
+  update_chs_or(QB_UPDATE_CH_HDMI);
+  const int mode = get_output_hdmi_stream_mode();
+  if (fallback == kNoFallback) {
+    AM_LOG_INFO(" saiSrc=%d ,  %d ; hdmi stream mode = %d", src, kStreamOutputMode, mode);
+    avp_param(record);
+    if (mode == 1) {
+      switch_stream(ops().set_output_hdmi_stream, 0, normal);
+    }
+    return;
+  }
+  const int downmix = hdmi_output_needs_fallback(&record->ainfo);
+  AM_LOG_INFO("s32Downmix=%d", downmix);
+  if (downmix == 1) {
+    if (mode == 0) {
+      switch_stream(ops().set_output_hdmi_stream, 1, fallback);
+      AM_LOG_INFO("switch to fallback:%d", fallback);
+    }
+  } else {
+    if (mode == 1) {
+      switch_stream(ops().set_output_hdmi_stream, 0, normal);
+    }
+    avp_param(record);
+    AM_LOG_INFO(" s32Downmix = %d output_hdmi_stream_mode = %d", downmix, get_output_hdmi_stream_mode());
+  }
+  AM_LOG_INFO("saiSrc=%d hdmi saiSrc =%d hdmi stream mode = %d", src, listened, get_output_hdmi_stream_mode());
+}
+
+void send_earc_channel_status(qb_audio_oper_ctrl_t* ctrl, const qb_audio_info& ainfo) {
+  qb_u8_t record[QB_EARC_CHS_RECORD_SIZE];
+  for (int i = 0; i < 5; ++i) {
+    record[i] = u8(ainfo.ChStat[i]);
+  }
+  record[5] = u8(ainfo.AUD_DB[3]);
+  if (ops().it6621_channel_state_set != nullptr) {
+    ops().it6621_channel_state_set(record, QB_EARC_CHS_RECORD_SIZE);
+  }
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  ctrl->runtime = static_cast<long>(now.tv_sec);
+}
+
+void decide_earc(qb_audio_oper_ctrl_t* ctrl, int src, const qb_audio_info_t* record) {
+  if (qb_misc_audio_saiid_earc_get() != src) {
+    return;
+  }
+  const int fallback = qb_misc_audio_fallback_sid_earc_get();
+  const int normal = qb_misc_audio_sid_earc_get();
+  update_chs_or(QB_UPDATE_CH_EARC);
+  const int mode = get_output_earc_stream_mode();
+  if (fallback == kNoFallback) {
+    AM_LOG_INFO(" saiSrc=%d , %d ; earc stream mode = %d", src, kStreamOutputMode, mode);
+    if (mode == 1) {
+      switch_stream(ops().set_output_earc_stream, 0, normal);
+    }
+  } else {
+    const int state = ops().get_it6621_status != nullptr ? ops().get_it6621_status() : -1;
+    AM_LOG_INFO("it6621 status:%d", state);
+    if (state == QB_IT6621_STATE_DECIDE) {
+      const bool needed = output_needs_fallback(&record->ainfo, arc_is_support, "arcSupport");
+      if (needed && mode == 0) {
+        switch_stream(ops().set_output_earc_stream, 1, fallback);
+      } else if (!needed && mode == 1) {
+        switch_stream(ops().set_output_earc_stream, 0, normal);
+      }
+    }
+  }
+  if (qb_msic_net_stream_in_earc_get() == src) {
+    send_earc_channel_status(ctrl, record->ainfo);
+  }
+}
+
+void decide_spdif(int src, const qb_audio_info_t* record) {
+  if (qb_misc_audio_saiid_spdif_get() != src) {
+    return;
+  }
+  const int fallback = qb_misc_audio_fallback_sid_spdif_get();
+  const int normal = qb_misc_audio_sid_spdif_get();
+  update_chs_or(QB_UPDATE_CH_SPDIF);
+  const int mode = get_output_spdif_stream_mode();
+  if (fallback == kNoFallback) {
+    AM_LOG_INFO(" saiSrc=%d ,  %d ; spdif stream mode = %d", src, kStreamOutputMode, mode);
+    if (mode == 1) {
+      switch_stream(ops().set_output_spdif_stream, 0, normal);
+    }
+    return;
+  }
+  const bool needed = output_needs_fallback(&record->ainfo, spdif_is_support, "spdifSupport");
+  if (needed && mode == 0) {
+    switch_stream(ops().set_output_spdif_stream, 1, fallback);
+  } else if (!needed && mode == 1) {
+    switch_stream(ops().set_output_spdif_stream, 0, normal);
+  }
+}
+
+// Analog output: muted for anything but stereo LPCM. False when the codec command failed.
+bool decide_analog(int src, const qb_audio_info_t* record) {
+  if (qb_misc_audio_saiid_analog_get() != src) {
+    return true;
+  }
+  update_chs_or(QB_UPDATE_CH_ANALOG);
+  char command[64];
+  if (is_qb_audio_output_mute(&record->ainfo)) {
+    AM_LOG_INFO("analog_output_mute() ");
+    analog_output_mute();
+    snprintf(command, sizeof(command), "%s", kCodecMute);
+  } else if (get_output_analog_mute() == 0) {
+    AM_LOG_INFO("analog_output_unmute()");
+    analog_output_unmute();
+    snprintf(command, sizeof(command), kCodecVolume, static_cast<int>(analog_volume_get()));
+  } else {
+    return true;
+  }
+  const int ret = ops().system != nullptr ? ops().system(command) : 0;
+  if (ret < 0) {
+    AM_LOG_ERROR("%s, system[%s] fail", "audio_head_oper", command);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+void qb_audio_new_format_ops_set(const qb_audio_new_format_ops_t* ops_in) {
+  g_ops.store(ops_in != nullptr ? ops_in : &kDefaultOps);
+}
+
+int get_aud_cap(E_Audio_Format format, qb_u8_t bitFlag) {
+  switch (format) {
+    case ENUM_DTS:
+      return MIX_AUD_DTS;
+    case ENUM_DTS_HD:
+      if (bitFlag & 0x04) {
+        return MIX_AUD_HDX2;
+      }
+      if (bitFlag & 0x02) {
+        return MIX_AUD_HDX;
+      }
+      if (bitFlag & 0x01) {
+        return MIX_AUD_DTDHDMA;
+      }
+      return MIX_AUD_DTSHD;
+    case ENUM_AC3:
+      return MIX_AUD_AC3;
+    case ENUM_DDP:
+      return MIX_AUD_DDP;
+    case ENUM_MAT:
+      return MIX_AUD_TRUEHD;
+    case ENUM_AAC:
+      return MIX_AUD_AAC;
+    default:
+      return MIX_AUD_INVALID;
+  }
+}
+
+int aud_support(int wanted, const T_Edid_Audio_Info_* list) {
+  if (list == nullptr) {
+    return 0;
+  }
+  const unsigned count = list->u8AudioInfoNum < EDID_AUDIO_INFO_MAX_NUM ? list->u8AudioInfoNum : EDID_AUDIO_INFO_MAX_NUM;
+  if (wanted >= MIX_AUD_AAC && wanted <= MIX_AUD_TRUEHD) {
+    for (unsigned i = 0; i < count; ++i) {
+      const T_Audio_Info& e = list->ptAudioInfo[i];
+      if (get_aud_cap(e.eAudioFomat, static_cast<qb_u8_t>(e.u8BitFlag)) == wanted) {
+        return 1;
+      }
+    }
+    return 0;
+  }
+  if (wanted >= MIX_AUD_DTS && wanted <= MIX_AUD_HDX2) {
+    for (unsigned i = 0; i < count; ++i) {
+      const T_Audio_Info& e = list->ptAudioInfo[i];
+      const int cap = get_aud_cap(e.eAudioFomat, static_cast<qb_u8_t>(e.u8BitFlag));
+      if (cap != MIX_AUD_INVALID && cap >= wanted) {
+        AM_LOG_INFO("eType=%d eAudType=%d", static_cast<int>(e.eAudioFomat), wanted);
+        return 1;
+      }
+    }
+    return 0;
+  }
+  return 0;
+}
+
+int hdmi_output_needs_fallback(const qb_audio_info* ainfo) {
+  T_Edid_Audio_Info_ list;
+  memset(&list, 0, sizeof(list));
+  if (ops().load_edid_audio == nullptr || ops().load_edid_audio(&list) != 1) {
+    AM_LOG_ERROR("load edid file /tmp/tv.edid.bin err");
+    return 0;
+  }
+  const unsigned count = list.u8AudioInfoNum < EDID_AUDIO_INFO_MAX_NUM ? list.u8AudioInfoNum : EDID_AUDIO_INFO_MAX_NUM;
+  for (unsigned i = 0; i < count; ++i) {
+    AM_LOG_INFO("monitor edid audio support type[%d]=0x%x u8bit=0x%x", static_cast<int>(i),
+                static_cast<unsigned>(list.ptAudioInfo[i].eAudioFomat), list.ptAudioInfo[i].u8BitFlag);
+  }
+  const int code = u8(ainfo->AUD_DB[0]);
+  const int mix = get_audio_type_from_dsp(code);
+  AM_LOG_INFO("dts-- dsp audio type value:%d, MIX TYPE:%d", code, mix);
+  if (mix == MIX_AUD_INVALID) {
+    AM_LOG_WARN("cannot get audio fromat form AUD_DB of dsp");
+    return 0;
+  }
+  const qb_u8_t kind = u8(ainfo->ChStat[1]);
+  if (kind == 0) {
+    for (unsigned i = 0; i < count; ++i) {
+      const T_Audio_Info& e = list.ptAudioInfo[i];
+      if (e.eAudioFomat != ENUM_LPCM) {
+        continue;
+      }
+      const int stream_flag = get_audio_samplerate(u8(ainfo->SampleFrequency));
+      AM_LOG_INFO("lpcm tv[maxchannel:%u,sample:%d] audio[channel:%d,sample:%d]", e.u8MaxChannels,
+                  static_cast<int>(e.eSampleRateFlags), u8(ainfo->ValidCh), stream_flag);
+      if (u8(ainfo->ValidCh) <= e.u8MaxChannels) {
+        return static_cast<int>(e.eSampleRateFlags) < stream_flag ? 1 : 0;
+      }
+      return 1;
+    }
+    return 1;
+  }
+  if (kind == 1 || kind == 2) {
+    return aud_support(mix, &list) == 0 ? 1 : 0;
+  }
+  if (kind == 3) {
+    return 0;
+  }
+  AM_LOG_ERROR("invalid channel state:0x%x", kind);
+  return 0;
+}
+
+bool output_needs_fallback(const qb_audio_info* ainfo, bool (*support)(int), const char* support_name) {
+  const qb_u8_t kind = u8(ainfo->ChStat[1]);
+  if (kind == 2) {
+    return true;
+  }
+  if (kind == 1) {
+    const int code = u8(ainfo->AUD_DB[0]);
+    const bool supported = support(code);
+    AM_LOG_INFO("dts-- dsp audio type value:%d %s:%d", code, support_name, supported ? 1 : 0);
+    if (!supported) {
+      return true;
+    }
+  }
+  if (kind == 0 && u8(ainfo->ChStat[2]) >= 3) {
+    return true;
+  }
+  // Channel-status byte 3 equal to 9 marks a high-bit-rate stream.
+  return u8(ainfo->ChStat[3]) == kHbrRateCode;
+}
+
+qb_audio_info_t qb_audio_oper_record_from_head(int stream, const audio_transport_head_t* head) {
+  qb_audio_info_t record;
+  memset(&record, 0, sizeof(record));
+  record.ch = QB_AUDIO_CHN_NSI1 + (stream - 1);
+  qb_audio_info& a = record.ainfo;
+  a.Audio_On = 1;
+  a.SampleFrequency = static_cast<qb_s8_t>(head->Sample_Frequency);
+  a.ValidCh = static_cast<qb_s8_t>(head->Channels);
+  a.SampleSize = static_cast<qb_s8_t>(head->Sample_Size);
+  a.io_in_use = static_cast<qb_s8_t>(AUDIO_HEAD_IO_IN_USE);
+  a.Audio_Type = static_cast<qb_s8_t>(head->Audio_Type);
+  a.bSPDIF = static_cast<qb_s8_t>(head->SPDIF);
+  memcpy(a.AUD_DB, head->Audio_Info_Frame, sizeof(a.AUD_DB));
+  memcpy(a.ChStat, head->IEC60958_Channel_Stats, sizeof(a.ChStat));
+  return record;
+}
+
+int qb_audio_oper_new_format(qb_audio_oper_ctrl_t* ctrl, const audio_transport_head_t* head) {
+  const int stream = ctrl->file_param_num >= 1 && ctrl->file_param_num <= 3 ? ctrl->file_param_num : 3;
+  const int src = 3 + stream;  // matrix source of the stream: 4, 5, 6
+  input_mute_ctrl(6 + stream, 1);
+  qb_audio_info_t record = qb_audio_oper_record_from_head(stream, head);
+  AM_LOG_INFO("aplay head change,sf:%d,chn:%d,ss:%d", head->Sample_Frequency, head->Channels, head->Sample_Size);
+  AM_LOG_INFO("saiSrc=%d hdmiSrc=[%d:%d] earcSrc=[%d:%d] spdifSrc=[%d:%d]", src, qb_msic_net_stream_in_hdmi_get(),
+              qb_misc_audio_saiid_hdmi_get(), qb_msic_net_stream_in_earc_get(), qb_misc_audio_saiid_earc_get(),
+              qb_msic_net_stream_in_spdif_get(), qb_misc_audio_saiid_spdif_get());
+  decide_hdmi(src, &record);
+  decide_earc(ctrl, src, &record);
+  decide_spdif(src, &record);
+  if (!decide_analog(src, &record)) {
+    return 0;
+  }
+  audio_info_head_set(ctrl, &record.ainfo);
+  qb_audio_channel_state_set(record.ch, &record.ainfo);
+  if (ops().reportDetailsAudioStatus != nullptr) {
+    ops().reportDetailsAudioStatus(0);
+  }
+  AM_LOG_INFO("new audio head, aborting");
+  qb_audio_oper_abort(ctrl);
+  return 1;
+}

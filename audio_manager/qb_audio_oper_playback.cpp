@@ -1,0 +1,433 @@
+// The network-to-playback receiver: joins a multicast group, checks each datagram's header, bridges
+// small losses with silence, realigns on channel 0, parks chunks in the ring while the device is
+// busy and writes them to the ALSA playback device; samples the queued audio for clock steering.
+#include "qb_audio_oper_playback.h"
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+#include "am_log.h"
+#include "audio_packet_loss_statistics.h"
+#include "multicast_route.h"
+#include "qb_audio_buf.h"
+#include "qb_audio_misc_fpga.h"
+#include "qb_audio_oper_format.h"
+#include "qb_audio_oper_steer.h"
+#include "qb_si5351.h"
+
+namespace {
+
+constexpr int kGenlockBasePort = 11000;
+constexpr const char* kGenlockAddress = "127.0.0.1";
+constexpr unsigned kEpollAfterRecvCalls = 10;
+constexpr int kEpollWaitMs = 1;
+constexpr size_t kMaxRxMessages = 128;
+constexpr unsigned kMaxChannels = 8;
+
+std::atomic<playback_new_format_fn> g_new_format_hook{nullptr};
+
+void sleep_ms(unsigned ms) { usleep(ms * 1000U); }
+
+int playback_channel_of_stream(int stream) {
+  return stream == 1 ? QB_AUDIO_CHN_NSI1 : stream == 2 ? QB_AUDIO_CHN_NSI3 : QB_AUDIO_CHN_NSI5;
+}
+
+int run_new_format_handler(qb_audio_oper_ctrl_t* ctrl, const audio_transport_head_t* head) {
+  playback_new_format_fn hook = g_new_format_hook.load();
+  if (hook != nullptr) {
+    return hook(ctrl, head);
+  }
+  return qb_audio_oper_new_format(ctrl, head);
+}
+
+// Continuity of the rolling counter and the append of one payload (with bridged silence).
+playback_rx_e playback_append(qb_audio_oper_ctrl_t* ctrl, const audio_transport_head_t& head,
+                              const qb_u8_t* payload, size_t len) {
+  const qb_u32_t expected = ctrl->rollingSampleDataSizeTotal;
+  const qb_u32_t current = head.Rolling_Sample_Data_Size_Total;
+  const qb_u32_t size = head.Packet_Size;
+  qb_u32_t lost = 0;
+  if (expected != 0 && current != 0 && current != expected) {
+    lost = current - expected;  // modulo 2^32
+    AM_LOG_ERROR("audio packet lost %u, Rolling_Sample_Data_Size_Total last:%u, current:%u packet size:%u, aborting",
+                 lost, expected, current, size);
+    set_audio_loss_info(ctrl->file_param_num - 1, static_cast<int>(lost));
+    if (lost == 0 || lost > QB_AUDIO_MAX_BRIDGED_LOSS) {
+      AM_LOG_ERROR("audio lost packet size %d byte, aborting", static_cast<int>(lost));
+      qb_audio_oper_abort(ctrl);
+      return PLAYBACK_RX_ABORT;
+    }
+    AM_LOG_WARN("audio lost packet size %d byte, replace with mute audio packet", static_cast<int>(lost));
+  }
+  const size_t need = static_cast<size_t>(lost) + size;
+  if (ctrl->audiobuf == nullptr || ctrl->audiobuf_datalen + need > ctrl->audiobuf_capacity) {
+    AM_LOG_ERROR("count=%lu dst=%p src=%p param err", static_cast<unsigned long>(len),
+                 static_cast<void*>(ctrl->audiobuf), static_cast<const void*>(payload));
+    return PLAYBACK_RX_DROPPED;
+  }
+  qb_u8_t* dst = ctrl->audiobuf + ctrl->audiobuf_datalen;
+  memset(dst, 0, lost);
+  memcpy(dst + lost, payload, size);
+  ctrl->audiobuf_datalen += static_cast<unsigned>(need);
+  ctrl->rollingSampleDataSizeTotal = current + size;
+  return PLAYBACK_RX_APPENDED;
+}
+
+// Fills the rest of a chunk with silence of the current format.
+void pad_chunk_with_silence(qb_audio_oper_ctrl_t* ctrl, qb_u8_t* data, size_t frames) {
+  const size_t frame_bytes = ctrl->bits_per_frame / 8;
+  const size_t missing = ctrl->chunk_size - frames;
+  snd_pcm_format_set_silence(ctrl->hwparams.format, data + frames * frame_bytes,
+                             static_cast<unsigned>(missing * ctrl->hwparams.channels));
+}
+
+}  // namespace
+
+void playback_new_format_hook_set(playback_new_format_fn fn) { g_new_format_hook.store(fn); }
+
+playback_change_e playback_head_change(const audio_transport_head_t* playing, const audio_transport_head_t* head) {
+  if (head->Sample_Frequency != playing->Sample_Frequency || head->Channels != playing->Channels ||
+      head->Sample_Size != playing->Sample_Size || head->Audio_Type != playing->Audio_Type ||
+      head->SPDIF != playing->SPDIF ||
+      memcmp(head->IEC60958_Channel_Stats, playing->IEC60958_Channel_Stats, sizeof(head->IEC60958_Channel_Stats)) != 0) {
+    return PLAYBACK_CHANGE_HEAD;
+  }
+  if (head->Audio_Info_Frame[0] != playing->Audio_Info_Frame[0] ||
+      head->Audio_Info_Frame[3] != playing->Audio_Info_Frame[3]) {
+    return PLAYBACK_CHANGE_FRAME;
+  }
+  return PLAYBACK_CHANGE_NONE;
+}
+
+playback_rx_e playback_handle_datagram(qb_audio_oper_ctrl_t* ctrl, const qb_u8_t* dgram, size_t len) {
+  if (len <= AUDIO_TRANSPORT_HEAD_SIZE) {
+    AM_LOG_ERROR("count=%lu less then head=%u", static_cast<unsigned long>(len),
+                 static_cast<unsigned>(AUDIO_TRANSPORT_HEAD_SIZE));
+    return PLAYBACK_RX_DROPPED;
+  }
+  const qb_u8_t* payload = dgram + AUDIO_TRANSPORT_HEAD_SIZE;
+  if (ctrl->audiobuf == nullptr) {
+    AM_LOG_ERROR("count=%lu dst=%p src=%p param err", static_cast<unsigned long>(len), static_cast<void*>(nullptr),
+                 static_cast<const void*>(payload));
+    return PLAYBACK_RX_DROPPED;
+  }
+  audio_transport_head_t head;
+  memcpy(&head, dgram, sizeof(head));
+  if (len != static_cast<size_t>(head.Packet_Size) + AUDIO_TRANSPORT_HEAD_SIZE) {
+    AM_LOG_ERROR("count=%lu not equal plen=%u add head=%u", static_cast<unsigned long>(len), head.Packet_Size,
+                 static_cast<unsigned>(AUDIO_TRANSPORT_HEAD_SIZE));
+    return PLAYBACK_RX_DROPPED;
+  }
+  const playback_change_e change = playback_head_change(&ctrl->audio_info_head, &head);
+  if (change != PLAYBACK_CHANGE_NONE) {
+    AM_LOG_INFO("%s", change == PLAYBACK_CHANGE_HEAD ? "New audio information head" : "New audio information frame");
+    if (run_new_format_handler(ctrl, &head) != 0) {
+      return PLAYBACK_RX_ABORT;
+    }
+  }
+  return playback_append(ctrl, head, payload, len);
+}
+
+size_t playback_realign(qb_audio_oper_ctrl_t* ctrl) {
+  if (ctrl->hwparams.channels <= 2 || ctrl->bits_per_sample != 32 || ctrl->audiobuf_datalen < 4 ||
+      ctrl->audiobuf[3] == AUDIO_CHANNEL0_TAG) {
+    return 0;
+  }
+  const size_t samples = ctrl->audiobuf_datalen / 4;
+  for (size_t k = 1; k < samples; ++k) {
+    if (ctrl->audiobuf[k * 4 + 3] == AUDIO_CHANNEL0_TAG) {
+      const size_t drop = k * 4;
+      memmove(ctrl->audiobuf, ctrl->audiobuf + drop, ctrl->audiobuf_datalen - drop);
+      ctrl->audiobuf_datalen -= static_cast<unsigned>(drop);
+      AM_LOG_WARN("remove %d bytes for not start 00 channel", static_cast<int>(drop));
+      return drop;
+    }
+  }
+  return 0;
+}
+
+// Leave the receive step while less room than a full batch plus the largest bridged gap remains,
+// so that a backlog is never appended past the end of the staging buffer; the rest is read in the
+// next pass.
+size_t playback_rx_room_needed(size_t messages) {
+  return messages * QB_AUDIO_RX_SLOT_SIZE + QB_AUDIO_MAX_BRIDGED_LOSS;
+}
+
+unsigned playback_move_chunks(qb_audio_oper_ctrl_t* ctrl, playback_write_fn write) {
+  unsigned written = 0;
+  CAudioBuf* ring = ctrl->pAudBuf;
+  const size_t frame_bits = ctrl->bits_per_frame;
+  if (ring == nullptr || frame_bits == 0 || ctrl->chunk_bytes == 0) {
+    return 0;
+  }
+  // Parked chunks go first, so that the byte order of the stream is kept.
+  while (ring->get_buf_size() > 0) {
+    AUD_BUF_T* slot = ring->get_buf_data();
+    if (slot == nullptr) {
+      AM_LOG_ERROR("get pBuf err");
+      break;
+    }
+    const size_t frames = static_cast<size_t>(slot->data_size) * 8 / frame_bits;
+    if (write(ctrl, reinterpret_cast<qb_u8_t*>(slot->buf), frames) < 1) {
+      ring->reset_buf_status(slot);
+      break;
+    }
+    ring->push_buf_free(slot);
+    ++written;
+    ctrl->chunkCountPlay += 1;
+  }
+  size_t consumed = 0;
+  const size_t chunk = ctrl->chunk_bytes;
+  if (ring->get_buf_size() == 0) {
+    while (ctrl->audiobuf_datalen - consumed >= chunk) {
+      if (write(ctrl, ctrl->audiobuf + consumed, ctrl->chunk_size) < 1) {
+        break;
+      }
+      consumed += chunk;
+      ++written;
+      ctrl->chunkCountPlay += 1;
+    }
+  }
+  while (ctrl->audiobuf_datalen - consumed >= chunk) {
+    if (ring->push_data(reinterpret_cast<const char*>(ctrl->audiobuf + consumed), static_cast<int>(chunk)) != 0) {
+      qb_audio_oper_abort(ctrl);
+      AM_LOG_ERROR("buffer is full, aborting");
+      AM_LOG_ERROR("alsa status:%d", ctrl->handle != nullptr ? static_cast<int>(snd_pcm_state(ctrl->handle)) : -1);
+      break;
+    }
+    consumed += chunk;
+  }
+  if (consumed > 0) {
+    memmove(ctrl->audiobuf, ctrl->audiobuf + consumed, ctrl->audiobuf_datalen - consumed);
+    ctrl->audiobuf_datalen -= static_cast<unsigned>(consumed);
+  }
+  return written;
+}
+
+snd_pcm_sframes_t pcm_write(qb_audio_oper_ctrl_t* ctrl, qb_u8_t* data, size_t frames) {
+  if (frames == 0) {
+    return 0;
+  }
+  if (frames < ctrl->chunk_size) {
+    AM_LOG_INFO("cout=%lu not equal chunk size=%lu, silence", static_cast<unsigned long>(frames), ctrl->chunk_size);
+    pad_chunk_with_silence(ctrl, data, frames);
+    frames = ctrl->chunk_size;
+  }
+  const size_t frame_bytes = ctrl->bits_per_frame / 8;
+  size_t count = frames;
+  snd_pcm_sframes_t total = 0;
+  while (count > 0 && !qb_audio_oper_is_aborting(ctrl)) {
+    const snd_pcm_sframes_t r = snd_pcm_writei(ctrl->handle, data, count);
+    if (r == -EAGAIN) {
+      AM_LOG_WARN("write audio data, get -EAGAIN");
+      return 0;
+    }
+    if (r == -EPIPE) {
+      if (xrun(ctrl) == 0) {
+        AM_LOG_WARN("prepare ok after xrun, continue");
+        return static_cast<snd_pcm_sframes_t>(ctrl->chunk_size);
+      }
+      qb_audio_oper_abort(ctrl);
+      AM_LOG_ERROR("%s EPIPE aborting", ctrl->pcm_name);
+      return -1;
+    }
+    if (r == -ESTRPIPE) {
+      qb_audio_oper_abort(ctrl);
+      AM_LOG_ERROR("%s ESTRPIPE aborting", ctrl->pcm_name);
+      return -1;
+    }
+    if (r < 0) {
+      AM_LOG_ERROR("write error: %s,%s, aborting", ctrl->pcm_name, snd_strerror(static_cast<int>(r)));
+      qb_audio_oper_abort(ctrl);
+      return -1;
+    }
+    total += r;
+    count -= static_cast<size_t>(r);
+    if (count > 0) {
+      data += static_cast<size_t>(r) * frame_bytes;
+      AM_LOG_WARN("left count=%lu, continue write data", static_cast<unsigned long>(count));
+    }
+  }
+  return total;
+}
+
+// ---------------------------------------------------------------------------------------------
+// One run
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+struct playback_run_t {
+  int epfd = -1;
+  size_t messages = 0;
+  struct mmsghdr msgs[kMaxRxMessages];
+  struct iovec iov[kMaxRxMessages];
+  playback_steer_t steer{};
+};
+
+void rx_vector_build(qb_audio_oper_ctrl_t* ctrl, playback_run_t* run) {
+  for (size_t i = 0; i < run->messages; ++i) {
+    run->iov[i].iov_base = ctrl->net_audiobuf + i * QB_AUDIO_RX_SLOT_SIZE;
+    run->iov[i].iov_len = QB_AUDIO_RX_SLOT_SIZE;
+    memset(&run->msgs[i], 0, sizeof(run->msgs[i]));
+    run->msgs[i].msg_hdr.msg_iov = &run->iov[i];
+    run->msgs[i].msg_hdr.msg_iovlen = 1;
+  }
+}
+
+// Receives until the socket is empty, the run is aborted, or the staging room runs short.
+void rx_drain_socket(qb_audio_oper_ctrl_t* ctrl, playback_run_t* run) {
+  const size_t room_needed = playback_rx_room_needed(run->messages);
+  while (!qb_audio_oper_is_aborting(ctrl)) {
+    if (ctrl->audiobuf_capacity - ctrl->audiobuf_datalen < room_needed) {
+      break;
+    }
+    rx_vector_build(ctrl, run);
+    const int got = recvmmsg(ctrl->rx_fd, run->msgs, static_cast<unsigned>(run->messages), MSG_DONTWAIT, nullptr);
+    run->steer.recv_calls += 1;
+    if (got < 0) {
+      break;
+    }
+    for (int i = 0; i < got; ++i) {
+      const qb_u8_t* dgram = static_cast<const qb_u8_t*>(run->iov[i].iov_base);
+      if (playback_handle_datagram(ctrl, dgram, run->msgs[i].msg_len) == PLAYBACK_RX_ABORT) {
+        return;
+      }
+    }
+  }
+}
+
+void flush_socket(qb_audio_oper_ctrl_t* ctrl) {
+  if (ctrl->rx_fd <= 0 || ctrl->audiobuf == nullptr) {
+    return;
+  }
+  while (recv(ctrl->rx_fd, ctrl->audiobuf, QB_AUDIO_BUF_DEFAULT_SIZE, MSG_DONTWAIT) >= 0) {
+  }
+}
+
+int playback_loop(qb_audio_oper_ctrl_t* ctrl, const char* group) {
+  playback_run_t run;
+  run.epfd = epoll_create1(EPOLL_CLOEXEC);
+  if (run.epfd >= 0 && ctrl->rx_fd > 0) {
+    struct epoll_event ev;
+    memset(&ev, 0, sizeof(ev));
+    ev.events = EPOLLIN | EPOLLET;
+    ev.data.fd = ctrl->rx_fd;
+    epoll_ctl(run.epfd, EPOLL_CTL_ADD, ctrl->rx_fd, &ev);
+  }
+  size_t messages = ctrl->chunk_bytes / AUDIO_PKT_PAYLOAD_SIZE + 1;
+  const size_t fit = ctrl->net_audiobuf_capacity / QB_AUDIO_RX_SLOT_SIZE;
+  messages = messages > fit ? fit : messages;
+  run.messages = messages > kMaxRxMessages ? kMaxRxMessages : messages;
+  AM_LOG_INFO("%s,%ld,%ld,%ld name:%s, %p", "playback_new", static_cast<long>(ctrl->chunk_bytes),
+              static_cast<long>(ctrl->chunk_size), static_cast<long>(ctrl->pbrec_count), group,
+              static_cast<void*>(ctrl->pAudBuf));
+  input_mute_ctrl(6 + ctrl->file_param_num, 0);
+  flush_socket(ctrl);
+  clock_gettime(CLOCK_MONOTONIC, &ctrl->tsStartPlay);
+
+  while (!qb_audio_oper_is_aborting(ctrl)) {
+    bool receive = true;
+    if (run.steer.recv_calls > kEpollAfterRecvCalls && run.epfd >= 0) {
+      struct epoll_event ev;
+      receive = epoll_wait(run.epfd, &ev, 1, kEpollWaitMs) > 0;
+    }
+    if (receive) {
+      rx_drain_socket(ctrl, &run);
+    }
+    if (qb_audio_oper_is_aborting(ctrl)) {
+      break;
+    }
+    playback_realign(ctrl);
+    run.steer.written_chunks += playback_move_chunks(ctrl, pcm_write);
+    playback_steer_pass(ctrl, &run.steer);
+  }
+
+  if (ctrl->handle != nullptr) {
+    if (qb_audio_oper_shutdown_get()) {
+      snd_pcm_drop(ctrl->handle);  // the daemon is stopping: do not wait for the queue to play out
+    } else {
+      snd_pcm_nonblock(ctrl->handle, 0);
+      snd_pcm_drain(ctrl->handle);
+      snd_pcm_nonblock(ctrl->handle, 1);
+    }
+  }
+  if (run.epfd >= 0) {
+    close(run.epfd);
+  }
+  sleep_ms(100);
+  return 0;
+}
+
+void print_play_description(const qb_audio_oper_ctrl_t* ctrl) {
+  if (ctrl->quiet_mode) {
+    return;
+  }
+  fprintf(stderr, "Playing raw data '%s' : %s, Rate %d Hz, ", ctrl->pcm_name,
+          snd_pcm_format_description(ctrl->hwparams.format), ctrl->hwparams.rate);
+  if (ctrl->hwparams.channels == 1) {
+    fprintf(stderr, "Mono\n");
+  } else if (ctrl->hwparams.channels == 2) {
+    fprintf(stderr, "Stereo\n");
+  } else {
+    fprintf(stderr, "Channels %i\n", ctrl->hwparams.channels);
+  }
+}
+
+}  // namespace
+
+int qb_audio_oper_playback(qb_audio_oper_ctrl_t* ctrl, const char* pcm_name, const char* group) {
+  if (ctrl == nullptr || pcm_name == nullptr || group == nullptr) {
+    return -1;
+  }
+  AM_LOG_INFO("%s,%s,%s", "qb_audio_oper_playback", pcm_name, group);
+  qb_audio_oper_default(ctrl);
+  ctrl->open_mode = SND_PCM_NONBLOCK;
+  ctrl->stream = SND_PCM_STREAM_PLAYBACK;
+  ctrl->command = "aplay";
+  ctrl->pcm_name = pcm_name;
+  ctrl->audio_net_addr = group;
+  set_mcast_route_rtl8364(group);
+  AM_LOG_INFO("echo %s 1 > /sys/devices/platform/soc@0/soc@0:bus@30800000/30a30000.i2c/i2c-1/1-005c/set_mcastaddr",
+              group);
+  ctrl->audio_group_ip = 1;
+  ctrl->test_position = 0;
+  ctrl->verbose = 1;
+  ctrl->dump_hw_params = 1;
+  ctrl->net_port = QB_AUDIO_NET_PORT;
+  ctrl->file_param_num = qb_audio_oper_stream_of_device(pcm_name);
+  qb_audio_info source;
+  const bool have_source = qb_audio_channel_state_copy(playback_channel_of_stream(ctrl->file_param_num), &source) == 1;
+  _file_param_set(ctrl, have_source ? &source : nullptr);
+  ctrl->clifd = udp_socket_create(kGenlockAddress, kGenlockBasePort + ctrl->file_param_num);
+  if (!qb_audio_oper_is_aborting(ctrl)) {
+    send_set_param(ctrl->clifd, ctrl->file_param_num, static_cast<int>(ctrl->hwparams.rate));
+  }
+  sleep_ms(100);
+
+  net_data_open(ctrl);
+  int ret = qb_audio_oper_general_init(ctrl);
+  if (ret == 0) {
+    ctrl->hwparams = ctrl->rhwparams;
+    AM_LOG_INFO("ctrl->pcm_name = %s", ctrl->pcm_name);
+    print_play_description(ctrl);
+    if (set_params_play(ctrl) < 0) {
+      ret = -2;
+    } else {
+      dump_audio_ctrl(ctrl);
+      ret = playback_loop(ctrl, group);
+    }
+  }
+  net_data_close(ctrl);
+  qb_audio_oper_general_uninit(ctrl);
+  del_mcast_route_rtl8364(group);
+  AM_LOG_INFO("echo %s > /sys/devices/platform/soc@0/soc@0:bus@30800000/30a30000.i2c/i2c-1/1-005c/del_mcastaddr",
+              group);
+  AM_LOG_INFO("%s %s end", "qb_audio_oper_playback", pcm_name);
+  return ret;
+}

@@ -1,0 +1,45 @@
+// Pieces of the network-to-playback receiver, exposed so that the header, continuity, realignment
+// and parking logic can be driven without a network or a sound card.
+#pragma once
+
+#include <cstddef>
+
+#include "qb_audio_oper.h"
+
+// What became of one datagram.
+enum playback_rx_e {
+  PLAYBACK_RX_APPENDED = 0,  // payload (and any bridged silence) appended to audiobuf
+  PLAYBACK_RX_DROPPED,       // malformed or no room: skipped, playback goes on
+  PLAYBACK_RX_NEW_FORMAT,    // format or info-frame change: the new-format handler must run
+  PLAYBACK_RX_ABORT,         // the run must end (large gap, or the handler ended it)
+};
+
+// Kind of header change.
+enum playback_change_e {
+  PLAYBACK_CHANGE_NONE = 0,
+  PLAYBACK_CHANGE_HEAD,   // a format field differs
+  PLAYBACK_CHANGE_FRAME,  // only Audio_Info_Frame[0] or [3] differs
+};
+
+// The new-format handler: returns 1 when it ended the run (the normal case), 0 when the datagram
+// is to be handled as if no change had been seen.
+typedef int (*playback_new_format_fn)(qb_audio_oper_ctrl_t* ctrl, const audio_transport_head_t* head);
+// Replaces the handler (tests); nullptr restores the daemon's own.
+void playback_new_format_hook_set(playback_new_format_fn fn);
+
+// Writes frames to the device: frames written, 0 when it would block, -1 on a fatal error.
+typedef snd_pcm_sframes_t (*playback_write_fn)(qb_audio_oper_ctrl_t* ctrl, qb_u8_t* data, size_t frames);
+
+// Compares a header with the one being played.
+playback_change_e playback_head_change(const audio_transport_head_t* playing, const audio_transport_head_t* head);
+// One datagram of len bytes: length checks, change detection (running the handler), continuity
+// with loss bridging, append to audiobuf.
+playback_rx_e playback_handle_datagram(qb_audio_oper_ctrl_t* ctrl, const qb_u8_t* dgram, size_t len);
+// Drops the bytes in front of the first channel-0 sample of 32-bit streams of more than two
+// channels. Bytes dropped.
+size_t playback_realign(qb_audio_oper_ctrl_t* ctrl);
+// Bytes of room audiobuf must keep before another receive call.
+size_t playback_rx_room_needed(size_t messages);
+// Drains the ring into the device, then writes or parks the whole chunks of audiobuf. Returns the
+// number of chunks written to the device; sets in_aborting when the ring overflows.
+unsigned playback_move_chunks(qb_audio_oper_ctrl_t* ctrl, playback_write_fn write);
