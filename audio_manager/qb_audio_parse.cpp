@@ -87,17 +87,21 @@ void dispatch_inner(const tlv_box_t* inner, const qb_audio_cmd_operation_t* tabl
   }
 }
 
+// Size of the datagram waiting on the socket (0 when none or unknown).
+int pending_datagram_bytes(int fd) {
+  int pending = 0;
+  if (ioctl(fd, FIONREAD, &pending) != 0) {
+    return 0;
+  }
+  return pending;
+}
+
 // A datagram larger than the receive buffer is refused by the receive function and stays queued;
 // it is read and discarded here so that the socket does not stay readable for ever.
-void drain_oversized_datagram(int fd) {
-  int pending = 0;
-  if (ioctl(fd, FIONREAD, &pending) != 0 || pending <= QB_AUDIO_CMD_BUF_SIZE) {
-    return;
-  }
+void drain_oversized_datagram(int fd, int pending) {
   qb_u8_t scratch[1];
-  const ssize_t dropped = recv(fd, scratch, sizeof(scratch), MSG_DONTWAIT | MSG_TRUNC);
-  AM_LOG_ERROR("drop cmd datagram of %ld bytes, larger than %d", static_cast<long>(dropped),
-               QB_AUDIO_CMD_BUF_SIZE);
+  (void)recv(fd, scratch, sizeof(scratch), MSG_DONTWAIT | MSG_TRUNC);
+  AM_LOG_ERROR("drop cmd datagram of %d bytes, larger than %d", pending, QB_AUDIO_CMD_BUF_SIZE);
 }
 
 // Creates and binds the command socket, storing it in the frame's state.
@@ -179,10 +183,18 @@ int audio_proc(void) {
   std::memset(&from, 0, sizeof(from));
   socklen_t from_len = sizeof(from);
   const int fd = audio_cmd_fd_get();
+  errno = 0;
   const int received = qb_udp_recv(fd, buffer, sizeof(buffer), 0, &from, &from_len);
   if (received < 1) {
+    const int pending = pending_datagram_bytes(fd);
+    const bool oversized = pending > QB_AUDIO_CMD_BUF_SIZE;
+    if (oversized) {
+      errno = EMSGSIZE;
+    }
     AM_LOG_ERROR("audio recv err:%s", std::strerror(errno));
-    drain_oversized_datagram(fd);
+    if (oversized) {
+      drain_oversized_datagram(fd, pending);
+    }
     return 1;
   }
   audio_recv_data_proc(buffer, received);
