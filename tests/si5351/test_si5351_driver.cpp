@@ -267,3 +267,17 @@ TEST(Si5351Status, StateTexts) {
 }
 
 }  // namespace
+
+namespace {
+
+// Starting without the service thread programs the power-up table only.
+TEST(Si5351Start, StartProgramsThePowerUpTable) {
+  am_test::I2cFake bus;
+  EXPECT_EQ(qb_si5351_start(), 0);
+  const auto writes = bus.writes(si5351_test::kBus, si5351_test::kAddr);
+  ASSERT_EQ(writes.size(), 71u);
+  EXPECT_EQ(writes.front(), (std::pair<uint16_t, uint8_t>{3, 0xFF}));
+  EXPECT_EQ(writes.back(), (std::pair<uint16_t, uint8_t>{3, 0x00}));
+}
+
+}  // namespace
