@@ -1,10 +1,24 @@
 // Output control commands: mute, delay, source selection, downmix, analog levels and the eARC
-// output of the bridge; the all-gates mute and unmute of the FPGA matrix.
+// output of the bridge; the all-gates mute and unmute of the FPGA matrix; the ARC mode requests to
+// the bridge services.
+#include <atomic>
 #include <cstddef>
+#include <cstdio>
+#include <cstring>
 
 #include "am_log.h"
 #include "i2c_device.h"
+#include "posix_system.h"
+#include "qb_audio_analog.h"
+#include "qb_audio_earc.h"
+#include "qb_audio_hdmi.h"
+#include "qb_audio_misc_bridge.h"
+#include "qb_audio_misc_fpga.h"
 #include "qb_audio_parse.h"
+#include "qb_audio_parse_private.h"
+#include "qb_audio_spdif.h"
+#include "qb_audio_stream.h"
+#include "qb_tlv_box.h"
 
 namespace {
 
@@ -17,16 +31,124 @@ constexpr qb_u8_t kFpgaUnmuteAllRegs[] = {0x52, 0x53, 0x55, 0x56, 0x57, 0x58, 0x
 constexpr qb_u8_t kFpgaGatesClosed = 0x00;
 constexpr qb_u8_t kFpgaGatesOpen = 0xFF;
 
+// The analog codec's control program.
+constexpr const char* kCodecVolumeCmd = "/customer/bin/audio_codec -v %d";
+constexpr const char* kCodecFullScaleCmd = "/customer/bin/audio_codec -f %d";
+constexpr size_t kCodecCmdSize = 128;
+
+// Output port numbers of the commands.
+constexpr qb_u32_t kPortAnalog = 0;
+constexpr qb_u32_t kPortHdmi = 1;
+constexpr qb_u32_t kPortSpdif = 2;
+constexpr qb_u32_t kPortEarc = 3;
+constexpr qb_u32_t kPortDsp = 5;
+
+// A mute value of 1 mutes; anything else unmutes.
+constexpr qb_u32_t kMuteOn = 1;
+
+// Analog input full-scale levels and the value of register 0x50 for each.
+constexpr qb_u32_t kInputVrmsHigh = 1;
+constexpr qb_u32_t kInputVrmsLow = 2;
+constexpr qb_u8_t kInputVrmsHighReg = 1;
+constexpr qb_u8_t kInputVrmsLowReg = 0;
+
+// The delay is a 15-bit value: the low byte, then the high 7 bits.
+constexpr qb_u32_t kLatencyLowMask = 0xFF;
+constexpr qb_u32_t kLatencyHighMask = 0x7F;
+
+// The eARC enable request: enable 1 switches the output on.
+constexpr qb_u32_t kEarcEnableOn = 1;
+
+// Analog output volume last passed to the codec program.
+std::atomic<qb_s32_t> g_stAnalogVolume{0};
+
 void fpga_write_byte(qb_u8_t reg, qb_u8_t value) {
   (void)I2C_Device_Write(kFpgaI2cBus, kFpgaI2cAddr, reg, &value, 1);
 }
 
-int not_implemented_yet(const char* name) {
-  AM_LOG_WARN("%s: not implemented yet", name);
-  return 0;
+// One output's mute and unmute operations with their log lines.
+struct mute_row_t {
+  qb_u32_t port;
+  int (*mute)(void);
+  int (*unmute)(void);
+  const char* mute_log;
+  const char* unmute_log;
+};
+
+constexpr mute_row_t kMuteRows[] = {
+    {kPortAnalog, analog_output_mute, analog_output_unmute, "set analog output mute",
+     "set analog output unmute"},
+    {kPortHdmi, hdmi_output_mute, hdmi_output_unmute, "set hdmi output mute",
+     "set hdmi output unmute"},
+    {kPortSpdif, spdif_output_mute, spdif_output_unmute, "set spdif output mute",
+     "set spdif output unmute"},
+    {kPortEarc, earc_output_mute, earc_output_unmute, "set arc/earc output mute",
+     "set arc/earc output unmute"},
+    {kPortDsp, dsp_output_mute, dsp_output_unmute, "set dsp output mute", "set dsp output unmute"},
+};
+
+const mute_row_t* mute_row(qb_u32_t port) {
+  for (const mute_row_t& row : kMuteRows) {
+    if (row.port == port) {
+      return &row;
+    }
+  }
+  return nullptr;
+}
+
+// One output's delay registers and the port word of its log line.
+struct latency_row_t {
+  qb_u32_t port;
+  qb_u8_t low_reg;
+  qb_u8_t high_reg;
+  const char* word;
+};
+
+constexpr latency_row_t kLatencyRows[] = {
+    {kPortAnalog, FPGA_REG_LATENCY_ANALOG, FPGA_REG_LATENCY_ANALOG + 1, "analog"},
+    {kPortHdmi, FPGA_REG_LATENCY_HDMI, FPGA_REG_LATENCY_HDMI + 1, "hdmi"},
+    {kPortSpdif, FPGA_REG_LATENCY_SPDIF, FPGA_REG_LATENCY_SPDIF + 1, "spdif"},
+    {kPortEarc, FPGA_REG_LATENCY_EARC, FPGA_REG_LATENCY_EARC + 1, "earc"},
+};
+
+const latency_row_t* latency_row(qb_u32_t port) {
+  for (const latency_row_t& row : kLatencyRows) {
+    if (row.port == port) {
+      return &row;
+    }
+  }
+  return nullptr;
+}
+
+void latency_write(const latency_row_t& row, qb_u8_t reg, qb_u8_t value) {
+  fpga_write_byte(reg, value);
+  AM_LOG_INFO("set fpga %s channel add:%02x reg:%02x val:%02x", row.word, kFpgaI2cAddr, reg, value);
+}
+
+// Runs one codec command built from a format and a value. 1, or 0 when the shell failed.
+int run_codec(const char* handler, const char* format, int value) {
+  char command[kCodecCmdSize];
+  std::memset(command, 0, sizeof(command));
+  std::snprintf(command, sizeof(command), format, value);
+  if (posix_system(command) < 0) {
+    AM_LOG_ERROR("%s, system[%s] fail", handler, command);
+    return 0;
+  }
+  return 1;
+}
+
+// An ARC mode request: the 4-byte mode to one bridge service.
+void send_arc_mode(qb_s32_t outer_type, int mode) {
+  const qb_s32_t value = mode;
+  (void)audio_tlv_packet(outer_type, QB_BRIDGE_KEY_ARC_MODE, &value, sizeof(value));
 }
 
 }  // namespace
+
+const char* qb_audio_output_port_name(qb_u32_t ch) {
+  static constexpr const char* kNames[] = {"analog", "hdmi", "spdif", "earc", "stream", "dsp"};
+  return ch < sizeof(kNames) / sizeof(kNames[0]) ? kNames[ch] : "unknown";
+}
 
 void audio_mute_all(void) {
   fpga_write_byte(kFpgaRegRouteEnable, kFpgaGatesClosed);
@@ -42,6 +164,20 @@ void audio_unmute_all(void) {
   }
 }
 
+int arc_on_off_ctrl(int mode) {
+  AM_LOG_INFO("%s,arc on/off %d", __func__, mode);
+  send_arc_mode(TLV_OUTER_TYPE_IT6620, mode);
+  return 1;
+}
+
+int it6621_arc_on_off_ctrl(int mode) {
+  AM_LOG_INFO("%s,it6621_arc_on_off_ctrl arc on/off %d", __func__, mode);
+  send_arc_mode(TLV_OUTER_TYPE_IT6621, mode);
+  return 1;
+}
+
+qb_s32_t analog_volume_get(void) { return g_stAnalogVolume.load(); }
+
 // Get requests that have nothing to report.
 int output_mute_ctrl_get(const void*, int) { return 1; }
 int output_latency_ctrl_get(const void*, int) { return 1; }
@@ -50,25 +186,212 @@ int output_analog_volume_get(const void*, int) { return 1; }
 int output_analog_fullscalevrms_get(const void*, int) { return 1; }
 int output_earc_enable_ctrl_get(const void*, int) { return 1; }
 
-int output_mute_ctrl_set(const void*, int) { return not_implemented_yet(__func__); }
-int output_latency_ctrl_set(const void*, int) { return not_implemented_yet(__func__); }
-int output_src_select_get(const void*, int) { return not_implemented_yet(__func__); }
-int output_src_select_set(const void*, int) { return not_implemented_yet(__func__); }
-int output_dwm_mode_set(const void*, int) { return not_implemented_yet(__func__); }
-int output_analog_volume_set(const void*, int) { return not_implemented_yet(__func__); }
-int output_analog_fullscalevrms_set(const void*, int) { return not_implemented_yet(__func__); }
-int input_analog_volume_set(const void*, int) { return not_implemented_yet(__func__); }
-int output_earc_enable_ctrl_set(const void*, int) { return not_implemented_yet(__func__); }
-int input_earc_onlyarc_ctrl_set(const void*, int) { return not_implemented_yet(__func__); }
-
-int arc_on_off_ctrl(int) {
-  (void)not_implemented_yet(__func__);
+int output_mute_ctrl_set(const void* buf, int len) {
+  qb_audio_output_mute_ctrl_t req;
+  if (!qb_payload_read_exact(buf, len, &req)) {
+    return 0;
+  }
+  AM_LOG_INFO("%s, chn[%s][%d] mute=%d enable=%d", __func__, qb_audio_output_port_name(req.ch),
+              req.ch, req.mute, req.enable);
+  const mute_row_t* row = mute_row(req.ch);
+  if (row == nullptr) {
+    return 0;  // the network stream output and unknown ports have no mute of their own
+  }
+  if (req.mute == kMuteOn) {
+    row->mute();
+    if (req.ch == kPortAnalog) {
+      set_output_analog_mute(1);
+    }
+    AM_LOG_INFO("%s", row->mute_log);
+  } else {
+    row->unmute();
+    if (req.ch == kPortAnalog) {
+      set_output_analog_mute(0);
+    }
+    AM_LOG_INFO("%s", row->unmute_log);
+  }
   return 1;
 }
 
-int it6621_arc_on_off_ctrl(int) {
-  (void)not_implemented_yet(__func__);
+int output_latency_ctrl_set(const void* buf, int len) {
+  qb_audio_output_latency_ctrl_t req;
+  if (!qb_payload_read_exact(buf, len, &req)) {
+    return 0;
+  }
+  AM_LOG_INFO("%s output latency ctrl,ch[%s][%d], time[%d] buflen[%d]", __func__,
+              qb_audio_output_port_name(req.ch), req.ch, req.time, len);
+  const latency_row_t* row = latency_row(req.ch);
+  if (row == nullptr) {
+    AM_LOG_ERROR("output latency set invalid channel");
+    return 0;
+  }
+  // The delay passes through unchanged, in the unit of the FPGA delay line.
+  latency_write(*row, row->low_reg, static_cast<qb_u8_t>(req.time & kLatencyLowMask));
+  latency_write(*row, row->high_reg, static_cast<qb_u8_t>((req.time >> 8) & kLatencyHighMask));
   return 1;
 }
 
-qb_s32_t analog_volume_get(void) { return 0; }
+int output_src_select_set(const void* buf, int len) {
+  qb_audio_output_src_select_t req;
+  // A request shorter than its 8-byte record is refused; a longer one is read for its first 8.
+  if (!qb_payload_read_prefix(buf, len, &req)) {
+    AM_LOG_ERROR("output src set invalid buflen %d", len);
+    return 0;
+  }
+  const int sid_analog = qb_misc_audio_sid_analog_get();
+  const int sid_hdmi = qb_misc_audio_sid_hdmi_get();
+  const int sid_spdif = qb_misc_audio_sid_spdif_get();
+  const int sid_earc = qb_misc_audio_sid_earc_get();
+  const char* src_name = qb_audio_output_port_name(req.src);
+  const int src = static_cast<int>(req.src);
+  AM_LOG_INFO(
+      "%s, chn[%s][%d] src[%s][%d],s32sid_analog = %d,s32sid_hdmi = %d,s32sid_spdif = %d,"
+      "s32sid_earc = %d",
+      __func__, qb_audio_output_port_name(req.ch), req.ch, src_name, src, sid_analog, sid_hdmi,
+      sid_spdif, sid_earc);
+  int ret = 0;
+  switch (req.ch) {
+    case kPortAnalog:
+      ret = qb_audio_analog_output_src_select(src, sid_analog);
+      qb_misc_audio_local_port_analog_src_set(req.src);
+      AM_LOG_INFO("set analog src %s:%d,s32sid_analog = %d", src_name, src, sid_analog);
+      break;
+    case kPortHdmi:
+      set_output_hdmi_stream_mode(0);
+      ret = qb_audio_hdmi_output_src_select(src, sid_hdmi);
+      AM_LOG_INFO("set hdmi src %s:%d,s32sid_hdmi = %d", src_name, src, sid_hdmi);
+      break;
+    case kPortSpdif:
+      set_output_spdif_stream_mode(0);
+      ret = qb_audio_spdif_output_src_select(src, sid_spdif);
+      AM_LOG_INFO("set spdif src %s:%d s32sid_spdif = %d", src_name, src, sid_spdif);
+      break;
+    case kPortEarc:
+      set_output_earc_stream_mode(0);
+      ret = qb_audio_earc_output_src_select(src, sid_earc);
+      AM_LOG_INFO("set earc src %s:%d ; s32sid_earc = %d", src_name, src, sid_earc);
+      break;
+    default:
+      AM_LOG_ERROR("output src set invalid channel");
+      return 0;
+  }
+  return ret;
+}
+
+int output_src_select_get(const void* buf, int len) {
+  qb_audio_output_src_select_t req;
+  if (!qb_payload_read_exact(buf, len, &req)) {
+    return 0;
+  }
+  AM_LOG_INFO("%s, buflen[%d], ch[%d], src[%d]", __func__, len, req.ch, req.src);
+  return 1;
+}
+
+int output_dwm_mode_set(const void* buf, int len) {
+  qb_audio_output_dwm_mode_t req;
+  if (!qb_payload_read_exact(buf, len, &req)) {
+    AM_LOG_ERROR("output downmix mode param invalid");
+    return 0;
+  }
+  switch (req.ch) {
+    case kPortHdmi:
+      qb_misc_audio_downmix_hdmi_set(&req);
+      break;
+    case kPortSpdif:
+      qb_misc_audio_downmix_spdif_set(&req);
+      break;
+    case kPortEarc:
+      qb_misc_audio_downmix_earc_set(&req);
+      break;
+    default:
+      break;  // the other outputs have no downmix
+  }
+  return 1;
+}
+
+int output_analog_volume_set(const void* buf, int len) {
+  qb_audio_output_analog_volume_t req;
+  if (!qb_payload_read_exact(buf, len, &req)) {
+    return 0;
+  }
+  const qb_s32_t volume = static_cast<qb_s32_t>(req.vol);
+  AM_LOG_INFO("%s, buflen[%d], volume[%d]", __func__, len, volume);
+  if (volume == g_stAnalogVolume.load()) {
+    AM_LOG_INFO("no need set volume of analog");
+    return 1;
+  }
+  g_stAnalogVolume.store(volume);
+  return run_codec(__func__, kCodecVolumeCmd, volume);
+}
+
+int output_analog_fullscalevrms_set(const void* buf, int len) {
+  qb_audio_output_analog_fullscalevrms_t req;
+  if (!qb_payload_read_exact(buf, len, &req)) {
+    return 0;
+  }
+  const int vrms = static_cast<int>(req.vrms);
+  AM_LOG_INFO("%s, buflen[%d], fullscalevrms[%d]", __func__, len, vrms);
+  return run_codec(__func__, kCodecFullScaleCmd, vrms);
+}
+
+int input_analog_volume_set(const void* buf, int len) {
+  qb_audio_input_analog_fullscalevrms_t req;
+  if (!qb_payload_read_exact(buf, len, &req)) {
+    return 0;
+  }
+  const int vrms = static_cast<int>(req.vrms);
+  AM_LOG_INFO("%s, analog input vrms[%d]", __func__, vrms);
+  if (req.vrms != kInputVrmsHigh && req.vrms != kInputVrmsLow) {
+    AM_LOG_ERROR("invalid input analog vrms:%d", vrms);
+    return 0;
+  }
+  const qb_u8_t value = req.vrms == kInputVrmsHigh ? kInputVrmsHighReg : kInputVrmsLowReg;
+  if (qb_audio_fpga_i2c_write(FPGA_REG_ANALOG_IN_VOLUME, value) != 1) {
+    AM_LOG_ERROR("set input analog vrms:%d fpga fail", vrms);
+    return 0;
+  }
+  return 1;
+}
+
+int output_earc_enable_ctrl_set(const void* buf, int len) {
+  qb_audio_output_earc_enable_ctrl_t req;
+  if (!qb_payload_read_exact(buf, len, &req)) {
+    return 0;
+  }
+  AM_LOG_INFO("%s, chn[%s][%d] enable=%d onlyArc=%d", __func__, qb_audio_output_port_name(req.ch),
+              req.ch, req.enable, req.onlyArc);
+  if (req.ch != kPortEarc) {
+    return 1;
+  }
+  if (req.enable != kEarcEnableOn) {
+    it6621_arc_on_off_ctrl(QB_ARC_MODE_OFF);
+    AM_LOG_INFO("set arc/earc output disable in it6621");
+  } else if (req.onlyArc != 0) {
+    it6621_arc_on_off_ctrl(QB_ARC_MODE_ARC_ONLY);
+    AM_LOG_INFO("set arc only output enable in it6621");
+  } else {
+    it6621_arc_on_off_ctrl(QB_ARC_MODE_ARC_EARC);
+    AM_LOG_INFO("set arc&earc output enable in it6621");
+  }
+  return 1;
+}
+
+int input_earc_onlyarc_ctrl_set(const void* buf, int len) {
+  qb_audio_input_earc_onlyarc_t req;
+  if (!qb_payload_read_exact(buf, len, &req)) {
+    return 0;
+  }
+  const qb_s32_t only_arc = static_cast<qb_s32_t>(req.onlyArc);
+  AM_LOG_INFO("%s, audio input earc onlyarc=%d", __func__, only_arc);
+  qb_audio_input_earc_onlyarc_store(only_arc);
+  return 1;
+}
+
+namespace {
+// The last onlyArc of the eARC-input ARC-only command; read by the stream output request. Both
+// run on the command thread.
+qb_s32_t g_stAudInputEarcOnlyarc = 0;
+}  // namespace
+
+void qb_audio_input_earc_onlyarc_store(qb_s32_t only_arc) { g_stAudInputEarcOnlyarc = only_arc; }
+qb_s32_t qb_audio_input_earc_onlyarc_get(void) { return g_stAudInputEarcOnlyarc; }

@@ -1,0 +1,303 @@
+// Messages to the bridge, video processor and scaler services, and the two decisions taken on the
+// output bridge's mode and the HDMI monitor's state.
+#include "qb_audio_misc_bridge.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+
+#include "Edid_Audio_Info.h"
+#include "Edid_Parser.h"
+#include "am_log.h"
+#include "am_platform.h"
+#include "qb_audio_aplay.h"
+#include "qb_audio_earc.h"
+#include "qb_audio_misc_fpga.h"
+#include "qb_audio_misc_private.h"
+#include "qb_audio_oper_format.h"
+#include "qb_audio_oper_packet.h"
+#include "qb_audio_oper_switch.h"
+#include "qb_audio_stream.h"
+#include "qb_peer_send.h"
+#include "qb_tlv_box.h"
+
+namespace {
+
+// HDMI output format text sent to the video processor.
+constexpr const char* kAvpParamFormat =
+    "{\"hdmi_out_audio_sampling_frequency\":%d,\"hdmi_out_audio_number_of_channels\":%d,"
+    "\"hdmi_out_audio_channel_allocation\":%d,\"hdmi_out_audio_audio_encoding_type\":\"%s\"}";
+constexpr const char* kEncodingLpcm = "LPCM";
+constexpr const char* kEncodingHbr = "ENCODED_HBR";
+constexpr const char* kEncodingOther = "ENCODED_OTHER";
+
+// Sample-frequency codes to Hz for the video processor; anything else plays as 48000.
+struct frequency_row_t {
+  int code;
+  int hz;
+};
+constexpr frequency_row_t kAvpFrequencies[] = {
+    {0, 44100}, {2, 48000}, {8, 88200}, {10, 96000}, {12, 176400}, {14, 192000},
+};
+constexpr int kAvpDefaultHz = 48000;
+
+// Channel-status byte 3 value of a high-bit-rate stream.
+constexpr qb_u8_t kChStatHbr = 9;
+// Channel-status byte 1 values: LPCM, compressed, high bit rate (1, 2) and one-bit audio.
+constexpr qb_u8_t kChStatLpcm = 0;
+constexpr qb_u8_t kChStatCompressed = 1;
+constexpr qb_u8_t kChStatCompressedHbr = 2;
+constexpr qb_u8_t kChStatOneBit = 3;
+// Byte 4 of the InfoFrame: the CEA-861 channel allocation.
+constexpr int kAudDbAllocation = 3;
+
+// Matrix sources carrying the eARC output's network input: sai1 (stream 0) and sai3 (stream 2).
+constexpr qb_s32_t kEarcFromSai1 = FPGA_SRC_SAI1;
+constexpr qb_s32_t kEarcFromSai3 = FPGA_SRC_SAI3;
+constexpr int kStreamSourceNumber = QB_AUDIO_SRC_STREAM;
+constexpr int kNoFallback = -1;
+
+// Wait for an EDID file that is not there yet.
+constexpr int kEdidWaitDefaultMs = 200;
+std::atomic<int> g_edid_wait_ms{kEdidWaitDefaultMs};
+
+qb_u8_t u8(qb_s8_t v) { return static_cast<qb_u8_t>(v); }
+
+qb_audio_misc_main_ctrl_t& misc() { return qb_audio_misc_ctrl(); }
+
+int avp_frequency(int code) {
+  for (const frequency_row_t& row : kAvpFrequencies) {
+    if (row.code == code) {
+      return row.hz;
+    }
+  }
+  AM_LOG_ERROR("unknown audio sample frequency:%d, using default 48000", code);
+  return kAvpDefaultHz;
+}
+
+// Whether an ARC link cannot carry what stream 0 plays, so the eARC output takes stream 2.
+bool sai1_needs_earc(const qb_audio_info& rec) {
+  const qb_u8_t kind = u8(rec.ChStat[1]);
+  const qb_u8_t rate = u8(rec.ChStat[2]);
+  return kind == 2 || u8(rec.ChStat[3]) == kChStatHbr || rate == 8 || (kind == 0 && rate > 2) ||
+         (kind == 1 && rate > 6);
+}
+
+// Moves the eARC output's network input; the route is rewritten from the configured stream.
+void earc_switch(qb_s32_t nsi, int changed_channel, const char* message) {
+  misc_word_set(misc().nsi.earc, nsi);
+  qb_audio_earc_output_src_select(kStreamSourceNumber, qb_misc_audio_sid_earc_get());
+  AM_LOG_INFO("%s", message);
+  qb_audio_aplay_info_change_set(changed_channel);
+}
+
+// Loads the monitor's audio list. False when the file cannot be loaded.
+bool load_monitor_edid(T_Edid_Audio_Info_* list) {
+  if (access(am_path(EDID_TV_FILE_PATH).c_str(), F_OK) != 0) {
+    usleep(static_cast<useconds_t>(g_edid_wait_ms.load()) * 1000u);
+  }
+  EdidParser parser;
+  if (parser.init(EDID_TV_FILE_PATH) != 1) {
+    AM_LOG_ERROR("load edid file /tmp/tv.edid.bin err");
+    return false;
+  }
+  parser.getEdidAudioInfo(list);
+  const unsigned count = list->u8AudioInfoNum < EDID_AUDIO_INFO_MAX_NUM ? list->u8AudioInfoNum
+                                                                         : EDID_AUDIO_INFO_MAX_NUM;
+  for (unsigned i = 0; i < count; ++i) {
+    AM_LOG_INFO("monitor edid audio support type[%d]=0x%x u8bit=0x%x", static_cast<int>(i),
+                static_cast<unsigned>(list->ptAudioInfo[i].eAudioFomat),
+                list->ptAudioInfo[i].u8BitFlag);
+  }
+  return true;
+}
+
+// Whether the monitor can play an LPCM record: its first LPCM entry must allow the channel count
+// and a rate mask at least as high as the record's.
+bool monitor_takes_lpcm(const qb_audio_info& rec, const T_Edid_Audio_Info_& list) {
+  const unsigned count = list.u8AudioInfoNum < EDID_AUDIO_INFO_MAX_NUM ? list.u8AudioInfoNum
+                                                                        : EDID_AUDIO_INFO_MAX_NUM;
+  for (unsigned i = 0; i < count; ++i) {
+    const T_Audio_Info& entry = list.ptAudioInfo[i];
+    if (entry.eAudioFomat != ENUM_LPCM) {
+      continue;
+    }
+    const int rate = get_audio_samplerate1(u8(rec.SampleFrequency));
+    AM_LOG_INFO("lpcm tv[maxchannel:%u,sample:%d] audio[channel:%d,sample:%d]",
+                entry.u8MaxChannels, static_cast<int>(entry.eSampleRateFlags), u8(rec.ValidCh),
+                rate);
+    return u8(rec.ValidCh) <= entry.u8MaxChannels &&
+           static_cast<qb_u32_t>(rate) <= static_cast<qb_u32_t>(entry.eSampleRateFlags);
+  }
+  return false;
+}
+
+// Whether the monitor can play the record of the HDMI output's stream. Unknown when the record's
+// decoder code is unusable (no decision is taken then).
+enum monitor_verdict_e { MONITOR_SUPPORTED, MONITOR_UNSUPPORTED, MONITOR_UNKNOWN };
+
+monitor_verdict_e monitor_verdict(const qb_audio_info& rec, const T_Edid_Audio_Info_& list) {
+  const int code = u8(rec.AUD_DB[0]);
+  AM_LOG_INFO("dts-- dsp audio type value:%d", code);
+  const int mix = get_audio_type_from_dsp(code);
+  AM_LOG_INFO("dts-- dsp audio type value:%d, MIX TYPE:%d", code, mix);
+  if (mix == MIX_AUD_INVALID) {
+    AM_LOG_WARN("cannot get audio fromat form AUD_DB of dsp");
+    return MONITOR_UNKNOWN;
+  }
+  const qb_u8_t kind = u8(rec.ChStat[1]);
+  bool supported = true;
+  if (kind == kChStatLpcm) {
+    supported = monitor_takes_lpcm(rec, list);
+  } else if (kind == kChStatCompressed || kind == kChStatCompressedHbr) {
+    supported = aud_support(mix, &list) != 0;
+  } else if (kind != kChStatOneBit) {
+    AM_LOG_ERROR("invalid channel state:0x%x", kind);
+  }
+  return supported ? MONITOR_SUPPORTED : MONITOR_UNSUPPORTED;
+}
+
+// A newly connected monitor: the HDMI output plays its stream when the monitor takes it, else its
+// fallback.
+void decide_hdmi_on_connect() {
+  const int fallback = qb_misc_audio_fallback_sid_hdmi_get();
+  if (fallback == kNoFallback) {
+    return;
+  }
+  const int sid = qb_misc_audio_sid_hdmi_get();
+  T_Edid_Audio_Info_ list;
+  std::memset(&list, 0, sizeof(list));
+  if (!load_monitor_edid(&list)) {
+    return;
+  }
+  qb_audio_info rec{};
+  if (qb_audio_channel_state_copy(qb_misc_audio_get_chn_saiid_by_sid(sid), &rec) != 1) {
+    return;
+  }
+  const monitor_verdict_e verdict = monitor_verdict(rec, list);
+  const int mode = get_output_hdmi_stream_mode();
+  if (verdict == MONITOR_SUPPORTED && mode == 1) {
+    set_output_hdmi_stream(0, static_cast<unsigned>(sid));
+  } else if (verdict == MONITOR_UNSUPPORTED && mode == 0) {
+    set_output_hdmi_stream(1, static_cast<unsigned>(fallback));
+  }
+}
+
+}  // namespace
+
+int it6621_channel_state_set(qb_u8_t* buf, int len) {
+  if (buf == nullptr || len != QB_IT6621_CHANNEL_STATUS_LEN) {
+    return 0;
+  }
+  AM_LOG_INFO("%s, channel status [%02x,%02x,%02x,%02x,%02x,%02x]", __func__, buf[0], buf[1],
+              buf[2], buf[3], buf[4], buf[5]);
+  (void)audio_tlv_packet(TLV_OUTER_TYPE_IT6621, QB_IT6621_KEY_CHANNEL_STATUS, buf,
+                         QB_IT6621_CHANNEL_STATUS_LEN);
+  return 1;
+}
+
+int send_audio_switch_to_mdin(void) {
+  (void)tlv_packet(QB_MDIN_OUTER_TYPE, QB_MDIN_KEY_AUDIO_SWITCH, QB_MDIN_AUDIO_SWITCH_TEXT,
+                   static_cast<qb_s32_t>(sizeof(QB_MDIN_AUDIO_SWITCH_TEXT) - 1),
+                   qb_cmd_send_to_mdin);
+  return 1;
+}
+
+int set_avp_hdmi_out_audio_src_multi_local(void) {
+  (void)tlv_packet(QB_AVP_OUTER_TYPE, QB_AVP_KEY_HDMI_OUT_AUDIO, QB_AVP_HDMI_OUT_SRC_TEXT,
+                   static_cast<qb_s32_t>(sizeof(QB_AVP_HDMI_OUT_SRC_TEXT) - 1),
+                   qb_cmd_send_to_avp);
+  AM_LOG_INFO("send to avp:%s", QB_AVP_HDMI_OUT_SRC_TEXT);
+  misc_word_set(misc().audio_src_multi_channel_local, 1);
+  return 1;
+}
+
+int set_avp_hdmi_out_audio_src_param(int frequency, int channels, int allocation,
+                                     const char* encoding) {
+  char text[QB_AVP_PARAM_TEXT_MAX + 1];
+  std::memset(text, 0, sizeof(text));
+  std::snprintf(text, sizeof(text), kAvpParamFormat, frequency, channels, allocation,
+                encoding != nullptr ? encoding : kEncodingOther);
+  (void)tlv_packet(QB_AVP_OUTER_TYPE, QB_AVP_KEY_HDMI_OUT_AUDIO, text,
+                   static_cast<qb_s32_t>(std::strlen(text)), qb_cmd_send_to_avp);
+  AM_LOG_INFO("send to avp:%s", text);
+  return 1;
+}
+
+int set_avp_hdmi_out_audio_param(qb_audio_info_t* rec) {
+  send_audio_switch_to_mdin();
+  if (rec == nullptr) {
+    return -1;
+  }
+  const qb_audio_info& a = rec->ainfo;
+  const int frequency = avp_frequency(u8(a.SampleFrequency));
+  const int channels = u8(a.ValidCh);
+  const char* encoding = kEncodingOther;
+  int allocation = 0;
+  if (u8(a.ChStat[3]) == kChStatHbr) {
+    encoding = kEncodingHbr;
+  } else if (u8(a.Audio_Type) == QB_AUDIO_TYPE_LPCM) {
+    encoding = kEncodingLpcm;
+    allocation = u8(a.AUD_DB[kAudDbAllocation]);
+  } else if (u8(a.Audio_Type) == QB_AUDIO_TYPE_HBR) {
+    encoding = kEncodingHbr;
+  }
+  if (misc_word_get(misc().audio_src_multi_channel_local) != 0) {
+    set_avp_hdmi_out_audio_src_multi_local();
+  }
+  return set_avp_hdmi_out_audio_src_param(frequency, channels, allocation, encoding);
+}
+
+int set_it6621_status(int mode) {
+  qb_audio_misc_main_ctrl_t& m = misc();
+  const int previous = misc_word_get(m.it6621_mode);
+  const int nsi = misc_word_get(m.nsi.earc);
+  const bool has_fallback = qb_misc_audio_fallback_sid_earc_get() != kNoFallback;
+  if (has_fallback && mode == QB_IT6621_MODE_EARC && previous != QB_IT6621_MODE_EARC &&
+      nsi == kEarcFromSai3) {
+    earc_switch(kEarcFromSai1, QB_AUDIO_CHN_NSI1, "6621 switch to earc mode, earc output switch to sai1");
+  } else if (has_fallback && mode == QB_IT6621_MODE_ARC && previous != QB_IT6621_MODE_ARC &&
+             nsi == kEarcFromSai1) {
+    qb_audio_info rec{};
+    if (qb_audio_channel_state_copy(QB_AUDIO_CHN_NSI1, &rec) != 1) {
+      AM_LOG_ERROR("get sai1 audio info fail");
+    } else {
+      AM_LOG_INFO("nsi1 chnstat[0x%02x-0x%02x-0x%02x-0x%02x-0x%02x]", u8(rec.ChStat[0]),
+                  u8(rec.ChStat[1]), u8(rec.ChStat[2]), u8(rec.ChStat[3]), u8(rec.ChStat[4]));
+      if (sai1_needs_earc(rec)) {
+        earc_switch(kEarcFromSai3, QB_AUDIO_CHN_NSI3, "earc switch to sai3");
+      }
+    }
+  }
+  misc_word_set(m.it6621_mode, static_cast<qb_s32_t>(mode));
+  return 0;
+}
+
+int get_it6621_status(void) { return misc_word_get(misc().it6621_mode); }
+
+int set_hdmi_monitor_status(int state) {
+  qb_audio_misc_main_ctrl_t& m = misc();
+  const int previous = misc_word_get(m.monitor_status);
+  if (state != previous) {
+    AM_LOG_INFO("hdmi monitor connected status:%d", state);
+    if (state == QB_HDMI_MONITOR_CONNECTED) {
+      decide_hdmi_on_connect();
+    }
+  }
+  misc_word_set(m.monitor_status, static_cast<qb_s32_t>(state));
+  return 0;
+}
+
+int get_hdmi_monitor_status(void) { return misc_word_get(misc().monitor_status); }
+
+int audio_hdmi_audio_on(void) {
+  qb_audio_info rec{};
+  if (qb_audio_channel_state_copy(QB_AUDIO_CHN_VIDEO, &rec) != 1) {
+    return 0;
+  }
+  return rec.Audio_On != 0 ? 1 : 0;
+}
+
+void qb_bridge_edid_wait_ms_set(int ms) { g_edid_wait_ms.store(ms < 0 ? kEdidWaitDefaultMs : ms); }
