@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <iostream>
+#include <mutex>
 
 #include "am_log.h"
 #include "audio_packet_loss_statistics.h"
@@ -59,6 +60,10 @@ constexpr fpga_reg_write_t kDspBoardRoutes[] = {{0x17, 0x03}, {0x11, 0x08}};
 // Seconds slept should the statistics loop ever return.
 constexpr unsigned kLossLoopRestartSleepS = 10000;
 
+// Held by start-up while it walks the init list, so that a signal during start-up stops the
+// modules only once they have all been started.
+std::mutex g_init_walk_mutex;
+
 // The termination signal handler only writes one byte into this pipe; the shutdown thread reads
 // it and runs the shutdown steps on a normal thread.
 int g_shutdown_pipe[2] = {-1, -1};
@@ -85,6 +90,7 @@ void* shutdown_task(void*) {
       return nullptr;
     }
   }
+  std::lock_guard<std::mutex> init_done(g_init_walk_mutex);
   if (qb_audio_shutdown_steps(global_list, kGlobalListRows) == 1) {
     std::cout.flush();
     std::fflush(nullptr);
@@ -155,7 +161,10 @@ int main(int argc, char* argv[]) {
   start_codec();
   audio_unmute_all();
   set_board_routes(board_id);
-  qb_init_list_start(global_list, kGlobalListRows);
+  {
+    std::lock_guard<std::mutex> walking(g_init_walk_mutex);
+    qb_init_list_start(global_list, kGlobalListRows);
+  }
   AM_LOG_INFO("audio manager init done");
 
   pthread_t cmd_tid;

@@ -3,6 +3,7 @@
 #include "qb_audio_main.h"
 
 #include <json/json.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -45,8 +46,13 @@ constexpr std::streamsize kBoardInfoMaxBytes = 64 * 1024;
 // The model text kept by the configuration library (the daemon uses only the mode number).
 std::string g_model_number;
 
-// Reads the whole file into text; false when it cannot be opened or is too large.
+// Reads the whole file into text; false when it is not a regular file, cannot be opened or is
+// too large (a FIFO or a device in its place must not block or flood start-up).
 bool read_small_file(const std::string& path, std::string& text) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > kBoardInfoMaxBytes) {
+    return false;
+  }
   std::ifstream in(path, std::ios::binary);
   if (!in.is_open()) {
     return false;

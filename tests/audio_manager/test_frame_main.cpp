@@ -2,6 +2,9 @@
 // walks and the once-only shutdown steps.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <mutex>
 #include <string>
 #include <vector>
@@ -103,6 +106,22 @@ TEST(FrameBoardMode, BoardInfoFile) {
       EXPECT_TRUE(log.contains("board mode unknown")) << c.name;
     }
   }
+}
+
+TEST(FrameBoardMode, BoardInfoThatIsNoRegularFileIsRefused) {
+  am_test::TempRoot root({"misc"});
+  ASSERT_TRUE(root.ok());
+  // A FIFO without a writer would block a plain open for ever; a folder cannot be read.
+  ASSERT_EQ(mkfifo(root.at("/misc/boardInfo.json").c_str(), 0600), 0);
+  EXPECT_EQ(GetModeFromJsonFile2(), QB_BOARD_MODE_UNKNOWN);
+  ASSERT_EQ(unlink(root.at("/misc/boardInfo.json").c_str()), 0);
+  ASSERT_TRUE(am_test::make_dirs(root.at("/misc/boardInfo.json")));
+  EXPECT_EQ(GetModeFromJsonFile2(), QB_BOARD_MODE_UNKNOWN);
+  // Too large to be a board-information file, valid as it is.
+  ASSERT_EQ(rmdir(root.at("/misc/boardInfo.json").c_str()), 0);
+  ASSERT_TRUE(root.write("/misc/boardInfo.json",
+                         R"({"modelNumber":"TX-A","pad":")" + std::string(70000, 'x') + "\"}"));
+  EXPECT_EQ(GetModeFromJsonFile2(), QB_BOARD_MODE_UNKNOWN);
 }
 
 TEST(FrameBoardMode, IdIsKeptForOtherModules) {

@@ -203,6 +203,15 @@ TEST_F(DaemonFrame, TxABoardStartsServesCommandsAndStopsOnce) {
   }
   EXPECT_EQ(bus[9], kDspBoardLines[0]);
   EXPECT_EQ(bus[10], kDspBoardLines[1]);
+  // The register file of the bus: byte A*256+R holds register R of address A.
+  const std::string regs = am_test::read_file(root.root().at("/dev/i2c-2"));
+  auto reg = [&](int r) { return static_cast<uint8_t>(regs.at(0x48 * 256 + r)); };
+  ASSERT_GT(regs.size(), static_cast<size_t>(0x48 * 256 + 0x5B));
+  for (int r : {0x52, 0x53, 0x55, 0x56, 0x57, 0x58, 0x59, 0x5A, 0x5B}) {
+    EXPECT_EQ(reg(r), 0xFF) << "register " << r;
+  }
+  EXPECT_EQ(reg(0x17), 0x03);
+  EXPECT_EQ(reg(0x11), 0x08);
 
   // A datagram that is no command message.
   ASSERT_TRUE(send_cmds(ns_, {outer_type3()}));
