@@ -13,6 +13,11 @@
 
 #include "am_platform.h"
 
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
 namespace {
 
 std::once_flag g_fallback_once;
@@ -47,12 +52,61 @@ log4cpp::Category& category() {
   return log4cpp::Category::getInstance(AM_LOG_CATEGORY);
 }
 
+// Rewrites the absolute file names of the appenders ("...fileName=/tmp/x.log") to lie under the
+// board root, so that a relocated daemon never writes into the host's own /tmp. Returns the text.
+bool relocate_appender_files(const std::string& path, std::string* text) {
+  std::ifstream in(path);
+  if (!in) {
+    return false;
+  }
+  std::ostringstream out;
+  std::string line;
+  while (std::getline(in, line)) {
+    const size_t eq = line.find('=');
+    const std::string key = eq == std::string::npos ? "" : line.substr(0, eq);
+    const bool names_file = key.size() >= 9 && key.compare(key.size() - 9, 9, ".fileName") == 0;
+    if (names_file && eq + 1 < line.size() && line[eq + 1] == '/') {
+      line = key + "=" + am_path(line.c_str() + eq + 1);
+    }
+    out << line << '\n';
+  }
+  *text = out.str();
+  return true;
+}
+
+// Configures log4cpp from the text of a property file (written to a private temporary file).
+void configure_from_text(const std::string& text) {
+  char tmp[] = "/tmp/am_logconf_XXXXXX";
+  const int fd = mkstemp(tmp);
+  if (fd < 0) {
+    throw log4cpp::ConfigureFailure("cannot create a temporary configuration");
+  }
+  const ssize_t written = write(fd, text.data(), text.size());
+  close(fd);
+  if (written != static_cast<ssize_t>(text.size())) {
+    unlink(tmp);
+    throw log4cpp::ConfigureFailure("cannot write a temporary configuration");
+  }
+  try {
+    log4cpp::PropertyConfigurator::configure(tmp);
+  } catch (...) {
+    unlink(tmp);
+    throw;
+  }
+  unlink(tmp);
+}
+
 }  // namespace
 
 int am_log_configure(const char* property_file) {
   const std::string path = am_path(property_file);
   try {
-    log4cpp::PropertyConfigurator::configure(path);
+    std::string relocated;
+    if (!am_root().empty() && relocate_appender_files(path, &relocated)) {
+      configure_from_text(relocated);
+    } else {
+      log4cpp::PropertyConfigurator::configure(path);
+    }
     g_configured.store(true, std::memory_order_release);
     return 0;
   } catch (const log4cpp::ConfigureFailure& failure) {

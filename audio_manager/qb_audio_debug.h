@@ -1,0 +1,42 @@
+// The debug request pipe: a word written into "/tmp/request" makes the daemon write a dump of its
+// state into "/tmp/dump-status.txt"; "/tmp/request-ok" is present again once the dump is complete.
+#pragma once
+
+#include <cstdio>
+
+#include "qb_types.h"
+
+// Files of the pipe protocol (board paths).
+inline constexpr const char* QB_DEBUG_REQUEST_FIFO = "/tmp/request";
+inline constexpr const char* QB_DEBUG_DUMP_FILE = "/tmp/dump-status.txt";
+inline constexpr const char* QB_DEBUG_REQUEST_OK = "/tmp/request-ok";
+
+// FPGA matrix bus and device.
+inline constexpr const char* QB_DEBUG_FPGA_BUS = "/dev/i2c-2";
+inline constexpr qb_u8_t QB_DEBUG_FPGA_ADDR = 0x48;
+
+// Dump sections a request word asks for (bit set).
+enum qb_debug_section_e {
+  QB_DEBUG_SECTION_ROUTING = 1 << 0,
+  QB_DEBUG_SECTION_CAPTURE = 1 << 1,
+  QB_DEBUG_SECTION_PLAYBACK = 1 << 2,
+  QB_DEBUG_SECTION_FPGA = 1 << 3,
+  QB_DEBUG_SECTION_GENLOCK = 1 << 4,
+};
+
+// Serves the pipe until it cannot be created or opened; returns 0 then.
+int handle_cmd(void);
+
+// Serves one request word (what one read returned): removes the marker, writes the dumps asked
+// for, recreates the marker.
+void qb_debug_serve_request(const char* text);
+
+// Writes the FPGA matrix section; nothing for an empty file.
+void dump_fpga_status(FILE* file);
+
+// Writes one route line of the FPGA section.
+void dump_detail_info(FILE* file, qb_u8_t reg, qb_u8_t value, qb_u8_t enable);
+
+// Reads one 8-bit register of an 8-bit-addressed device on an open bus descriptor. 0 or -1 (out
+// unchanged, logged).
+int i2c_read_a8d8(int fd, qb_u8_t addr, qb_u8_t reg, qb_u8_t* out);
