@@ -1,0 +1,194 @@
+// S/PDIF receiver: a sparse file stands in for "/dev/mem"; the registers are written into it at
+// the receiver's physical address and read back through the module's mapping.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <string>
+
+#include "qb_audio_misc_spdif.h"
+#include "test_misc_helpers.h"
+
+namespace {
+
+constexpr off_t kBase = 0x30090000;
+constexpr off_t kHigh = kBase + 0x1C;
+constexpr off_t kLow = kBase + 0x20;
+constexpr uint32_t kNonAudio = 1u << 22;
+
+uint32_t low_word(uint32_t rate_nibble, uint32_t word_nibble) {
+  return (rate_nibble << 20) | (word_nibble << 12);
+}
+
+class SpdifReceiver : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    mem_ = root_.at("/dev/mem");
+    const int fd = open(mem_.c_str(), O_RDWR | O_CREAT, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(ftruncate(fd, kBase + 0x1000), 0);  // sparse: nothing but the receiver's page
+    close(fd);
+    set_regs(0, low_word(4, 0xD));
+  }
+  void TearDown() override { qb_audio_misc_uninit(); }
+
+  void set_regs(uint32_t high, uint32_t low) {
+    const int fd = open(mem_.c_str(), O_RDWR);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(pwrite(fd, &high, 4, kHigh), 4);
+    ASSERT_EQ(pwrite(fd, &low, 4, kLow), 4);
+    close(fd);
+  }
+
+  qb_audio_info decode() {
+    qb_audio_info rec;
+    std::memset(&rec, 0xEE, sizeof rec);
+    EXPECT_EQ(qb_misc_nxp_spdif_register_map_unpdate(&rec), 1);
+    return rec;
+  }
+
+  am_test::TempRoot root_{{"dev", "tmp"}};
+  am_test::I2cFake bus_;
+  routing_test::LogRecorder log_;
+  std::string mem_;
+};
+
+TEST_F(SpdifReceiver, TwoChannel48kLpcm) {
+  ASSERT_EQ(qb_audio_misc_init(), 1);
+  const qb_audio_info rec = decode();
+  const qb_audio_info expect = {1, 2, 2, 24, 2, 0, 0, 0, static_cast<qb_s8_t>(0x80), 1,
+                                {0x11, 0x0F, 0, 0, 0}, {0, 0, 2, 2, 0x0B}};
+  EXPECT_EQ(std::memcmp(&rec, &expect, sizeof rec), 0);
+}
+
+TEST_F(SpdifReceiver, NonAudioBitMakesCompressedAudio) {
+  set_regs(kNonAudio, low_word(5, 0x2));
+  ASSERT_EQ(qb_audio_misc_init(), 1);
+  const qb_audio_info rec = decode();
+  EXPECT_EQ(static_cast<uint8_t>(rec.Audio_Type), 0x90);
+  EXPECT_EQ(rec.ChStat[1], 1);
+  EXPECT_EQ(rec.AUD_DB[0], 0x01);
+  EXPECT_EQ(rec.SampleFrequency, 10);
+  EXPECT_EQ(rec.ChStat[3], 10);
+  EXPECT_EQ(rec.AUD_DB[1], 0x17);
+  EXPECT_EQ(rec.ChStat[4], 0x03);
+  // Other bits of the high word do not matter.
+  set_regs(~kNonAudio, low_word(5, 0x2));
+  EXPECT_EQ(static_cast<uint8_t>(decode().Audio_Type), 0x80);
+}
+
+TEST_F(SpdifReceiver, RateNibbles) {
+  ASSERT_EQ(qb_audio_misc_init(), 1);
+  struct Case {
+    uint32_t nibble;
+    int sf;
+    int chstat3;
+    int aud_db1;
+  };
+  const Case cases[] = {{0, 0, 0, 0x0B},   {1, 8, 8, 0x13},   {3, 12, 12, 0x1B},
+                        {4, 2, 2, 0x0F},   {5, 10, 10, 0x17}, {7, 14, 14, 0x1F},
+                        {0xC, 1, 0, 0x03}, {2, 1, 0, 0x03},   {0xF, 1, 0, 0x03}};
+  for (const Case& c : cases) {
+    set_regs(0, low_word(c.nibble, 0xB));
+    log_.clear();
+    const qb_audio_info rec = decode();
+    EXPECT_EQ(rec.SampleFrequency, c.sf) << c.nibble;
+    EXPECT_EQ(rec.ChStat[3], c.chstat3) << c.nibble;
+    EXPECT_EQ(static_cast<uint8_t>(rec.AUD_DB[1]), c.aud_db1) << c.nibble;
+    const bool known = c.sf != 1;
+    EXPECT_EQ(log_.has("audio spdif sampling frequency none val:" + std::to_string(c.nibble),
+                       AM_LOG_LEVEL_ERROR),
+              !known)
+        << c.nibble;
+  }
+}
+
+TEST_F(SpdifReceiver, WordLengthNibbles) {
+  ASSERT_EQ(qb_audio_misc_init(), 1);
+  // Low three bits 0..7 with bit 3 clear, then set.
+  const int clear[8] = {0x00, 0x00, 0x03, 0x00, 0x02, 0x03, 0x00, 0x00};
+  const int set[8] = {0x0B, 0x0B, 0x0B, 0x0B, 0x03, 0x0B, 0x0B, 0x0B};
+  for (uint32_t w = 0; w < 16; ++w) {
+    set_regs(0, low_word(4, w));
+    EXPECT_EQ(decode().ChStat[4], (w & 8) ? set[w & 7] : clear[w & 7]) << w;
+  }
+}
+
+TEST_F(SpdifReceiver, ChangeIsReportedOnceAndStored) {
+  ASSERT_EQ(qb_audio_misc_init(), 1);
+  EXPECT_EQ(qb_misc_audio_spdif_info_get()->Audio_On, 0);  // zero until the first poll
+  EXPECT_EQ(is_qb_misc_nxp_spdif_register_info_change(), 1);
+  EXPECT_TRUE(log_.has("is_qb_misc_nxp_spdif_register_info_change,sf:02,ch:02,ss:18,at:80,spdif:01",
+                       AM_LOG_LEVEL_INFO));
+  EXPECT_TRUE(log_.has("is_qb_misc_nxp_spdif_register_info_change,spdif chn stat[00,00,02,02,0b]",
+                       AM_LOG_LEVEL_INFO));
+  qb_audio_info stored;
+  ASSERT_EQ(qb_misc_audio_spdif_info_copy(&stored), 1);
+  EXPECT_EQ(std::memcmp(&stored, qb_misc_audio_spdif_info_get(), sizeof stored), 0);
+  EXPECT_EQ(stored.SampleFrequency, 2);
+
+  log_.clear();
+  EXPECT_EQ(is_qb_misc_nxp_spdif_register_info_change(), 0);
+  EXPECT_EQ(is_qb_misc_nxp_spdif_register_info_change(), 0);
+  EXPECT_TRUE(log_.lines().empty());
+
+  set_regs(kNonAudio, low_word(7, 0xB));
+  EXPECT_EQ(is_qb_misc_nxp_spdif_register_info_change(), 1);
+  EXPECT_EQ(static_cast<uint8_t>(qb_misc_audio_spdif_info_get()->Audio_Type), 0x90);
+  EXPECT_EQ(qb_misc_audio_spdif_info_get()->SampleFrequency, 14);
+  EXPECT_EQ(is_qb_misc_nxp_spdif_register_info_change(), 0);
+}
+
+TEST_F(SpdifReceiver, UnknownRateIsLoggedOnBothReadingsOfAChange) {
+  set_regs(0, low_word(0xC, 0xB));
+  ASSERT_EQ(qb_audio_misc_init(), 1);
+  EXPECT_EQ(is_qb_misc_nxp_spdif_register_info_change(), 1);
+  EXPECT_EQ(log_.count("audio spdif sampling frequency none val:12"), 2);
+  EXPECT_EQ(qb_misc_audio_spdif_info_get()->SampleFrequency, 1);
+}
+
+TEST_F(SpdifReceiver, MappingShownInTheDumpAndReleasedAtStop) {
+  ASSERT_EQ(qb_audio_misc_init(), 1);
+  const std::string path = root_.at("/tmp/dump.txt");
+  FILE* fp = std::fopen(path.c_str(), "w");
+  ASSERT_NE(fp, nullptr);
+  dump_misc_param(fp);
+  std::fclose(fp);
+  const std::string text = am_test::read_file(path);
+  const size_t at = text.find("spdif fd:");
+  ASSERT_NE(at, std::string::npos);
+  const int fd = std::atoi(text.c_str() + at + 9);
+  EXPECT_GT(fd, 0);
+  EXPECT_EQ(text.find("mmap:(nil)"), std::string::npos);
+  EXPECT_NE(fcntl(fd, F_GETFD), -1);
+  log_.clear();
+  EXPECT_EQ(qb_audio_misc_uninit(), 1);
+  EXPECT_EQ(fcntl(fd, F_GETFD), -1);  // closed
+  EXPECT_TRUE(log_.has("spdif register map uninit", AM_LOG_LEVEL_INFO));
+  EXPECT_TRUE(log_.has("qb_audio_misc_uninit", AM_LOG_LEVEL_INFO));
+}
+
+TEST_F(SpdifReceiver, WithoutDevMemStartStillSucceedsAndPollsReportNothing) {
+  unlink(mem_.c_str());
+  ASSERT_EQ(qb_audio_misc_init(), 1);
+  EXPECT_TRUE(log_.has("open(/dev/mem) failed.", AM_LOG_LEVEL_ERROR));
+  EXPECT_EQ(qb_audio_channel_state_get(4)->AUD_DB[0], static_cast<qb_s8_t>(0xFF));
+  qb_audio_info rec;
+  std::memset(&rec, 0x5A, sizeof rec);
+  EXPECT_EQ(qb_misc_nxp_spdif_register_map_unpdate(&rec), 0);
+  EXPECT_EQ(rec.Audio_On, 0x5A);  // untouched
+  EXPECT_EQ(qb_misc_nxp_spdif_register_map_unpdate(nullptr), 0);
+  EXPECT_EQ(is_qb_misc_nxp_spdif_register_info_change(), 0);
+  EXPECT_EQ(is_qb_misc_nxp_spdif_register_info_change(), 0);
+}
+
+TEST_F(SpdifReceiver, UnmappableDeviceLogsTheMappingFailure) {
+  unlink(mem_.c_str());
+  ASSERT_EQ(mkfifo(mem_.c_str(), 0600), 0);  // opens, but cannot be mapped
+  ASSERT_EQ(qb_audio_misc_init(), 1);
+  EXPECT_TRUE(log_.has("mmap failed.", AM_LOG_LEVEL_ERROR));
+  EXPECT_EQ(is_qb_misc_nxp_spdif_register_info_change(), 0);
+}
+
+}  // namespace
