@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <cstdio>
+#include <fstream>
 #include <functional>
 #include <thread>
 
@@ -190,6 +192,7 @@ TEST_F(AmsimTiming, CrystalErrorAndSynthesiserFrequencySetThePace) {
   set_env("AMSIM_RATE_PPM_PLAY1", "1000");
   set_env("AMSIM_RATE_PPM_2", "-1000");
   set_env("AMSIM_SI5351_CHANNEL_PLAY0", "2");  // hw:0,0 follows channel 2
+  set_env("AMSIM_TIMELOG_PLAY3", "/tmp/amsim/play3.log");
 
   PaceRun fast{"hw:1,0", 48000, {{0.5, 10.5}}, -1.0, nullptr, {}};
   PaceRun slow{"hw:2,0", 48000, {{0.5, 10.5}}, -1.0, nullptr, {}};
@@ -213,6 +216,26 @@ TEST_F(AmsimTiming, CrystalErrorAndSynthesiserFrequencySetThePace) {
   EXPECT_NEAR(ppm(genlock.paces[0]), 0.0, 100.0);
   EXPECT_NEAR(ppm(genlock.paces[1]), (24566400.0 / 24576000.0 - 1.0) * 1e6, 100.0);
   EXPECT_NEAR(ppm(family.paces[0]), (22588600.0 / 22579000.0 - 1.0) * 1e6, 100.0);
+  std::printf("pace in ppm: %+.1f %+.1f %+.1f/%+.1f %+.1f\n", ppm(fast.paces[0]),
+              ppm(slow.paces[0]), ppm(genlock.paces[0]), ppm(genlock.paces[1]),
+              ppm(family.paces[0]));
+
+  // The position stays continuous across the change: every 100 ms of audio in the time log took
+  // between the nominal and the slowed duration, no more, no less.
+  std::ifstream in(board("/tmp/amsim/play3.log"));
+  std::vector<std::pair<long long, long long>> lines;
+  long long pos = 0, ns = 0;
+  while (in >> pos >> ns) lines.emplace_back(pos, ns);
+  ASSERT_GT(lines.size(), 90u);
+  const double slowed = 1e8 * 24576000.0 / 24566400.0;
+  for (size_t i = 2; i + 1 < lines.size(); i++) {
+    ASSERT_EQ(lines[i].first - lines[i - 1].first, 4800) << "line " << i;
+    double dt = static_cast<double>(lines[i].second - lines[i - 1].second);
+    EXPECT_GE(dt, 1e8 - 2.0) << "line " << i;
+    EXPECT_LE(dt, slowed + 2.0) << "line " << i;
+  }
+  double last = static_cast<double>(lines[lines.size() - 2].second - lines[lines.size() - 3].second);
+  EXPECT_NEAR(last, slowed, 2.0);
 }
 
 }  // namespace
