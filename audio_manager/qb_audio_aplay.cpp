@@ -10,9 +10,13 @@
 
 #include "am_log.h"
 #include "qb_audio_misc.h"
+#include "qb_audio_misc_bridge.h"
 #include "qb_audio_misc_fpga.h"
 #include "qb_audio_misc_spdif.h"
 #include "qb_audio_misc_stream.h"
+
+// The bridge module is referenced weakly so that a program without it still links this module.
+int audio_hdmi_audio_on(void) __attribute__((weak));
 
 namespace {
 
@@ -87,6 +91,9 @@ const char* capture2_device() {
 }
 
 bool hdmi_input_audio_on() {
+  if (audio_hdmi_audio_on != nullptr) {
+    return audio_hdmi_audio_on() != 0;
+  }
   qb_audio_info hdmi;
   return qb_audio_channel_state_copy(QB_AUDIO_CHN_VIDEO, &hdmi) == 1 && hdmi.Audio_On != 0;
 }

@@ -9,9 +9,23 @@
 #include "Edid_Parser.h"
 #include "am_log.h"
 #include "posix_system.h"
+#include "qb_audio_misc_bridge.h"
 #include "qb_audio_misc_fpga.h"
+#include "qb_audio_oper_report.h"
+#include "qb_audio_oper_switch.h"
 #include "qb_audio_parse.h"
 #include "qb_audio_stream.h"
+
+// The bridge, stream-switch and report modules are referenced weakly, so that a program that does
+// not link them still links this module; a missing one is skipped.
+void set_update_chs_or(int bit) __attribute__((weak));
+int set_avp_hdmi_out_audio_param(qb_audio_info_t* rec) __attribute__((weak));
+int get_it6621_status(void) __attribute__((weak));
+int it6621_channel_state_set(qb_u8_t* buf, int len) __attribute__((weak));
+int set_output_hdmi_stream(int mode, unsigned sid) __attribute__((weak));
+int set_output_earc_stream(int mode, unsigned sid) __attribute__((weak));
+int set_output_spdif_stream(int mode, unsigned sid) __attribute__((weak));
+int reportDetailsAudioStatus(int inputs) __attribute__((weak));
 
 namespace {
 
@@ -30,18 +44,22 @@ int load_edid_file(T_Edid_Audio_Info_* list) {
   return 1;
 }
 
-const qb_audio_new_format_ops_t kDefaultOps = {
-    nullptr,  // set_update_chs_or: report module
-    nullptr,  // set_avp_hdmi_out_audio_param: bridge module
-    nullptr,  // get_it6621_status: bridge module
-    nullptr,  // it6621_channel_state_set: bridge module
-    nullptr,  // set_output_hdmi_stream: stream switch module
-    nullptr,  // set_output_earc_stream
-    nullptr,  // set_output_spdif_stream
-    nullptr,  // reportDetailsAudioStatus: report module
-    load_edid_file,
-    posix_system,
-};
+qb_audio_new_format_ops_t default_ops() {
+  qb_audio_new_format_ops_t o;
+  o.set_update_chs_or = set_update_chs_or;
+  o.set_avp_hdmi_out_audio_param = set_avp_hdmi_out_audio_param;
+  o.get_it6621_status = get_it6621_status;
+  o.it6621_channel_state_set = it6621_channel_state_set;
+  o.set_output_hdmi_stream = set_output_hdmi_stream;
+  o.set_output_earc_stream = set_output_earc_stream;
+  o.set_output_spdif_stream = set_output_spdif_stream;
+  o.reportDetailsAudioStatus = reportDetailsAudioStatus;
+  o.load_edid_audio = load_edid_file;
+  o.system = posix_system;
+  return o;
+}
+
+const qb_audio_new_format_ops_t kDefaultOps = default_ops();
 
 std::atomic<const qb_audio_new_format_ops_t*> g_ops{&kDefaultOps};
 
