@@ -81,7 +81,8 @@ TEST_F(AmsimTiming, DelayFallsAtRealTimePaceAndTriggerIsStamped) {
   snd_pcm_status_get_trigger_htstamp(st, &trig);
   EXPECT_GE(to_ns(trig), before);
   EXPECT_LE(to_ns(trig), after);
-  EXPECT_EQ(snd_pcm_status_get_delay(st) + snd_pcm_status_get_avail(st), 9600);
+  // The I/O plugin layer samples the position again for the delay: a few frames may pass between.
+  EXPECT_NEAR(snd_pcm_status_get_delay(st) + snd_pcm_status_get_avail(st), 9600, 48);
 
   auto rate_frames_per_ms = [&]() {
     snd_htimestamp_t t1, t2;
