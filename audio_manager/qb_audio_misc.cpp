@@ -181,6 +181,8 @@ int qb_audio_channel_state_store(int ch, const qb_audio_info* info) {
 // Start and stop
 // ---------------------------------------------------------------------------------------------
 int qb_audio_misc_init(void) {
+  // A second start releases the mapping of the first before the state is cleared.
+  qb_misc_nxp_spdif_register_map_uninit();
   {
     std::lock_guard<std::mutex> channels(g_channel_lock);
     std::lock_guard<std::mutex> addresses(g_ipaddr_lock);

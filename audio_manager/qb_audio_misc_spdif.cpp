@@ -6,6 +6,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <mutex>
 
@@ -75,6 +76,10 @@ qb_u32_t read_reg(const volatile qb_u8_t* base, size_t offset) {
 
 nxp_map_spdif_reg_t& mreg() { return qb_audio_misc_ctrl().spdif_mreg; }
 
+// Whether fd and map_base are live. They keep their values after the stop (the status dump shows
+// them), so this tells a released mapping from a live one.
+std::atomic<bool> g_mapped{false};
+
 }  // namespace
 
 void qb_misc_nxp_spdif_register_map_init() {
@@ -93,9 +98,13 @@ void qb_misc_nxp_spdif_register_map_init() {
   }
   misc_word_set(mreg().fd, static_cast<qb_s32_t>(fd));
   misc_word_set(mreg().map_base, static_cast<qb_u8_t*>(base));
+  g_mapped.store(true);
 }
 
 void qb_misc_nxp_spdif_register_map_uninit() {
+  if (!g_mapped.exchange(false)) {
+    return;
+  }
   qb_u8_t* base = misc_word_get(mreg().map_base);
   if (base != nullptr) {
     munmap(base, NXP_SPDIF_MAP_SIZE);
@@ -108,7 +117,7 @@ void qb_misc_nxp_spdif_register_map_uninit() {
 
 int qb_misc_nxp_spdif_register_map_unpdate(qb_audio_info* rec) {
   const qb_u8_t* base = misc_word_get(mreg().map_base);
-  if (rec == nullptr || base == nullptr || misc_word_get(mreg().fd) <= 0) {
+  if (rec == nullptr || base == nullptr || misc_word_get(mreg().fd) <= 0 || !g_mapped.load()) {
     return 0;
   }
   const qb_u32_t high = read_reg(base, NXP_SPDIF_REG_SRCSH);

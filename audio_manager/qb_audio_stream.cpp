@@ -4,15 +4,11 @@
 
 #include "am_log.h"
 #include "qb_audio_aplay.h"
+#include "qb_audio_misc_bridge.h"
 #include "qb_audio_misc_fpga.h"
 #include "qb_audio_misc_private.h"
 #include "qb_audio_misc_stream.h"
 #include "qb_audio_port_table.h"
-
-// Bridge module: tells the video processor that the HDMI output plays a local multi-channel
-// source. Declared weak here until the bridge module is linked in every program that links this
-// one; without it no message is sent.
-int set_avp_hdmi_out_audio_src_multi_local(void) __attribute__((weak));
 
 namespace {
 
@@ -174,7 +170,8 @@ int qb_audio_stream_input_select(int output, int sid, int fallback) {
   if (output == QB_AUDIO_OUTPUT_ANALOG) {
     misc_word_set(m.local_port.analog.ch, 0u);
     misc_word_set(m.local_port.analog.src, static_cast<qb_u32_t>(sid));
-  } else if (output == QB_AUDIO_OUTPUT_HDMI && set_avp_hdmi_out_audio_src_multi_local != nullptr) {
+  } else if (output == QB_AUDIO_OUTPUT_HDMI) {
+    // The video processor learns that the HDMI output plays a local multi-channel source.
     set_avp_hdmi_out_audio_src_multi_local();
   }
   AM_LOG_INFO("\n\n");

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 
+#include "qb_audio_misc_private.h"
 #include "qb_audio_misc_spdif.h"
 #include "test_misc_helpers.h"
 
@@ -167,6 +168,19 @@ TEST_F(SpdifReceiver, MappingShownInTheDumpAndReleasedAtStop) {
   EXPECT_EQ(fcntl(fd, F_GETFD), -1);  // closed
   EXPECT_TRUE(log_.has("spdif register map uninit", AM_LOG_LEVEL_INFO));
   EXPECT_TRUE(log_.has("qb_audio_misc_uninit", AM_LOG_LEVEL_INFO));
+  // The members keep their values, but the released mapping is not read any more.
+  EXPECT_EQ(qb_audio_misc_ctrl().spdif_mreg.fd, fd);
+  qb_audio_info rec;
+  EXPECT_EQ(qb_misc_nxp_spdif_register_map_unpdate(&rec), 0);
+  EXPECT_EQ(is_qb_misc_nxp_spdif_register_info_change(), 0);
+  // A descriptor opened meanwhile is not closed by a second stop or a new start.
+  const int other = open(mem_.c_str(), O_RDONLY);
+  ASSERT_GE(other, 0);
+  EXPECT_EQ(qb_audio_misc_uninit(), 1);
+  ASSERT_EQ(qb_audio_misc_init(), 1);
+  EXPECT_NE(fcntl(other, F_GETFD), -1);
+  close(other);
+  EXPECT_EQ(is_qb_misc_nxp_spdif_register_info_change(), 1);
 }
 
 TEST_F(SpdifReceiver, WithoutDevMemStartStillSucceedsAndPollsReportNothing) {

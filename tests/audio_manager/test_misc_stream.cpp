@@ -2,7 +2,9 @@
 // accessors.
 #include <sys/stat.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "qb_audio_aplay.h"
@@ -260,6 +262,23 @@ TEST_F(Stream, AddressSettersKeepTheLastByte) {
   EXPECT_STREQ(qb_misc_net_stream_in3_ipaddr_get(), "225.0.0.1");
   EXPECT_STREQ(qb_misc_net_stream_in5_ipaddr_get(), "225.0.0.1");
   EXPECT_STREQ(qb_misc_net_stream_in5_deviceid_get(), "0123456789abcde");
+}
+
+TEST_F(Stream, AddressReadersSeeWholeTexts) {
+  const char* a = "234.48.0.1";
+  const char* b = "234.63.255.254";
+  std::atomic<bool> stop{false};
+  std::thread writer([&] {
+    for (int i = 0; !stop.load(); ++i) qb_misc_net_stream_in1_ipaddr_set((i & 1) ? a : b);
+  });
+  int torn = 0;
+  for (int i = 0; i < 20000; ++i) {
+    const std::string got = qb_misc_net_stream_in1_ipaddr_get();
+    torn += (got != a && got != b && !got.empty()) ? 1 : 0;
+  }
+  stop.store(true);
+  writer.join();
+  EXPECT_EQ(torn, 0);
 }
 
 // A stand-in network player that records its arguments.

@@ -386,6 +386,25 @@ TEST_F(Ports, StreamInputSelection) {
   EXPECT_EQ(qb_audio_stream_input_fallback_select(0), 1);
 }
 
+TEST_F(Ports, HdmiStreamSelectionTellsTheVideoProcessor) {
+  if (!am_test::have_netns()) GTEST_SKIP() << "needs root and network namespaces";
+  am_test::NetNs ns;
+  ASSERT_TRUE(ns.ok());
+  prepare(3);
+  const int rc = ns.run([] {
+    am_test::UdpReceiver avp(9991);
+    if (!avp.ok()) return 1;
+    if (qb_audio_stream_input_select(0, 1, -1) != 1) return 2;  // analog: no message
+    std::vector<uint8_t> msg;
+    if (avp.receive(&msg, 300)) return 3;
+    if (qb_audio_stream_input_select(1, 1, -1) != 1) return 4;
+    if (!avp.receive(&msg, 5000)) return 5;
+    const std::string text(msg.begin(), msg.end());
+    return text.find("multi-channel-local") != std::string::npos ? 0 : 6;
+  });
+  EXPECT_EQ(rc, 0);
+}
+
 TEST_F(Ports, SelectionAccessors) {
   prepare(1);
   EXPECT_EQ(qb_misc_audio_sid_hdmi_get(), 0);  // zero at start
