@@ -131,6 +131,14 @@ struct box_guard_t {
 
 }  // namespace
 
+void qb_report_socket_reset(void) {
+  std::lock_guard<std::mutex> lock(g_socket_mutex);
+  if (g_report_fd != -1) {
+    qb_close_socket(&g_report_fd);
+    g_report_fd = -1;
+  }
+}
+
 void set_update_chs(int value) {
   std::lock_guard<std::recursive_mutex> lock(update_chs_mutex);
   update_chs = value;

@@ -38,6 +38,9 @@ void GetOutputReportMsg(Json::Value& out, int outputs);
 // Sends a report text. 1 when the datagram was handed to the socket, 0 otherwise.
 int ReportAudioMsg(const std::string& text);
 
+// Test hook: closes the report socket; the next report creates a new one.
+void qb_report_socket_reset(void);
+
 // The pending output mask.
 void set_update_chs(int value);
 void set_update_chs_or(int bit);
