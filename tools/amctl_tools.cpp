@@ -123,8 +123,7 @@ int listen_socket(int port) {
     std::fprintf(stderr, "amctl watch: socket: %s\n", std::strerror(errno));
     return -1;
   }
-  const int on = 1;
-  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  // No address reuse: a port already taken (by cmd_core) is reported, not silently shared.
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_port = htons(static_cast<uint16_t>(port));
