@@ -1,0 +1,290 @@
+// Messages to the bridge, video processor and scaler services; the bridge-mode and monitor-state
+// decisions; the stream switchers of the HDMI, eARC and S/PDIF outputs.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <string>
+
+#include "../edid/edid_test_util.h"
+#include "qb_audio_aplay.h"
+#include "qb_audio_misc_fpga.h"
+#include "qb_audio_misc_private.h"
+#include "qb_audio_oper_switch.h"
+#include "qb_audio_stream.h"
+#include "test_control_helpers.h"
+
+namespace control_test {
+namespace {
+
+class BridgeTest : public ControlTest {
+ protected:
+  void SetUp() override {
+    ControlTest::SetUp();
+    if (IsSkipped()) return;
+    clear_aborts();
+  }
+  void TearDown() override {
+    qb_bridge_edid_wait_ms_set(-1);
+    ControlTest::TearDown();
+  }
+  static void clear_aborts() {
+    for (auto& c : qb_audio_aplay_ctrl_get()->pctrl) c.in_aborting = 0;
+  }
+  static bool aborted(int ch) { return qb_audio_aplay_ctrl_get()->pctrl[ch - 6].in_aborting != 0; }
+  // The monitor's EDID with one audio data block.
+  void write_edid(const edid_test::Bytes& audio_block) {
+    const edid_test::Bytes edid = edid_test::edid_with(edid_test::cea_block(audio_block));
+    ASSERT_TRUE(root.write("/tmp/tv.edid.bin", std::string(edid.begin(), edid.end())));
+  }
+  static std::string avp_format(int hz, int ch, int alloc, const char* enc) {
+    char text[256];
+    std::snprintf(text, sizeof text,
+                  "{\"hdmi_out_audio_sampling_frequency\":%d,\"hdmi_out_audio_number_of_channels\""
+                  ":%d,\"hdmi_out_audio_channel_allocation\":%d,\"hdmi_out_audio_audio_encoding_"
+                  "type\":\"%s\"}",
+                  hz, ch, alloc, enc);
+    return text;
+  }
+  const Bytes kMdinSwitch = tlv_message(6, 0x80009, text_bytes("switch audio"));
+};
+
+TEST_F(BridgeTest, ChannelStatusGoesToTheOutputBridgeOnlyWithSixBytes) {
+  qb_u8_t chs[6] = {0x04, 0x00, 0x02, 0x02, 0x0B, 0x13};
+  EXPECT_EQ(it6621_channel_state_set(chs, 6), 1);
+  EXPECT_EQ(next(kIt6621Port), tlv_message(8, 0x10002, Bytes(chs, chs + 6)));
+  EXPECT_EQ(log.count("it6621_channel_state_set, channel status [04,00,02,02,0b,13]"), 1);
+  EXPECT_EQ(it6621_channel_state_set(chs, 5), 0);
+  EXPECT_EQ(it6621_channel_state_set(chs, 7), 0);
+  EXPECT_EQ(it6621_channel_state_set(nullptr, 6), 0);
+  EXPECT_TRUE(quiet(kIt6621Port));
+}
+
+TEST_F(BridgeTest, ScalerAndVideoProcessorMessagesHaveTheirExactBytes) {
+  EXPECT_EQ(send_audio_switch_to_mdin(), 1);
+  const Bytes mdin = next(kMdinPort);
+  EXPECT_EQ(mdin, kMdinSwitch);
+  EXPECT_EQ(mdin.size(), 28u);  // no terminator
+  EXPECT_EQ(set_avp_hdmi_out_audio_src_multi_local(), 1);
+  EXPECT_EQ(next(kAvpPort),
+            tlv_message(3, 526338, text_bytes("{\"hdmi_out_audio_src\":\"multi-channel-local\"}")));
+  EXPECT_EQ(set_avp_hdmi_out_audio_src_param(44100, 2, 0, "LPCM"), 1);
+  EXPECT_EQ(next(kAvpPort), tlv_message(3, 0x80802, text_bytes(avp_format(44100, 2, 0, "LPCM"))));
+  EXPECT_EQ(log.count("send to avp:" + avp_format(44100, 2, 0, "LPCM")), 1);
+}
+
+TEST_F(BridgeTest, HdmiOutputFormatFromTheRecord) {
+  struct Case {
+    int sf, ch, type, chstat3, aud_db3;
+    int hz, alloc;
+    const char* enc;
+    bool default_rate_logged;
+  };
+  const Case cases[] = {
+      {0, 2, 0x80, 0, 0x00, 44100, 0, "LPCM", false},
+      {10, 8, 0x80, 0, 0x13, 96000, 0x13, "LPCM", false},
+      {14, 8, 0x80, 9, 0x13, 192000, 0, "ENCODED_HBR", false},  // channel status 9 wins
+      {12, 8, 0xC0, 0, 0x13, 176400, 0, "ENCODED_HBR", false},
+      {8, 6, 0x90, 0, 0x13, 88200, 0, "ENCODED_OTHER", false},
+      {3, 2, 0x80, 0, 0x00, 48000, 0, "LPCM", true},
+      {0x7F, 2, 0xA0, 0, 0x00, 48000, 0, "ENCODED_OTHER", true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.sf);
+    log.clear();
+    qb_audio_info_t rec{};
+    rec.ch = 6;
+    rec.ainfo = make_record(c.sf, c.ch, c.type);
+    rec.ainfo.ChStat[3] = static_cast<qb_s8_t>(c.chstat3);
+    rec.ainfo.AUD_DB[3] = static_cast<qb_s8_t>(c.aud_db3);
+    EXPECT_EQ(set_avp_hdmi_out_audio_param(&rec), 1);
+    EXPECT_EQ(next(kMdinPort), kMdinSwitch);  // the scaler hears first
+    EXPECT_EQ(next(kAvpPort), tlv_message(3, 0x80802, text_bytes(avp_format(c.hz, c.ch, c.alloc, c.enc))));
+    EXPECT_EQ(log.has("unknown audio sample frequency:" + std::to_string(c.sf) +
+                          ", using default 48000",
+                      AM_LOG_LEVEL_ERROR),
+              c.default_rate_logged);
+  }
+}
+
+TEST_F(BridgeTest, HdmiOutputFormatRepeatsTheSourceMessageOnceSent) {
+  EXPECT_EQ(set_avp_hdmi_out_audio_param(nullptr), -1);
+  EXPECT_EQ(next(kMdinPort), kMdinSwitch);
+  EXPECT_TRUE(quiet(kAvpPort));
+  set_avp_hdmi_out_audio_src_multi_local();
+  drain();
+  qb_audio_info_t rec{6, make_record(2, 2, 0x80)};
+  EXPECT_EQ(set_avp_hdmi_out_audio_param(&rec), 1);
+  EXPECT_EQ(next(kAvpPort), tlv_message(3, 0x80802, text_bytes(QB_AVP_HDMI_OUT_SRC_TEXT)));
+  EXPECT_EQ(next(kAvpPort), tlv_message(3, 0x80802, text_bytes(avp_format(48000, 2, 0, "LPCM"))));
+}
+
+TEST_F(BridgeTest, BridgeModeMovesTheEarcOutputBetweenSai1AndSai3) {
+  struct Case {
+    const char* name;
+    int fallback, previous, nsi, chstat1, chstat2, chstat3, mode;
+    int nsi_after, aborted_ch;  // aborted_ch 0: no engine told
+  };
+  const Case cases[] = {
+      {"arc, 2ch lpcm", 2, 0, 4, 0, 2, 0, 2, 4, 0},
+      {"arc, 8ch lpcm", 2, 0, 4, 0, 3, 0, 2, 5, 7},
+      {"arc, hbr", 2, 0, 4, 0, 2, 9, 2, 5, 7},
+      {"arc, compressed hbr", 2, 0, 4, 2, 0, 0, 2, 5, 7},
+      {"arc, rate 8", 2, 0, 4, 1, 8, 0, 2, 5, 7},
+      {"arc, compressed 6", 2, 0, 4, 1, 6, 0, 2, 4, 0},
+      {"arc, compressed 7", 2, 0, 4, 1, 7, 0, 2, 5, 7},
+      {"arc, no fallback", -1, 0, 4, 0, 2, 9, 2, 4, 0},
+      {"arc repeated", 2, 2, 4, 0, 2, 9, 2, 4, 0},
+      {"arc, already sai3", 2, 0, 5, 0, 2, 9, 2, 5, 0},
+      {"earc back to sai1", 2, 2, 5, 0, 0, 0, 1, 4, 6},
+      {"earc repeated", 2, 1, 5, 0, 0, 0, 1, 5, 0},
+      {"earc, no fallback", -1, 2, 5, 0, 0, 0, 1, 5, 0},
+      {"other mode", 2, 0, 4, 0, 2, 9, 7, 4, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    qb_audio_misc_init();
+    clear_aborts();
+    // eARC output plays stream 0; its fallback as given.
+    qb_audio_stream_input_select(QB_AUDIO_OUTPUT_EARC, 0, c.fallback);
+    qb_msic_net_stream_in_earc_set(c.nsi);
+    misc_word_set(qb_audio_misc_ctrl().it6621_mode, c.previous);
+    qb_audio_info rec = make_record(2, 2, 0x80);
+    rec.ChStat[1] = static_cast<qb_s8_t>(c.chstat1);
+    rec.ChStat[2] = static_cast<qb_s8_t>(c.chstat2);
+    rec.ChStat[3] = static_cast<qb_s8_t>(c.chstat3);
+    qb_audio_channel_state_set(6, &rec);
+    bus.clear_records();
+    EXPECT_EQ(set_it6621_status(c.mode), 0);
+    EXPECT_EQ(get_it6621_status(), c.mode);
+    EXPECT_EQ(qb_msic_net_stream_in_earc_get(), c.nsi_after);
+    for (int ch : {6, 7, 8}) EXPECT_EQ(aborted(ch), ch == c.aborted_ch) << ch;
+    // A move rewrites the route of the eARC output from its configured stream (sai1).
+    EXPECT_EQ(bus.reg(kBus, kFpga, FPGA_REG_ROUTE_EARC_OUT) == FPGA_SRC_SAI1 &&
+                  bus.transfer_count(kBus, kFpga) > 0,
+              c.aborted_ch != 0);
+  }
+}
+
+TEST_F(BridgeTest, MonitorWithoutEdidWaitsOnceAndKeepsTheOutput) {
+  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_HDMI, 0, 2);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(set_hdmi_monitor_status(1), 0);
+  const auto waited = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(waited, std::chrono::milliseconds(190));
+  EXPECT_TRUE(log.has("load edid file /tmp/tv.edid.bin err", AM_LOG_LEVEL_ERROR));
+  EXPECT_EQ(log.count("hdmi monitor connected status:1"), 1);
+  EXPECT_EQ(get_hdmi_monitor_status(), 1);
+  EXPECT_EQ(get_output_hdmi_stream_mode(), 0);
+  // The same state again does nothing.
+  log.clear();
+  EXPECT_EQ(set_hdmi_monitor_status(1), 0);
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(BridgeTest, MonitorDecisionSwitchesTheHdmiOutput) {
+  qb_bridge_edid_wait_ms_set(0);
+  // LPCM 2 channels at 32/44.1/48 kHz, AC-3, DTS-HD with bit 1 of its flag byte.
+  write_edid({0x29, 0x09, 0x07, 0x07, 0x15, 0x07, 0x50, 0x5F, 0x7F, 0x02});
+  struct Case {
+    const char* name;
+    int fallback, mode_before;
+    int sf, validch, chstat1, aud_db0;
+    int mode_after, actual_sid;  // actual_sid -1: untouched
+  };
+  const Case cases[] = {
+      {"8ch lpcm 96k", 2, 0, 10, 8, 0, 0, 1, 2},
+      {"2ch lpcm 96k", 2, 0, 10, 2, 0, 0, 1, 2},
+      {"2ch lpcm 48k", 2, 0, 2, 2, 0, 0, 0, -1},
+      {"2ch lpcm 48k back from fallback", 2, 1, 2, 2, 0, 0, 0, 0},
+      {"ac3", 2, 0, 2, 6, 1, 2, 0, -1},
+      {"dd+ not supported", 2, 0, 2, 8, 1, 3, 1, 2},
+      {"dts-hd family up to hdx", 2, 0, 2, 8, 2, 20, 0, -1},
+      {"one-bit audio", 2, 1, 2, 8, 3, 0, 0, 0},
+      {"invalid channel state", 2, 1, 2, 8, 7, 0, 0, 0},
+      {"unusable decoder code", 2, 0, 10, 8, 0, 41, 0, -1},
+      {"no fallback", -1, 0, 10, 8, 0, 0, 0, -1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    qb_audio_misc_init();
+    qb_audio_stream_input_select(QB_AUDIO_OUTPUT_HDMI, 0, c.fallback);
+    set_output_hdmi_stream_mode(c.mode_before);
+    set_output_hdmi_stream_actual_sid(-1);
+    qb_audio_info rec = make_record(c.sf, c.validch, c.chstat1 == 0 ? 0x80 : 0x90);
+    rec.ChStat[1] = static_cast<qb_s8_t>(c.chstat1);
+    rec.AUD_DB[0] = static_cast<qb_s8_t>(c.aud_db0);
+    qb_audio_channel_state_set(6, &rec);
+    log.clear();
+    EXPECT_EQ(set_hdmi_monitor_status(1), 0);
+    EXPECT_EQ(get_output_hdmi_stream_mode(), c.mode_after);
+    EXPECT_EQ(get_output_hdmi_stream_actual_sid(), c.actual_sid);
+    EXPECT_EQ(log.count_prefix("monitor edid audio support type["), c.fallback == -1 ? 0 : 3);
+  }
+}
+
+TEST_F(BridgeTest, HdmiInputAudioOn) {
+  qb_audio_info rec = make_record(2, 2, 0x80);
+  qb_audio_channel_state_set(3, &rec);
+  EXPECT_EQ(audio_hdmi_audio_on(), 1);
+  rec.Audio_On = 0;
+  qb_audio_channel_state_set(3, &rec);
+  EXPECT_EQ(audio_hdmi_audio_on(), 0);
+}
+
+TEST_F(BridgeTest, StreamSwitchersRouteRecordAndRestart) {
+  struct Output {
+    int (*fn)(int, unsigned);
+    qb_u8_t route_reg;
+    int (*mode)(void);
+    int (*actual)(void);
+    int (*nsi)(void);
+    bool restarts;
+    const char* lines[3];
+    const char* error;
+  };
+  const Output outputs[] = {
+      {set_output_hdmi_stream, FPGA_REG_ROUTE_HDMI_OUT, get_output_hdmi_stream_mode,
+       get_output_hdmi_stream_actual_sid, qb_msic_net_stream_in_hdmi_get, true,
+       {"set_output_hdmi_stream hdmi switch to sai1 sid = 0",
+        "set_output_hdmi_stream hdmi switch to sai5 sid = 1",
+        "set_output_hdmi_stream hdmi switch to sai3 sid = 2"},
+       "set_output_hdmi_stream Error sid 3"},
+      {set_output_earc_stream, FPGA_REG_ROUTE_EARC_OUT, get_output_earc_stream_mode,
+       get_output_earc_stream_actual_sid, qb_msic_net_stream_in_earc_get, true,
+       {"earc switch to sai1 sid=0", "earc switch to sai5 sid=1", "earc switch to sai3 sid=2"},
+       "set_output_earc_stream Error sid 3"},
+      {set_output_spdif_stream, FPGA_REG_ROUTE_SPDIF_OUT, get_output_spdif_stream_mode,
+       get_output_spdif_stream_actual_sid, qb_msic_net_stream_in_spdif_get, false,
+       {"set_output_spdif_stream spdif switch to sai1 sid=0",
+        "set_output_spdif_stream spdif switch to sai5 sid=1",
+        "set_output_spdif_stream spdif switch to sai3 sid=2"},
+       "set_output_spdif_stream Error sid 3"},
+  };
+  const int source_of_sid[] = {FPGA_SRC_SAI1, FPGA_SRC_SAI5, FPGA_SRC_SAI3};
+  const int channel_of_sid[] = {6, 8, 7};
+  for (const Output& o : outputs) {
+    for (unsigned sid = 0; sid < 3; ++sid) {
+      SCOPED_TRACE(o.lines[sid]);
+      clear_aborts();
+      log.clear();
+      EXPECT_EQ(o.fn(static_cast<int>(sid % 2), sid), 1);
+      EXPECT_EQ(o.mode(), static_cast<int>(sid % 2));
+      EXPECT_EQ(o.actual(), static_cast<int>(sid));
+      EXPECT_EQ(o.nsi(), source_of_sid[sid]);
+      EXPECT_EQ(bus.reg(kBus, kFpga, o.route_reg), source_of_sid[sid]);
+      EXPECT_EQ(log.count(o.lines[sid]), 1);
+      for (int ch : {6, 7, 8}) EXPECT_EQ(aborted(ch), o.restarts && ch == channel_of_sid[sid]);
+    }
+    clear_aborts();
+    bus.clear_records();
+    EXPECT_EQ(o.fn(0, 3), 0);
+    EXPECT_TRUE(log.has(o.error, AM_LOG_LEVEL_ERROR));
+    EXPECT_EQ(o.actual(), 2);
+    EXPECT_EQ(bus.transfer_count(kBus, kFpga), 0u);
+    EXPECT_EQ(o.fn(0, 0xFFFFFFFFu), 0);
+  }
+}
+
+}  // namespace
+}  // namespace control_test
