@@ -339,7 +339,9 @@ class NetrelayWire : public ::testing::Test {
     NsSocket tx(a_.name());
     EXPECT_TRUE(rx.listen(kGroup));
     EXPECT_GE(tx.fd(), 0);
-    std::vector<std::string> args = extra;
+    // A held datagram waits for its successor however slowly the sender is scheduled.
+    std::vector<std::string> args = {"--hold-ms", "5000"};
+    args.insert(args.end(), extra.begin(), extra.end());
     args.insert(args.end(), {"--count", std::to_string(count)});
     auto relay = start_relay(args);
     for (uint32_t i = 0; i < count; ++i) {
