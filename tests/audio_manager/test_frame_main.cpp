@@ -9,36 +9,13 @@
 #include <string>
 #include <vector>
 
-#include "am_log.h"
 #include "am_test_env.h"
 #include "qb_audio_main.h"
+#include "test_frame_log_capture.h"
 
 namespace {
 
-// Collects every formatted log message while alive.
-class LogCapture {
- public:
-  LogCapture() { am_log_set_observer(&LogCapture::observe, this); }
-  ~LogCapture() { am_log_set_observer(nullptr, nullptr); }
-  bool contains(const std::string& text) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (const std::string& line : lines_) {
-      if (line.find(text) != std::string::npos) {
-        return true;
-      }
-    }
-    return false;
-  }
-
- private:
-  static void observe(int, const char* message, void* ctx) {
-    auto* self = static_cast<LogCapture*>(ctx);
-    std::lock_guard<std::mutex> lock(self->mutex_);
-    self->lines_.emplace_back(message);
-  }
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
+using am_test_frame::LogCapture;
 
 struct ModelCase {
   const char* model;

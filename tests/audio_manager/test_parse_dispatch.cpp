@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "am_log.h"
 #include "qb_audio_parse.h"
+#include "test_frame_log_capture.h"
 
 namespace {
 
@@ -83,32 +83,7 @@ std::vector<qb_audio_cmd_operation_t> make_recording_table(std::index_sequence<R
   return {recording_row<static_cast<int>(Rows)>(real[Rows])...};
 }
 
-class LogCapture {
- public:
-  LogCapture() { am_log_set_observer(&LogCapture::observe, this); }
-  ~LogCapture() { am_log_set_observer(nullptr, nullptr); }
-  int count(const std::string& text) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    int n = 0;
-    for (const std::string& line : lines_) {
-      n += line.find(text) != std::string::npos ? 1 : 0;
-    }
-    return n;
-  }
-  size_t size() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lines_.size();
-  }
-
- private:
-  static void observe(int, const char* message, void* ctx) {
-    auto* self = static_cast<LogCapture*>(ctx);
-    std::lock_guard<std::mutex> lock(self->mutex_);
-    self->lines_.emplace_back(message);
-  }
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
+using am_test_frame::LogCapture;
 
 class ParseDispatch : public ::testing::Test {
  protected:
@@ -164,17 +139,6 @@ TEST(ParseTable, RowsInExecutionOrder) {
     EXPECT_EQ(table[row].fun_get, expected[row].get);
     EXPECT_EQ(table[row].fun_set, expected[row].set);
     EXPECT_EQ(table[row].fun_not, expected[row].notify);
-  }
-}
-
-TEST(ParseTable, GetsWithNothingToReportReturnOne) {
-  const qb_audio_cmd_fun_t gets[] = {output_mute_ctrl_get, output_latency_ctrl_get, output_dwm_mode_get,
-                                     output_analog_volume_get, output_analog_fullscalevrms_get,
-                                     output_earc_enable_ctrl_get};
-  const uint8_t bytes[12] = {};
-  for (qb_audio_cmd_fun_t get : gets) {
-    EXPECT_EQ(get(bytes, sizeof(bytes)), 1);
-    EXPECT_EQ(get(nullptr, 0), 1);
   }
 }
 
@@ -284,16 +248,6 @@ TEST_F(ParseDispatch, OnlyTheFirstOuterItemIsLookedAt) {
   good.insert(good.end(), second.begin(), second.end());
   dispatch(good);
   EXPECT_EQ(g_calls, (std::vector<Call>{{6, 2, payload(4)}}));
-}
-
-TEST_F(ParseDispatch, TruncatedInnerItemIsNotRun) {
-  // The inner item claims 12 payload bytes but only 4 follow inside the outer item.
-  std::vector<uint8_t> inner;
-  put_le32(inner, cmd(2, 2));
-  put_le32(inner, 12);
-  put_le32(inner, 0x01010101);
-  dispatch(items_bytes({{2, inner}}));
-  EXPECT_TRUE(g_calls.empty());
 }
 
 TEST_F(ParseDispatch, ShortDatagramsAreHandledWithoutOverread) {

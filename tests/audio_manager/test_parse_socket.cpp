@@ -21,35 +21,14 @@
 #include <thread>
 #include <vector>
 
-#include "am_log.h"
 #include "am_test_env.h"
 #include "qb_audio_main.h"
 #include "qb_audio_parse.h"
+#include "test_frame_log_capture.h"
 
 namespace {
 
-class LogCapture {
- public:
-  LogCapture() { am_log_set_observer(&LogCapture::observe, this); }
-  ~LogCapture() { am_log_set_observer(nullptr, nullptr); }
-  int count(const std::string& text) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    int n = 0;
-    for (const std::string& line : lines_) {
-      n += line.find(text) != std::string::npos ? 1 : 0;
-    }
-    return n;
-  }
-
- private:
-  static void observe(int, const char* message, void* ctx) {
-    auto* self = static_cast<LogCapture*>(ctx);
-    std::lock_guard<std::mutex> lock(self->mutex_);
-    self->lines_.emplace_back(message);
-  }
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
+using am_test_frame::LogCapture;
 
 // A message whose outer type is 3: always logged as "invalid cmd", whatever the handlers do.
 std::vector<uint8_t> invalid_cmd_message() {
@@ -227,27 +206,36 @@ double process_cpu_seconds() {
 TEST(ParseCmdThread, WithoutASocketTheLoopPausesInsteadOfSpinning) {
   const int rc = run_in_child(
       [] {
-        // Use up every descriptor so that the thread cannot create its socket.
+        // Use up every descriptor so that the thread cannot create its socket. The thread itself
+        // is created first and the descriptors are given back before it is stopped, so that
+        // thread creation and the run-time never miss one.
         struct rlimit lim {64, 64};
         if (setrlimit(RLIMIT_NOFILE, &lim) != 0) {
           return 20;
         }
         LogCapture log;
-        const int base = open("/dev/null", O_RDONLY);
-        if (base < 0) {
-          return 20;
-        }
-        while (dup(base) >= 0) {
-        }
         audio_exit_set(0);
+        std::atomic<bool> go{false};
         std::atomic<bool> ended{false};
-        const double cpu_before = process_cpu_seconds();
         std::thread thread([&] {
+          while (!go) {
+            usleep(1000);
+          }
           qb_cmd_audio_task1(nullptr);
           ended = true;
         });
+        std::vector<int> held;
+        held.reserve(64);
+        for (int fd = open("/dev/null", O_RDONLY); fd >= 0; fd = open("/dev/null", O_RDONLY)) {
+          held.push_back(fd);
+        }
+        const double cpu_before = process_cpu_seconds();
+        go = true;
         sleep(3);
         const double cpu_used = process_cpu_seconds() - cpu_before;
+        for (const int fd : held) {
+          close(fd);
+        }
         if (log.count("create socket err") != 1 || log.count("bind socket err") != 1) {
           return 21;
         }
