@@ -4,7 +4,6 @@
 
 #include <json/json.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstring>
@@ -148,14 +147,4 @@ int qb_audio_shutdown_steps(const qb_init_fun_list_t* list, int count) {
   audio_exit_set(1);
   qb_init_list_stop(list, count);
   return 1;
-}
-
-// Idle debug thread for builds without the debug request pipe: waits for the exit flag. The
-// debug module's own qb_debug_task replaces it.
-__attribute__((weak)) void* qb_debug_task(void* arg) {
-  (void)arg;
-  while (audio_exit_get() == 0) {
-    sleep(1);
-  }
-  return nullptr;
 }

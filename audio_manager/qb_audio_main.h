@@ -61,5 +61,5 @@ void qb_init_list_stop(const qb_init_fun_list_t* list, int count);
 // do nothing). The caller ends the process afterwards.
 int qb_audio_shutdown_steps(const qb_init_fun_list_t* list, int count);
 
-// Debug thread entry (the debug request pipe). Started by main.
+// Debug thread entry (the debug request pipe, qb_audio_debug.cpp). Started by main.
 void* qb_debug_task(void* arg);
