@@ -23,7 +23,8 @@
 
 namespace {
 
-// The stream records. Written by the receiver threads, read by the main loop.
+// The stream records, written by the receiver threads and read by the main loop: every access
+// holds g_loss_mutex, and the check sums a stream under the lock and formats outside it.
 std::mutex g_loss_mutex;  // guards stAudioLossInfo
 AUDIO_LOSS_INFO_T stAudioLossInfo[AUDIO_LOSS_STREAMS];
 

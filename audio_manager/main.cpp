@@ -86,8 +86,8 @@ void* shutdown_task(void*) {
     if (n == 1) {
       break;
     }
-    if (n < 0 && errno != EINTR) {
-      return nullptr;
+    if (n == 0 || (n < 0 && errno != EINTR)) {
+      return nullptr;  // the pipe is gone: no signal can arrive through it any more
     }
   }
   std::lock_guard<std::mutex> init_done(g_init_walk_mutex);
