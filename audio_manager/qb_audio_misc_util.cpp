@@ -45,6 +45,7 @@ FILE* open_file(const char* path, const char* mode) {
 
 }  // namespace
 
+// The file and the records in it are the caller's choice; the path is a board path.
 int audio_info_to_flash(const char* path, const void* data, int count) {
   if (path == nullptr || data == nullptr || count <= 0) {
     return -1;
