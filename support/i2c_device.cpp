@@ -45,6 +45,7 @@ struct TransferOverride {
 std::mutex g_override_mutex;  // guards g_override
 TransferOverride g_override;
 
+// Register address width of the transfer in progress on this thread.
 thread_local int t_reg_width = 1;
 
 // Diagnostics reach standard output at once, also when it is a file or a pipe.
@@ -52,7 +53,6 @@ void say(const char* text) {
   fputs(text, stdout);
   fflush(stdout);
 }
-  // register width of the transfer in progress on this thread
 
 TransferOverride current_override() {
   std::lock_guard<std::mutex> lock(g_override_mutex);
