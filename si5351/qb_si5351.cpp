@@ -227,6 +227,10 @@ int open_bound_udp(const char* addr, int port) {
 
 // Sends a request of len bytes to the service address; true when all of it went out.
 bool send_request(int sock, const SI5351_MSG_T& msg, int len) {
+  if (sock < 1) {
+    errno = EBADF;  // the error text names the bad socket, not an earlier call's failure
+    return false;
+  }
   const sockaddr_in dest = service_address();
   return qb_udp_send(sock, &msg, len, &dest) == len;
 }
@@ -236,7 +240,11 @@ bool send_connected(int sock, const SI5351_MSG_T& msg, int len) {
   sockaddr_in peer;
   socklen_t peer_len = sizeof peer;
   std::memset(&peer, 0, sizeof peer);
-  if (sock < 1 || getpeername(sock, reinterpret_cast<sockaddr*>(&peer), &peer_len) != 0) {
+  if (sock < 1) {
+    errno = EBADF;  // the error text names the bad socket, not an earlier call's failure
+    return false;
+  }
+  if (getpeername(sock, reinterpret_cast<sockaddr*>(&peer), &peer_len) != 0) {
     return false;
   }
   return qb_udp_send(sock, &msg, len, &peer) == len;
