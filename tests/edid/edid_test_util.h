@@ -1,16 +1,12 @@
 // Builders for EDIDs in memory and on disk, shared by the EDID tests.
 #pragma once
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "Edid_Parser.h"
+#include "am_test_env.h"
 #include "qb_types.h"
 
 namespace edid_test {
@@ -33,10 +29,6 @@ inline Bytes base_block(qb_u8_t extensions) {
   for (size_t i = 0; i < sizeof(header); ++i) {
     b[i] = header[i];
   }
-  b[8] = 0x10;  // manufacturer "DEL"-like id, product code, serial: arbitrary
-  b[9] = 0xAC;
-  b[10] = 0x34;
-  b[11] = 0x12;
   b[18] = 1;
   b[19] = 3;
   b[126] = extensions;
@@ -72,60 +64,15 @@ inline EDID_Data to_data(const Bytes& bytes) {
   return d;
 }
 
-// A scratch directory under /tmp, removed with its files at the end of the test.
-class TempDir {
- public:
-  TempDir() {
-    char tmpl[] = "/tmp/am_edid_test.XXXXXX";
-    const char* made = mkdtemp(tmpl);
-    m_path = (made != nullptr) ? made : "";
-  }
-  ~TempDir() {
-    if (!m_path.empty()) {
-      const std::string cmd = "rm -rf '" + m_path + "'";
-      (void)std::system(cmd.c_str());
-    }
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-
-  const std::string& path() const { return m_path; }
-
-  // Writes bytes to a file below the directory (parent folders created) and returns its path.
-  std::string write(const std::string& name, const Bytes& bytes) const {
-    const std::string full = m_path + "/" + name;
-    for (size_t slash = full.find('/', m_path.size() + 1); slash != std::string::npos;
-         slash = full.find('/', slash + 1)) {
-      mkdir(full.substr(0, slash).c_str(), 0755);
-    }
-    FILE* f = std::fopen(full.c_str(), "wb");
-    if (f != nullptr) {
-      if (!bytes.empty()) {
-        (void)std::fwrite(bytes.data(), 1, bytes.size(), f);
-      }
-      std::fclose(f);
-    }
-    return full;
-  }
-
- private:
-  std::string m_path;
-};
-
 // Reads a whole file (tests only).
 inline Bytes read_file(const std::string& path) {
-  Bytes out;
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (f == nullptr) {
-    return out;
-  }
-  qb_u8_t buf[512];
-  size_t got = 0;
-  while ((got = std::fread(buf, 1, sizeof(buf), f)) > 0) {
-    out.insert(out.end(), buf, buf + got);
-  }
-  std::fclose(f);
-  return out;
+  const std::string text = am_test::read_file(path);
+  return Bytes(text.begin(), text.end());
+}
+
+// Writes bytes to a board path under the root (parent folders created).
+inline bool write_file(const am_test::TempRoot& root, const std::string& board_path, const Bytes& bytes) {
+  return root.write(board_path, std::string(bytes.begin(), bytes.end()));
 }
 
 // A record filled with a recognisable pattern, to tell whether a getter wrote it.
