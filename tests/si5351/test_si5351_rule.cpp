@@ -2,7 +2,6 @@
 // frequency plan, and the power-up table as the chip receives it.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <utility>
 #include <vector>
 
@@ -69,19 +68,8 @@ TEST(Si5351Rule, StepTablesFollowTheRule) {
             encode(22579000));
 }
 
-// Enumeration values name the shift of their row.
-TEST(Si5351Rule, EnumerationsNameTheirRows) {
-  EXPECT_EQ(MCLK_MSP_INC_1200, 3);
-  EXPECT_EQ(MCLK_MSP_INC_3000, 8);
-  EXPECT_EQ(MCLK_MSP_INC_9600, 15);
-  EXPECT_EQ(MCLK_MSP_DEC_300, 0);
-  EXPECT_EQ(MCLK_MSP_DEC_6000, 12);
-  EXPECT_EQ(MCLK_MSP_DEC_MAX, 16);
-}
-
 // What the chip receives for every (rate, step, direction), through the driver's own entry
-// points, against the rule applied to f = nominal +/- v x R; and the multisynth registers decode
-// back to exactly that frequency.
+// points, against the rule applied to f = nominal +/- v x R.
 TEST(Si5351Rule, EveryAdjustmentProgramsTheRuleOnEveryChannel) {
   am_test::I2cFake bus;
   for (const auto& plan : si5351_test::rate_plans()) {
@@ -99,15 +87,6 @@ TEST(Si5351Rule, EveryAdjustmentProgramsTheRuleOnEveryChannel) {
           const auto got = si5351_test::regs_of(bus, ch);
           ASSERT_EQ(got, ms_bytes(plan.div, want))
               << "rate " << plan.rate << " ch " << ch << " value " << sign * v;
-          // Decode: f_ms = 900 MHz * 128 * P3 / ((P1 + 512) * P3 + P2), exact.
-          const uint64_t p3 = (static_cast<uint64_t>(got[5] >> 4) << 16) | got[0] << 8 | got[1];
-          const uint64_t p1 = (static_cast<uint64_t>(got[2] & 3) << 16) | got[3] << 8 | got[4];
-          const uint64_t p2 = (static_cast<uint64_t>(got[5] & 0xF) << 16) | got[6] << 8 | got[7];
-          const uint64_t num = 900000000ULL * 128 * p3;
-          const uint64_t den = (p1 + 512) * p3 + p2;
-          EXPECT_EQ(num % den, 0u);
-          EXPECT_EQ(num / den, f);
-          EXPECT_EQ(got[2] >> 4, static_cast<int>(plan.div));
         }
       }
     }
@@ -147,31 +126,14 @@ TEST(Si5351Rule, PowerUpTableIsWrittenInOrder) {
       {3, 0x00},
   };
   ASSERT_EQ(want.size(), 71u);
-  am_test::I2cFake bus;
-  EXPECT_EQ(qb_si5351_init(), 1);
-  EXPECT_EQ(bus.writes(si5351_test::kBus, si5351_test::kAddr), want);
-  for (const auto& record : bus.records()) {
-    EXPECT_EQ(record.bytes.size(), 1u);
+  for (bool service_less_start : {false, true}) {
+    am_test::I2cFake bus;
+    EXPECT_EQ(service_less_start ? qb_si5351_start() : qb_si5351_init(), service_less_start ? 0 : 1);
+    EXPECT_EQ(bus.writes(si5351_test::kBus, si5351_test::kAddr), want);
+    for (const auto& record : bus.records()) {
+      EXPECT_EQ(record.bytes.size(), 1u);
+    }
   }
-}
-
-// The power-up table's own frequency plan: PLLA 33 + 1/3 of 27 MHz, MS0/MS1 at 24.576 MHz,
-// MS2 at 100 MHz.
-TEST(Si5351Rule, PowerUpTableFrequencies) {
-  am_test::I2cFake bus;
-  qb_si5351_init();
-  auto reg = [&](int r) { return static_cast<uint64_t>(bus.reg(si5351_test::kBus, 0x60, r)); };
-  const uint64_t pll_p3 = (reg(31) >> 4) << 16 | reg(26) << 8 | reg(27);
-  const uint64_t pll_p1 = (reg(28) & 3) << 16 | reg(29) << 8 | reg(30);
-  const uint64_t pll_p2 = (reg(31) & 0xF) << 16 | reg(32) << 8 | reg(33);
-  EXPECT_EQ(pll_p1, 3754u);
-  EXPECT_EQ(pll_p2, 2u);
-  EXPECT_EQ(pll_p3, 3u);
-  // f_pll = 27 MHz * ((P1 + 512) * P3 + P2) / (128 * P3)
-  EXPECT_EQ(27000000ULL * ((pll_p1 + 512) * pll_p3 + pll_p2) / (128 * pll_p3), 900000000ULL);
-  EXPECT_EQ(si5351_test::regs_of(bus, 1), ms_bytes(0, encode(24576000)));
-  EXPECT_EQ(si5351_test::regs_of(bus, 2), ms_bytes(0, encode(24576000)));
-  EXPECT_EQ(si5351_test::regs_of(bus, 3), ms_bytes(0, encode(100000000)));
 }
 
 }  // namespace
