@@ -59,8 +59,11 @@ constexpr qb_u32_t kLatencyHighMask = 0x7F;
 // The eARC enable request: enable 1 switches the output on.
 constexpr qb_u32_t kEarcEnableOn = 1;
 
-// Analog output volume last passed to the codec program.
+// Analog output volume last passed to the codec program; read by the playback workers.
 std::atomic<qb_s32_t> g_stAnalogVolume{0};
+// The last onlyArc of the eARC-input ARC-only command; read by the stream output request. Both
+// run on the command thread.
+qb_s32_t g_stAudInputEarcOnlyarc = 0;
 
 void fpga_write_byte(qb_u8_t reg, qb_u8_t value) {
   (void)I2C_Device_Write(kFpgaI2cBus, kFpgaI2cAddr, reg, &value, 1);
@@ -386,12 +389,6 @@ int input_earc_onlyarc_ctrl_set(const void* buf, int len) {
   qb_audio_input_earc_onlyarc_store(only_arc);
   return 1;
 }
-
-namespace {
-// The last onlyArc of the eARC-input ARC-only command; read by the stream output request. Both
-// run on the command thread.
-qb_s32_t g_stAudInputEarcOnlyarc = 0;
-}  // namespace
 
 void qb_audio_input_earc_onlyarc_store(qb_s32_t only_arc) { g_stAudInputEarcOnlyarc = only_arc; }
 qb_s32_t qb_audio_input_earc_onlyarc_get(void) { return g_stAudInputEarcOnlyarc; }
