@@ -1,3 +1,4 @@
+// The EDID reader: loading, validation and the audio capability list of the attached sink.
 #include "Edid_Parser.h"
 
 #include <cstdio>

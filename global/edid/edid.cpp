@@ -1,3 +1,5 @@
+// EDID primitives: file loading with its hex dump, the CEA-861 extension and the bounded walks
+// over its data blocks and Short Audio Descriptors.
 #include "edid.h"
 
 #include <cstdio>
