@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -52,116 +51,75 @@ class PacketLoss : public ::testing::Test {
   }
 };
 
-TEST_F(PacketLoss, InvalidArgumentsAreRefusedAndChangeNothing) {
+TEST_F(PacketLoss, RecordsPerSecondRingAndRefusals) {
   LogCapture log;
-  struct Case {
-    int chn;
-    int bytes;
-  };
-  const Case cases[] = {{3, 10}, {-1, 10}, {0, -1}, {2, -1000}, {100, 0}};
-  for (const Case& c : cases) {
-    EXPECT_EQ(set_audio_loss_info(c.chn, c.bytes), -1) << c.chn << "," << c.bytes;
-  }
+  const int bad[][2] = {{3, 10}, {-1, 10}, {0, -1}, {2, -1000}};
+  for (const auto& c : bad) EXPECT_EQ(set_audio_loss_info(c[0], c[1]), -1) << c[0] << "," << c[1];
   EXPECT_EQ(log.count("invalid chn:3 bytes:10 --["), 1);
   EXPECT_EQ(log.count("invalid chn:0 bytes:-1 --["), 1);
-  for (int chn = 0; chn < AUDIO_LOSS_STREAMS; ++chn) {
-    const AUDIO_LOSS_INFO_T i = info(chn);
-    EXPECT_EQ(i.lossBytesTotal, 0u);
-    EXPECT_EQ(i.idx, 0);
-  }
+  for (int chn = 0; chn < AUDIO_LOSS_STREAMS; ++chn) EXPECT_EQ(info(chn).lossBytesTotal, 0u);
   AUDIO_LOSS_INFO_T out;
   EXPECT_EQ(audio_loss_info_get(3, &out), -1);
-}
 
-TEST_F(PacketLoss, LossesOfOneSecondShareASlot) {
+  // Losses of one second share a slot.
   EXPECT_EQ(set_audio_loss_info(1, 1000), 0);
   EXPECT_EQ(set_audio_loss_info(1, 500), 0);
-  const AUDIO_LOSS_INFO_T i = info(1);
+  AUDIO_LOSS_INFO_T i = info(1);
   EXPECT_EQ(i.idx, 1);
   EXPECT_EQ(i.stLostInfo[0].lossTime, 1000);
   EXPECT_EQ(i.stLostInfo[0].lossBytes, 1500);
-  EXPECT_EQ(i.stLostInfo[1].lossBytes, 0);
   EXPECT_EQ(i.lossBytesTotal, 1500u);
-  EXPECT_EQ(info(0).lossBytesTotal, 0u);
-  EXPECT_EQ(info(2).lossBytesTotal, 0u);
-}
+  EXPECT_EQ(info(0).lossBytesTotal + info(2).lossBytesTotal, 0u);
 
-TEST_F(PacketLoss, SixtyOneSecondsOverwriteTheOldest) {
+  // 61 distinct seconds: the first second's slot now holds the 61st; the total counts all.
+  uint64_t total = 0;
   for (int s = 0; s < 61; ++s) {
     g_now = 2000 + s;
     ASSERT_EQ(set_audio_loss_info(0, 10 + s), 0);
-  }
-  const AUDIO_LOSS_INFO_T i = info(0);
-  EXPECT_EQ(i.idx, 1);
-  EXPECT_EQ(i.stLostInfo[0].lossTime, 2060);  // the first second's slot now holds the 61st
-  EXPECT_EQ(i.stLostInfo[0].lossBytes, 70);
-  EXPECT_EQ(i.stLostInfo[1].lossTime, 2001);
-  EXPECT_EQ(i.stLostInfo[59].lossTime, 2059);
-  uint64_t total = 0;
-  for (int s = 0; s < 61; ++s) {
     total += static_cast<uint64_t>(10 + s);
   }
+  i = info(0);
+  EXPECT_EQ(i.idx, 1);
+  EXPECT_EQ(i.stLostInfo[0].lossTime, 2060);
+  EXPECT_EQ(i.stLostInfo[0].lossBytes, 70);
+  EXPECT_EQ(i.stLostInfo[1].lossTime, 2001);
   EXPECT_EQ(i.lossBytesTotal, total);
-}
 
-TEST_F(PacketLoss, ASecondsCountSaturatesInsteadOfWrapping) {
+  // A second's count saturates instead of wrapping.
   EXPECT_EQ(set_audio_loss_info(2, 0x7FFFFFF0), 0);
   EXPECT_EQ(set_audio_loss_info(2, 0x100), 0);
-  const AUDIO_LOSS_INFO_T i = info(2);
-  EXPECT_EQ(i.stLostInfo[0].lossBytes, 0x7FFFFFFF);
-  EXPECT_EQ(i.lossBytesTotal, 0x7FFFFFF0ull + 0x100ull);
+  EXPECT_EQ(info(2).stLostInfo[0].lossBytes, 0x7FFFFFFF);
+  EXPECT_EQ(info(2).lossBytesTotal, 0x7FFFFFF0ull + 0x100ull);
 }
 
-TEST_F(PacketLoss, FirstCheckWithoutLossesCreatesTheFileOnce) {
+TEST_F(PacketLoss, FileAndTheTenSecondWindow) {
   am_test::TempRoot root({"tmp"});
   ASSERT_TRUE(root.ok());
+  const std::string file = root.at("/tmp/pktdrop.json");
+  // Without losses the first check creates the file; later checks leave it alone.
   EXPECT_EQ(check_drop_status(), 0);
-  EXPECT_EQ(am_test::read_file(root.at("/tmp/pktdrop.json")), expected_text(0, 0, 0, 0, 0, 0));
-  // Later checks without losses leave the file alone.
+  EXPECT_EQ(am_test::read_file(file), expected_text(0, 0, 0, 0, 0, 0));
   ASSERT_TRUE(root.write("/tmp/pktdrop.json", "kept"));
+  ASSERT_EQ(set_audio_loss_info(0, 0), 0);  // a zero-byte loss does not count
   EXPECT_EQ(check_drop_status(), 0);
-  EXPECT_EQ(am_test::read_file(root.at("/tmp/pktdrop.json")), "kept");
-}
+  EXPECT_EQ(am_test::read_file(file), "kept");
 
-TEST_F(PacketLoss, WindowCoversTheCurrentSecondAndTheTenBefore) {
-  am_test::TempRoot root({"tmp"});
-  ASSERT_TRUE(root.ok());
-  g_now = 1000;
   ASSERT_EQ(set_audio_loss_info(1, 1000), 0);
   ASSERT_EQ(set_audio_loss_info(1, 500), 0);
   ASSERT_EQ(set_audio_loss_info(2, 7), 0);
   EXPECT_EQ(check_drop_status(), 1);
-  EXPECT_EQ(am_test::read_file(root.at("/tmp/pktdrop.json")), expected_text(0, 0, 1500, 1500, 7, 7));
-
+  EXPECT_EQ(am_test::read_file(file), expected_text(0, 0, 1500, 1500, 7, 7));
   g_now = 1005;
   ASSERT_EQ(set_audio_loss_info(2, 3), 0);
   g_now = 1010;  // the loss at 1000 is ten seconds old: still in the window
   EXPECT_EQ(check_drop_status(), 1);
-  EXPECT_EQ(am_test::read_file(root.at("/tmp/pktdrop.json")), expected_text(0, 0, 1500, 1500, 10, 10));
-
+  EXPECT_EQ(am_test::read_file(file), expected_text(0, 0, 1500, 1500, 10, 10));
   g_now = 1011;  // eleven seconds: out; the loss at 1005 still counts
   EXPECT_EQ(check_drop_status(), 1);
-  EXPECT_EQ(am_test::read_file(root.at("/tmp/pktdrop.json")), expected_text(0, 0, 0, 1500, 3, 10));
-
+  EXPECT_EQ(am_test::read_file(file), expected_text(0, 0, 0, 1500, 3, 10));
   g_now = 1016;  // nothing left in the window: the last text stays visible
   EXPECT_EQ(check_drop_status(), 0);
-  EXPECT_EQ(am_test::read_file(root.at("/tmp/pktdrop.json")), expected_text(0, 0, 0, 1500, 3, 10));
-}
-
-TEST_F(PacketLoss, ZeroByteLossDoesNotCountInTheWindow) {
-  am_test::TempRoot root({"tmp"});
-  ASSERT_TRUE(root.ok());
-  ASSERT_TRUE(root.write("/tmp/pktdrop.json", "old"));
-  ASSERT_EQ(set_audio_loss_info(0, 0), 0);
-  EXPECT_EQ(check_drop_status(), 0);
-  EXPECT_EQ(am_test::read_file(root.at("/tmp/pktdrop.json")), "old");
-}
-
-TEST_F(PacketLoss, WriteFileReplacesTheFileAndLeavesTheLock) {
-  am_test::TempRoot root({"tmp"});
-  ASSERT_TRUE(root.ok());
-  EXPECT_EQ(write_file("{\"a\":1}"), 0);
-  EXPECT_EQ(am_test::read_file(root.at("/tmp/pktdrop.json")), "{\"a\":1}");
+  EXPECT_EQ(am_test::read_file(file), expected_text(0, 0, 0, 1500, 3, 10));
   struct stat st;
   EXPECT_EQ(stat(root.at("/tmp/pktdrop.lock").c_str(), &st), 0);
   EXPECT_NE(stat(root.at("/tmp/pktdrop.json.tmp").c_str(), &st), 0);  // renamed away
@@ -204,7 +162,7 @@ TEST_F(PacketLoss, FileFailuresAreLoggedAndKeepThePreviousFile) {
   EXPECT_EQ(write_file(nullptr), -1);
 }
 
-TEST_F(PacketLoss, EventText) {
+TEST_F(PacketLoss, EventTextAndEmptyEvent) {
   const std::string event = get_audio_drop_event();
   const std::string head = "{\"eventType\":\"DETAILS_CHANGED\",\"timeStamp\":";
   const std::string tail = ",\"requestUrl\":\"/api/v1/details/audio/pktDrop\"}";
@@ -214,10 +172,7 @@ TEST_F(PacketLoss, EventText) {
   const std::string stamp = event.substr(head.size(), event.size() - head.size() - tail.size());
   EXPECT_EQ(stamp.find_first_not_of("0123456789"), std::string::npos) << stamp;
   EXPECT_NEAR(std::stod(stamp), static_cast<double>(time(nullptr)), 5.0);
-}
-
-TEST_F(PacketLoss, EmptyEventIsNotSent) {
-  EXPECT_EQ(report_audio_drop_msg(""), 0);
+  EXPECT_EQ(report_audio_drop_msg(""), 0);  // nothing to send
   EXPECT_EQ(report_audio_drop_msg(nullptr), 0);
 }
 

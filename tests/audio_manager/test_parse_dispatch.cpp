@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <mutex>
 #include <random>
 #include <string>
 #include <utility>
@@ -15,20 +14,19 @@
 
 namespace {
 
-// ---- message building ----------------------------------------------------------------------
-void put_le32(std::vector<uint8_t>& out, uint32_t v) {
-  for (int i = 0; i < 4; ++i) {
-    out.push_back(static_cast<uint8_t>(v >> (8 * i)));
-  }
+using Bytes = std::vector<uint8_t>;
+
+void put_le32(Bytes& out, uint32_t v) {
+  for (int i = 0; i < 4; ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
 }
 
 struct Item {
   uint32_t type;
-  std::vector<uint8_t> value;
+  Bytes value;
 };
 
-std::vector<uint8_t> items_bytes(const std::vector<Item>& items) {
-  std::vector<uint8_t> out;
+Bytes items_bytes(const std::vector<Item>& items) {
+  Bytes out;
   for (const Item& item : items) {
     put_le32(out, item.type);
     put_le32(out, static_cast<uint32_t>(item.value.size()));
@@ -38,79 +36,60 @@ std::vector<uint8_t> items_bytes(const std::vector<Item>& items) {
 }
 
 // A command message: outer item of the given type holding the inner items.
-std::vector<uint8_t> message(const std::vector<Item>& inner, uint32_t outer_type = 2) {
+Bytes message(const std::vector<Item>& inner, uint32_t outer_type = 2) {
   return items_bytes({{outer_type, items_bytes(inner)}});
 }
-
 uint32_t cmd(uint32_t id, uint32_t op) { return (id << 16) | op; }
-
-std::vector<uint8_t> payload(size_t n, uint8_t first = 0x10) {
-  std::vector<uint8_t> p(n);
-  for (size_t i = 0; i < n; ++i) {
-    p[i] = static_cast<uint8_t>(first + i);
-  }
+Bytes payload(size_t n, uint8_t first = 0x10) {
+  Bytes p(n);
+  for (size_t i = 0; i < n; ++i) p[i] = static_cast<uint8_t>(first + i);
   return p;
 }
 
-// ---- recording table -----------------------------------------------------------------------
+// ---- recording table: the daemon's rows with every handler replaced by a recorder -----------
 struct Call {
   int id;
   int op;
-  std::vector<uint8_t> bytes;
+  Bytes bytes;
   bool operator==(const Call& o) const { return id == o.id && op == o.op && bytes == o.bytes; }
 };
 std::vector<Call> g_calls;
 
 template <int Row, int Op>
 int record(const void* buf, int len) {
-  const int id = qb_audio_cmd_table_get()[Row].id;
   const auto* p = static_cast<const uint8_t*>(buf);
-  g_calls.push_back({id, Op, std::vector<uint8_t>(p, p + (len > 0 ? len : 0))});
+  g_calls.push_back({qb_audio_cmd_table_get()[Row].id, Op, Bytes(p, p + (len > 0 ? len : 0))});
   return 1;
 }
 
-template <int Row>
-qb_audio_cmd_operation_t recording_row(const qb_audio_cmd_operation_t& real) {
-  return {real.id, real.fun_get ? record<Row, 1> : nullptr, real.fun_set ? record<Row, 2> : nullptr,
-          real.fun_not ? record<Row, 3> : nullptr};
-}
-
-// The daemon's table with every handler replaced by a recorder (same ids, same order, same empty
-// entries).
 template <size_t... Rows>
 std::vector<qb_audio_cmd_operation_t> make_recording_table(std::index_sequence<Rows...>) {
   const qb_audio_cmd_operation_t* real = qb_audio_cmd_table_get();
-  return {recording_row<static_cast<int>(Rows)>(real[Rows])...};
+  return {qb_audio_cmd_operation_t{real[Rows].id, real[Rows].fun_get ? record<Rows, 1> : nullptr,
+                                   real[Rows].fun_set ? record<Rows, 2> : nullptr,
+                                   real[Rows].fun_not ? record<Rows, 3> : nullptr}...};
 }
-
-using am_test_frame::LogCapture;
 
 class ParseDispatch : public ::testing::Test {
  protected:
-  void SetUp() override {
-    g_calls.clear();
-    table_ = make_recording_table(std::make_index_sequence<QB_AUDIO_CMD_TABLE_ROWS>());
-  }
+  void SetUp() override { g_calls.clear(); }
   // Dispatches a copy of exactly the given bytes (no slack, so a read past the end is a fault).
-  void dispatch(const std::vector<uint8_t>& bytes) {
-    std::vector<uint8_t> exact(bytes);
+  void dispatch(const Bytes& bytes) {
+    Bytes exact(bytes);
     audio_recv_data_proc_table(exact.empty() ? nullptr : exact.data(), static_cast<int>(exact.size()),
                                table_.data());
   }
-  std::vector<qb_audio_cmd_operation_t> table_;
-  LogCapture log_;
-};
-
-// ---- the table -------------------------------------------------------------------------------
-struct RowCase {
-  int id;
-  qb_audio_cmd_fun_t get;
-  qb_audio_cmd_fun_t set;
-  qb_audio_cmd_fun_t notify;
+  std::vector<qb_audio_cmd_operation_t> table_ =
+      make_recording_table(std::make_index_sequence<QB_AUDIO_CMD_TABLE_ROWS>());
+  am_test_frame::LogCapture log_;
 };
 
 TEST(ParseTable, RowsInExecutionOrder) {
-  const RowCase expected[QB_AUDIO_CMD_TABLE_ROWS] = {
+  struct Row {
+    int id;
+    qb_audio_cmd_fun_t get, set, notify;
+  };
+  const Row expected[QB_AUDIO_CMD_TABLE_ROWS] = {
       {1, input_src_mac_get, input_src_mac_set, nullptr},
       {14, nullptr, input_analog_volume_set, nullptr},
       {2, output_mute_ctrl_get, output_mute_ctrl_set, nullptr},
@@ -134,157 +113,113 @@ TEST(ParseTable, RowsInExecutionOrder) {
   };
   const qb_audio_cmd_operation_t* table = qb_audio_cmd_table_get();
   for (int row = 0; row < QB_AUDIO_CMD_TABLE_ROWS; ++row) {
-    SCOPED_TRACE("row " + std::to_string(row));
-    EXPECT_EQ(table[row].id, expected[row].id);
-    EXPECT_EQ(table[row].fun_get, expected[row].get);
-    EXPECT_EQ(table[row].fun_set, expected[row].set);
-    EXPECT_EQ(table[row].fun_not, expected[row].notify);
+    EXPECT_EQ(table[row].id, expected[row].id) << row;
+    EXPECT_EQ(table[row].fun_get, expected[row].get) << row;
+    EXPECT_EQ(table[row].fun_set, expected[row].set) << row;
+    EXPECT_EQ(table[row].fun_not, expected[row].notify) << row;
   }
 }
 
-// ---- dispatch ----------------------------------------------------------------------------------
 TEST_F(ParseDispatch, MuteSetExampleCallsTheSetHandlerWithTwelveBytes) {
-  const std::vector<uint8_t> p = payload(12);
-  const std::vector<uint8_t> msg = message({{0x00020002, p}});
-  const std::vector<uint8_t> head = {0x02, 0, 0, 0, 0x14, 0, 0, 0, 0x02, 0, 0x02, 0, 0x0C, 0, 0, 0};
-  ASSERT_EQ(std::vector<uint8_t>(msg.begin(), msg.begin() + 16), head);
+  const Bytes p = payload(12);
+  const Bytes msg = message({{0x00020002, p}});
+  const Bytes head = {0x02, 0, 0, 0, 0x14, 0, 0, 0, 0x02, 0, 0x02, 0, 0x0C, 0, 0, 0};
+  ASSERT_EQ(Bytes(msg.begin(), msg.begin() + 16), head);
   dispatch(msg);
   EXPECT_EQ(g_calls, (std::vector<Call>{{2, 2, p}}));
 }
 
-struct OpCase {
-  const char* name;
-  uint32_t id;
-  uint32_t op;
-  std::vector<Call> calls;
-};
-
 TEST_F(ParseDispatch, OperationChoosesTheHandler) {
-  const std::vector<uint8_t> p = payload(4);
-  const OpCase cases[] = {
-      {"get of 2", 2, 1, {{2, 1, p}}},
-      {"set of 2", 2, 2, {{2, 2, p}}},
-      {"notify of 2 (no handler)", 2, 3, {}},
-      {"set of 17 (no handler)", 17, 2, {}},
-      {"get of 17", 17, 1, {{17, 1, p}}},
-      {"notify of 8", 8, 3, {{8, 3, p}}},
-      {"set of 8 (no handler)", 8, 2, {}},
-      {"operation 0", 2, 0, {}},
-      {"operation 4", 2, 4, {}},
-      {"operation 0xFFFF", 2, 0xFFFF, {}},
-      {"id not in the table", 20, 2, {}},
-      {"id 0", 0, 2, {}},
-      {"id 0xFFFF", 0xFFFF, 2, {}},
+  const Bytes p = payload(4);
+  struct Case {
+    uint32_t id, op;
+    std::vector<Call> calls;
   };
-  for (const OpCase& c : cases) {
+  const Case cases[] = {
+      {2, 1, {{2, 1, p}}}, {2, 2, {{2, 2, p}}}, {2, 3, {}},  // no notify handler
+      {17, 2, {}},                                            // no set handler
+      {17, 1, {{17, 1, p}}}, {8, 3, {{8, 3, p}}}, {8, 2, {}}, {2, 0, {}}, {2, 4, {}},
+      {2, 0xFFFF, {}},       {20, 2, {}},         {0, 2, {}}, {0xFFFF, 2, {}},
+  };
+  for (const Case& c : cases) {
     g_calls.clear();
     dispatch(message({{cmd(c.id, c.op), p}}));
-    EXPECT_EQ(g_calls, c.calls) << c.name;
+    EXPECT_EQ(g_calls, c.calls) << c.id << "/" << c.op;
   }
+  g_calls.clear();
+  dispatch(message({{cmd(13, 2), {}}}));  // an empty payload still reaches the handler
+  EXPECT_EQ(g_calls, (std::vector<Call>{{13, 2, {}}}));
   EXPECT_EQ(log_.count("invalid cmd"), 0);
 }
 
-TEST_F(ParseDispatch, CommandsRunInTableOrderNotMessageOrder) {
-  const std::vector<uint8_t> mute = payload(12, 0x20);
-  const std::vector<uint8_t> level = payload(4, 0x40);
-  const std::vector<uint8_t> mac = payload(12, 0x60);
-  dispatch(message({{cmd(2, 2), mute}, {cmd(19, 2), level}, {cmd(14, 2), level}, {cmd(1, 2), mac}}));
+TEST_F(ParseDispatch, TableOrderAndFirstItemOfEachCommand) {
+  const Bytes mute = payload(12, 0x20);
+  const Bytes level = payload(4, 0x40);
+  const Bytes mac = payload(12, 0x60);
+  dispatch(message({{cmd(2, 2), mute}, {cmd(19, 2), level}, {cmd(14, 2), level}, {cmd(1, 2), mac},
+                    {cmd(2, 2), payload(12, 0x81)}}));
   EXPECT_EQ(g_calls, (std::vector<Call>{{1, 2, mac}, {14, 2, level}, {2, 2, mute}, {19, 2, level}}));
-}
-
-TEST_F(ParseDispatch, OnlyTheFirstItemOfACommandRuns) {
-  const std::vector<uint8_t> first = payload(12, 0x01);
-  const std::vector<uint8_t> second = payload(12, 0x81);
-  dispatch(message({{cmd(2, 2), first}, {cmd(2, 2), second}}));
-  EXPECT_EQ(g_calls, (std::vector<Call>{{2, 2, first}}));
   // The first item decides even when its operation has no handler.
   g_calls.clear();
-  dispatch(message({{cmd(17, 2), first}, {cmd(17, 1), second}}));
+  dispatch(message({{cmd(17, 2), mute}, {cmd(17, 1), mute}}));
   EXPECT_TRUE(g_calls.empty());
 }
 
-TEST_F(ParseDispatch, EmptyPayloadReachesTheHandler) {
-  dispatch(message({{cmd(13, 2), {}}}));
-  ASSERT_EQ(g_calls.size(), 1u);
-  EXPECT_TRUE(g_calls[0].bytes.empty());
-}
-
-TEST_F(ParseDispatch, OuterTypeOtherThanTwoIsInvalid) {
+TEST_F(ParseDispatch, OuterItemChecks) {
+  const Bytes good = message({{cmd(2, 2), payload(12)}});
   dispatch(message({{cmd(2, 2), payload(12)}}, 3));
-  EXPECT_TRUE(g_calls.empty());
   EXPECT_EQ(log_.count("invalid cmd --["), 1);
-}
-
-TEST_F(ParseDispatch, OuterLengthZeroOrNegativeIsDroppedSilently) {
+  // Outer length zero or negative: dropped without a log.
   for (uint32_t length : {0u, 0x80000000u, 0xFFFFFFFFu}) {
-    std::vector<uint8_t> msg = message({{cmd(2, 2), payload(12)}});
+    Bytes msg = good;
     std::memcpy(msg.data() + 4, &length, 4);
     dispatch(msg);
   }
-  EXPECT_TRUE(g_calls.empty());
-  EXPECT_EQ(log_.size(), 0u);
-}
-
-TEST_F(ParseDispatch, OuterLengthBeyondTheDatagramReadsNothingPastIt) {
-  std::vector<uint8_t> msg = message({{cmd(2, 2), payload(12)}});
-  for (uint32_t length : {static_cast<uint32_t>(msg.size()), 1016u, 4096u, 0x7FFFFFFFu}) {
+  EXPECT_EQ(log_.size(), 1u);
+  // An outer length beyond the datagram: nothing read past it, no command.
+  for (uint32_t length : {static_cast<uint32_t>(good.size()), 1016u, 4096u, 0x7FFFFFFFu}) {
+    Bytes msg = good;
     std::memcpy(msg.data() + 4, &length, 4);
     dispatch(msg);
   }
+  EXPECT_EQ(log_.count("invalid cmd"), 5);
+  // Datagrams shorter than one item.
+  for (size_t n = 0; n < 16; ++n) dispatch(Bytes(good.begin(), good.begin() + static_cast<long>(n)));
   EXPECT_TRUE(g_calls.empty());
-  EXPECT_EQ(log_.count("invalid cmd"), 4);
-}
 
-TEST_F(ParseDispatch, OnlyTheFirstOuterItemIsLookedAt) {
-  std::vector<uint8_t> msg = message({{cmd(2, 2), payload(12)}}, 5);
-  const std::vector<uint8_t> second = message({{cmd(3, 2), payload(8)}});
-  msg.insert(msg.end(), second.begin(), second.end());
-  dispatch(msg);
+  // Only the first outer item is looked at.
+  const Bytes second = message({{cmd(3, 2), payload(8)}});
+  Bytes bad_first = message({{cmd(2, 2), payload(12)}}, 5);
+  bad_first.insert(bad_first.end(), second.begin(), second.end());
+  dispatch(bad_first);
   EXPECT_TRUE(g_calls.empty());
-  EXPECT_EQ(log_.count("invalid cmd"), 1);
-  // A valid first item: what follows it is ignored.
-  g_calls.clear();
-  std::vector<uint8_t> good = message({{cmd(6, 2), payload(4)}});
-  good.insert(good.end(), second.begin(), second.end());
-  dispatch(good);
+  Bytes good_first = message({{cmd(6, 2), payload(4)}});
+  good_first.insert(good_first.end(), second.begin(), second.end());
+  dispatch(good_first);
   EXPECT_EQ(g_calls, (std::vector<Call>{{6, 2, payload(4)}}));
-}
-
-TEST_F(ParseDispatch, ShortDatagramsAreHandledWithoutOverread) {
-  const std::vector<uint8_t> full = message({{cmd(2, 2), payload(12)}});
-  for (size_t n = 0; n < 16; ++n) {
-    dispatch(std::vector<uint8_t>(full.begin(), full.begin() + static_cast<long>(n)));
-  }
-  EXPECT_TRUE(g_calls.empty());
 }
 
 TEST_F(ParseDispatch, RandomDatagramsNeverCrash) {
   std::mt19937 rng(20261122);
   for (int round = 0; round < 3000; ++round) {
     const size_t n = rng() % (QB_AUDIO_CMD_BUF_SIZE + 1);
-    std::vector<uint8_t> bytes(n);
-    for (uint8_t& b : bytes) {
-      b = static_cast<uint8_t>(rng());
-    }
+    Bytes bytes(n);
+    for (uint8_t& b : bytes) b = static_cast<uint8_t>(rng());
     if (n >= 8 && round % 2 == 0) {  // a plausible head half of the time
-      const uint32_t outer_type = 2;
-      const uint32_t length = static_cast<uint32_t>(rng() % (n + 16));
-      std::memcpy(bytes.data(), &outer_type, 4);
-      std::memcpy(bytes.data() + 4, &length, 4);
+      const uint32_t head[2] = {2, static_cast<uint32_t>(rng() % (n + 16))};
+      std::memcpy(bytes.data(), head, 8);
     }
     dispatch(bytes);
   }
-  SUCCEED();
 }
 
-// ---- lookups ----------------------------------------------------------------------------------
 TEST(ParseLookup, HeadValidityHelpers) {
   tlv_box_t* box = tlv_box_create();
   ASSERT_NE(box, nullptr);
   ASSERT_EQ(tlv_box_put_int(box, static_cast<qb_s32_t>(cmd(0x11, 1)), 1), 0);
   ASSERT_EQ(tlv_box_put_int(box, static_cast<qb_s32_t>(cmd(0x11, 3)), 3), 0);
   ASSERT_EQ(tlv_box_put_int(box, 2, 7), 0);
-  tlv_t* node = is_audio_cmd_head_valid(box, 0x11);
+  const tlv_t* node = is_audio_cmd_head_valid(box, 0x11);
   ASSERT_NE(node, nullptr);
   EXPECT_EQ(static_cast<uint32_t>(node->type), cmd(0x11, 1));
   EXPECT_EQ(is_audio_cmd_head_valid(box, 0x12), nullptr);
