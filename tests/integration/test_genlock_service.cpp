@@ -29,6 +29,8 @@ constexpr uint32_t kSetInc = 0x1235;
 constexpr uint32_t kSetDec = 0x1236;
 constexpr uint32_t kSetReset = 0x1237;
 constexpr int kChipAddr = 0x60;
+// Board path of the service log; the service puts it under its root.
+constexpr const char* kLogFile = "/tmp/qb_genlock.log";
 
 using Bytes = std::vector<uint8_t>;
 using MsRegs = std::array<uint8_t, 8>;
@@ -91,7 +93,7 @@ class GenlockService : public ::testing::Test {
                              "log4cpp.rootCategory=INFO, file\n"
                              "log4cpp.category.CATEGORY=INFO\n"
                              "log4cpp.appender.file=FileAppender\n"
-                             "log4cpp.appender.file.fileName=" + log_path() + "\n"
+                             "log4cpp.appender.file.fileName=" + std::string(kLogFile) + "\n"
                              "log4cpp.appender.file.layout=PatternLayout\n"
                              "log4cpp.appender.file.layout.ConversionPattern=[%p] %m%n\n"));
     ns_ = std::make_unique<am_test::NetNs>();
@@ -113,7 +115,7 @@ class GenlockService : public ::testing::Test {
     root_.reset();
   }
 
-  std::string log_path() const { return root_->path() + "/qb_genlock.log"; }
+  std::string log_path() const { return root_->at(kLogFile); }
   bool log_has(const std::string& text) const {
     return am_test::read_file(log_path()).find(text) != std::string::npos;
   }
