@@ -257,7 +257,8 @@ int set_it6621_status(int mode) {
   const bool has_fallback = qb_misc_audio_fallback_sid_earc_get() != kNoFallback;
   if (has_fallback && mode == QB_IT6621_MODE_EARC && previous != QB_IT6621_MODE_EARC &&
       nsi == kEarcFromSai3) {
-    earc_switch(kEarcFromSai1, QB_AUDIO_CHN_NSI1, "6621 switch to earc mode, earc output switch to sai1");
+    earc_switch(kEarcFromSai1, QB_AUDIO_CHN_NSI1,
+                "6621 switch to earc mode, earc output switch to sai1");
   } else if (has_fallback && mode == QB_IT6621_MODE_ARC && previous != QB_IT6621_MODE_ARC &&
              nsi == kEarcFromSai1) {
     qb_audio_info rec{};

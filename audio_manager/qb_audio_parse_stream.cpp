@@ -14,7 +14,7 @@
 #include "qb_audio_aplay.h"
 #include "qb_audio_misc.h"
 #include "qb_audio_misc_bridge.h"
-#include "qb_audio_misc_private.h"
+#include "qb_audio_misc_private.h"  // record updates without log or valid flag
 #include "qb_audio_misc_stream.h"
 #include "qb_audio_oper_packet.h"
 #include "qb_audio_oper_report.h"

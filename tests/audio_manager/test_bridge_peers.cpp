@@ -99,7 +99,8 @@ TEST_F(BridgeTest, HdmiOutputFormatFromTheRecord) {
     rec.ainfo.AUD_DB[3] = static_cast<qb_s8_t>(c.aud_db3);
     EXPECT_EQ(set_avp_hdmi_out_audio_param(&rec), 1);
     EXPECT_EQ(next(kMdinPort), kMdinSwitch);  // the scaler hears first
-    EXPECT_EQ(next(kAvpPort), tlv_message(3, 0x80802, text_bytes(avp_format(c.hz, c.ch, c.alloc, c.enc))));
+    EXPECT_EQ(next(kAvpPort),
+              tlv_message(3, 0x80802, text_bytes(avp_format(c.hz, c.ch, c.alloc, c.enc))));
     EXPECT_EQ(log.has("unknown audio sample frequency:" + std::to_string(c.sf) +
                           ", using default 48000",
                       AM_LOG_LEVEL_ERROR),

@@ -7,7 +7,6 @@
 #include <string>
 
 #include "qb_audio_aplay.h"
-#include "qb_audio_misc_private.h"
 #include "qb_audio_misc_stream.h"
 #include "qb_audio_oper_packet.h"
 #include "qb_audio_parse.h"

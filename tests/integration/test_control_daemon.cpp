@@ -72,7 +72,8 @@ Bytes mac_field(const std::string& mac) {
 
 // {outer: {key: value}} as the daemon's peers receive it.
 Bytes tlv_message(int32_t outer, int32_t key, const Bytes& value) {
-  Bytes out = cat(le32(static_cast<uint32_t>(outer)), le32(static_cast<uint32_t>(8 + value.size())));
+  Bytes out = cat(le32(static_cast<uint32_t>(outer)),
+                  le32(static_cast<uint32_t>(8 + value.size())));
   out = cat(out, le32(static_cast<uint32_t>(key)));
   out = cat(out, le32(static_cast<uint32_t>(value.size())));
   return cat(out, value);
