@@ -9,51 +9,38 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
-#include <iterator>
 
 #include "am_test_paths.h"
 
 namespace amsim_test {
 
-namespace {
-
-void remove_tree(const std::string& path) {
-  DIR* dir = opendir(path.c_str());
-  if (dir == nullptr) {
-    unlink(path.c_str());
-    return;
-  }
-  while (dirent* e = readdir(dir)) {
-    std::string name = e->d_name;
-    if (name != "." && name != "..") remove_tree(path + "/" + name);
-  }
-  closedir(dir);
-  rmdir(path.c_str());
-}
-
-}  // namespace
-
 void AmsimEnv::SetUp() {
-  char tmpl[] = "/tmp/amsim_test_XXXXXX";
-  ASSERT_NE(mkdtemp(tmpl), nullptr);
-  root_ = tmpl;
-  set_env("HOME", root_);
-  set_env("AUDIO_MANAGER_ROOT", root_);
+  root_ = std::make_unique<am_test::TempRoot>(std::vector<std::string>{"tmp/amsim", "dev"});
+  ASSERT_TRUE(root_->ok());
+  set_env("HOME", root_->path());
   set_env("ALSA_CONFIG_PATH",
           std::string("/usr/share/alsa/alsa.conf:") + am_test::kLibDir + "/asound.conf");
-  mkdir((root_ + "/tmp").c_str(), 0755);
-  mkdir((root_ + "/tmp/amsim").c_str(), 0755);
-  mkdir((root_ + "/dev").c_str(), 0755);
 }
 
 void AmsimEnv::TearDown() {
-  for (const auto& name : env_set_) unsetenv(name.c_str());
-  if (!root_.empty()) remove_tree(root_);
+  for (auto it = saved_env_.rbegin(); it != saved_env_.rend(); ++it) {
+    if (it->second) {
+      setenv(it->first.c_str(), it->second->c_str(), 1);
+    } else {
+      unsetenv(it->first.c_str());
+    }
+  }
+  root_.reset();
 }
 
 void AmsimEnv::set_env(const std::string& name, const std::string& value) {
+  const char* old = getenv(name.c_str());
+  saved_env_.emplace_back(name, old != nullptr ? std::make_unique<std::string>(old) : nullptr);
   setenv(name.c_str(), value.c_str(), 1);
-  env_set_.push_back(name);
+}
+
+size_t PcmSetup::frame_bytes() const {
+  return channels * static_cast<size_t>(snd_pcm_format_physical_width(format)) / 8;
 }
 
 snd_pcm_t* open_pcm(const char* name, snd_pcm_stream_t stream, const PcmSetup& s) {
@@ -63,10 +50,9 @@ snd_pcm_t* open_pcm(const char* name, snd_pcm_stream_t stream, const PcmSetup& s
   if (err < 0) return nullptr;
   snd_pcm_hw_params_t* hw;
   snd_pcm_hw_params_alloca(&hw);
-  unsigned int rate = s.rate;
-  unsigned int period = s.period_us;
-  unsigned int buffer = s.buffer_us;
+  unsigned int rate = s.rate, period = s.period_us, buffer = s.buffer_us;
   int dir = 0;
+  snd_pcm_uframes_t buffer_frames = 0;
   bool ok = snd_pcm_hw_params_any(pcm, hw) >= 0 &&
             snd_pcm_hw_params_set_access(pcm, hw, SND_PCM_ACCESS_RW_INTERLEAVED) >= 0 &&
             snd_pcm_hw_params_set_format(pcm, hw, s.format) >= 0 &&
@@ -74,12 +60,11 @@ snd_pcm_t* open_pcm(const char* name, snd_pcm_stream_t stream, const PcmSetup& s
             snd_pcm_hw_params_set_rate_near(pcm, hw, &rate, &dir) >= 0 &&
             snd_pcm_hw_params_set_period_time_near(pcm, hw, &period, &(dir = 0)) >= 0 &&
             snd_pcm_hw_params_set_buffer_time_near(pcm, hw, &buffer, &(dir = 0)) >= 0 &&
-            snd_pcm_hw_params(pcm, hw) >= 0;
+            snd_pcm_hw_params(pcm, hw) >= 0 &&
+            snd_pcm_hw_params_get_buffer_size(hw, &buffer_frames) >= 0;
   snd_pcm_sw_params_t* sw;
   snd_pcm_sw_params_alloca(&sw);
-  snd_pcm_uframes_t buffer_frames = 0;
   ok = ok && snd_pcm_sw_params_current(pcm, sw) >= 0 &&
-       snd_pcm_hw_params_get_buffer_size(hw, &buffer_frames) >= 0 &&
        snd_pcm_sw_params_set_start_threshold(pcm, sw, s.start_threshold) >= 0 &&
        snd_pcm_sw_params_set_stop_threshold(pcm, sw, buffer_frames) >= 0 &&
        snd_pcm_sw_params_set_tstamp_mode(pcm, sw, SND_PCM_TSTAMP_ENABLE) >= 0 &&
@@ -96,31 +81,20 @@ snd_pcm_t* open_pcm(const char* name, snd_pcm_stream_t stream, const PcmSetup& s
 int64_t now_ns() {
   timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
+  return to_ns(ts);
 }
 
 int64_t to_ns(const snd_htimestamp_t& ts) {
   return static_cast<int64_t>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
 }
 
-size_t frame_bytes(const PcmSetup& s) {
-  return s.channels * static_cast<size_t>(snd_pcm_format_physical_width(s.format)) / 8;
-}
-
 int open_fd_count() {
   int n = 0;
   DIR* dir = opendir("/proc/self/fd");
   if (dir == nullptr) return -1;
-  while (dirent* e = readdir(dir)) {
-    if (e->d_name[0] != '.') n++;
-  }
+  while (dirent* e = readdir(dir)) n += e->d_name[0] != '.' ? 1 : 0;
   closedir(dir);
   return n - 1;  // the directory stream itself
-}
-
-std::vector<uint8_t> read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 bool write_file(const std::string& path, const void* data, size_t len, long offset) {
@@ -131,6 +105,14 @@ bool write_file(const std::string& path, const void* data, size_t len, long offs
   return ok;
 }
 
+std::vector<std::pair<long long, long long>> read_timelog(const std::string& path) {
+  std::ifstream in(path);
+  std::vector<std::pair<long long, long long>> lines;
+  long long pos = 0, ns = 0;
+  while (in >> pos >> ns) lines.emplace_back(pos, ns);
+  return lines;
+}
+
 long write_all(snd_pcm_t* pcm, const uint8_t* data, size_t frames, size_t frame_size) {
   static const std::vector<uint8_t> silence(65536, 0);
   size_t done = 0;
@@ -139,6 +121,16 @@ long write_all(snd_pcm_t* pcm, const uint8_t* data, size_t frames, size_t frame_
     if (data == nullptr && chunk * frame_size > silence.size()) chunk = silence.size() / frame_size;
     const uint8_t* p = data != nullptr ? data + done * frame_size : silence.data();
     snd_pcm_sframes_t n = snd_pcm_writei(pcm, p, chunk);
+    if (n < 0) return n;
+    done += static_cast<size_t>(n);
+  }
+  return static_cast<long>(done);
+}
+
+long read_all(snd_pcm_t* pcm, uint8_t* data, size_t frames, size_t frame_size) {
+  size_t done = 0;
+  while (done < frames) {
+    snd_pcm_sframes_t n = snd_pcm_readi(pcm, data + done * frame_size, frames - done);
     if (n < 0) return n;
     done += static_cast<size_t>(n);
   }
