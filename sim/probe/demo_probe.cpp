@@ -1,4 +1,4 @@
-// Measurements for scripts/demo, built by it on the fly:
+// Measurements for scripts/demo (build/bin/demo_probe):
 //
 //   demo_probe clock BUS CHANNEL RATE
 //       The clock adjustment, in ppm, of a genlock channel as the emulated Si5351 registers on
