@@ -233,28 +233,19 @@ TEST_F(PacketLoss, CycleWithLossesSendsOneEventMessage) {
     if (!cmd_core.receive(&datagram, 5000)) {
       return 13;
     }
+    // Outer object item of type 2 holding the string item 0x40503 with its terminator.
     tlv_box_t* outer = tlv_box_parse(datagram.data(), static_cast<qb_s32_t>(datagram.size()));
     tlv_box_t* inner = nullptr;
-    int result = 0;
-    if (outer == nullptr || tlv_box_get_object(outer, 2, &inner) != 0) {
-      result = 14;
-    } else {
-      char text[256];
-      qb_s32_t len = sizeof(text);
-      if (tlv_box_get_string(inner, 0x40503, text, &len) != 0 ||
-          std::string(text).find("\"requestUrl\":\"/api/v1/details/audio/pktDrop\"") == std::string::npos ||
-          len != static_cast<qb_s32_t>(std::strlen(text) + 1)) {
-        result = 15;
-      }
-    }
-    if (inner != nullptr) {
-      tlv_box_destroy(inner);
-    }
-    if (outer != nullptr) {
-      tlv_box_destroy(outer);
-    }
-    if (result != 0) {
-      return result;
+    char text[256] = {};
+    qb_s32_t len = sizeof(text);
+    const bool ok = outer != nullptr && tlv_box_get_object(outer, 2, &inner) == 0 &&
+                    tlv_box_get_string(inner, 0x40503, text, &len) == 0 &&
+                    std::string(text).find("\"requestUrl\":\"/api/v1/details/audio/pktDrop\"") != std::string::npos &&
+                    len == static_cast<qb_s32_t>(std::strlen(text) + 1);
+    if (inner != nullptr) tlv_box_destroy(inner);
+    if (outer != nullptr) tlv_box_destroy(outer);
+    if (!ok) {
+      return 14;
     }
     // The window still holds the loss: the next cycle reports again; none once it has passed.
     if (audio_loss_cycle() != 1 || !cmd_core.receive(&datagram, 5000)) {
@@ -266,8 +257,8 @@ TEST_F(PacketLoss, CycleWithLossesSendsOneEventMessage) {
     }
     return 0;
   });
-  EXPECT_EQ(rc, 0) << "10 bind 9995, 11 cycle/logs, 12 file, 13 no datagram, 14 outer item, "
-                      "15 event item, 16 second report, 17 report without losses";
+  EXPECT_EQ(rc, 0) << "10 bind 9995, 11 cycle/logs, 12 file, 13 no datagram, 14 message items, "
+                      "16 second report, 17 report without losses";
 }
 
 }  // namespace

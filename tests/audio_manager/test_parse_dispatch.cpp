@@ -213,22 +213,4 @@ TEST_F(ParseDispatch, RandomDatagramsNeverCrash) {
   }
 }
 
-TEST(ParseLookup, HeadValidityHelpers) {
-  tlv_box_t* box = tlv_box_create();
-  ASSERT_NE(box, nullptr);
-  ASSERT_EQ(tlv_box_put_int(box, static_cast<qb_s32_t>(cmd(0x11, 1)), 1), 0);
-  ASSERT_EQ(tlv_box_put_int(box, static_cast<qb_s32_t>(cmd(0x11, 3)), 3), 0);
-  ASSERT_EQ(tlv_box_put_int(box, 2, 7), 0);
-  const tlv_t* node = is_audio_cmd_head_valid(box, 0x11);
-  ASSERT_NE(node, nullptr);
-  EXPECT_EQ(static_cast<uint32_t>(node->type), cmd(0x11, 1));
-  EXPECT_EQ(is_audio_cmd_head_valid(box, 0x12), nullptr);
-  node = is_cmd_first_type_valid(box);
-  ASSERT_NE(node, nullptr);
-  EXPECT_EQ(node->type, 2);
-  EXPECT_EQ(is_cmd_first_type_valid(nullptr), nullptr);
-  EXPECT_EQ(is_audio_cmd_head_valid(nullptr, 2), nullptr);
-  tlv_box_destroy(box);
-}
-
 }  // namespace

@@ -156,14 +156,19 @@ TEST(ParseCmdThread, ServesPort9994AndLeavesOnTheExitFlag) {
       return 11;
     }
     const int tx = socket(AF_INET, SOCK_DGRAM, 0);
-    if (!send_to(tx, loopback(QB_AUDIO_CMD_PORT), std::vector<uint8_t>(2000, 0x55)) ||
-        !send_to(tx, loopback(QB_AUDIO_CMD_PORT), invalid_cmd_message())) {
+    for (const size_t size : {2000, 0, 65507}) {  // refused, then drained, one after the other
+      if (!send_to(tx, loopback(QB_AUDIO_CMD_PORT), std::vector<uint8_t>(size, 0x55))) {
+        return 12;
+      }
+    }
+    if (!send_to(tx, loopback(QB_AUDIO_CMD_PORT), invalid_cmd_message())) {
       return 12;
     }
     if (!am_test::wait_for([&] { return log.count("invalid cmd") == 1; }, 5000)) {
       return 13;
     }
-    if (log.count("drop cmd datagram of 2000 bytes") != 1) {
+    if (log.count("drop cmd datagram of 2000 bytes") != 1 ||
+        log.count("drop cmd datagram of 65507 bytes") != 1) {
       return 14;
     }
     if (!stop_cmd_thread(thread, ended)) {
