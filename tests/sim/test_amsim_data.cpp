@@ -54,7 +54,8 @@ TEST_F(AmsimData, CapturePatternCarriesFrameAndChannelAndRoundTripsThroughOutfil
     EXPECT_EQ(snd_pcm_drain(play), 0);
     const int64_t t1 = now_ns();
     snd_pcm_close(play);
-    EXPECT_EQ(am_test::read_file(board("/tmp/amsim/play2.raw")), std::string(got.begin(), got.end()));
+    EXPECT_EQ(am_test::read_file(board("/tmp/amsim/play2.raw")),
+              std::string(got.begin(), got.end()));
     // Time log: a start line, one line per 4800 frames exactly 100 ms apart, a stop line.
     const auto lines = read_timelog(board("/tmp/amsim/play2.log"));
     const std::vector<long long> positions = {0, 4800, 9600, 12000};

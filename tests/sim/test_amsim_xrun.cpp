@@ -14,7 +14,8 @@ long transfer_until_error(snd_pcm_t* pcm, size_t frame_bytes, double timeout_s) 
   const bool playback = snd_pcm_stream(pcm) == SND_PCM_STREAM_PLAYBACK;
   const int64_t end = now_ns() + static_cast<int64_t>(timeout_s * 1e9);
   while (now_ns() < end) {
-    const long n = playback ? snd_pcm_writei(pcm, buf.data(), 240) : snd_pcm_readi(pcm, buf.data(), 240);
+    const long n =
+        playback ? snd_pcm_writei(pcm, buf.data(), 240) : snd_pcm_readi(pcm, buf.data(), 240);
     if (n < 0) return n;
   }
   return 0;

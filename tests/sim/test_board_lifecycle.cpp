@@ -171,7 +171,9 @@ TEST(BoardRoot, ModelChoicesAndRefusals) {
   EXPECT_NE(bench.run("create " + root).status, 0);
   EXPECT_EQ(bench.run("create " + root + " --force --model TR-A").status, 0);
   EXPECT_TRUE(contains(am_test::read_file(root + "/misc/boardInfo.json"), "\"TR-A\""));
-  for (const char* args : {"create", "frobnicate", ""}) EXPECT_NE(bench.run(args).status, 0) << args;
+  for (const char* args : {"create", "frobnicate", ""}) {
+    EXPECT_NE(bench.run(args).status, 0) << args;
+  }
 }
 
 // ---- namespaces, links and daemons ----------------------------------------------------------
@@ -227,7 +229,8 @@ TEST_F(BoardBench, StartPassesTheBoardEnvironmentAndStopEscalates) {
   ASSERT_TRUE(am_test::make_dirs(fake));
   ASSERT_TRUE(am_test::write_file(fake + "/audio_manager",
                                   "#!/bin/sh\ntrap '' TERM\n"
-                                  "echo \"root=$AUDIO_MANAGER_ROOT home=$HOME alsa=$ALSA_CONFIG_PATH\"\n"
+                                  "echo \"root=$AUDIO_MANAGER_ROOT home=$HOME "
+                                  "alsa=$ALSA_CONFIG_PATH\"\n"
                                   "while :; do sleep 1; done\n"));
   chmod((fake + "/audio_manager").c_str(), 0755);
   bench.use_bin(fake);
