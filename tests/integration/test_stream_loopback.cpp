@@ -89,11 +89,12 @@ void count_underruns(int, const char* message, void*) {
 
 // Runs one engine for `ms` milliseconds, then stops it. The capture run's result (offset by 100
 // when negative), or the number of underruns the playback run recovered from.
-int run_engine_for(bool capture, int ms) {
+int run_engine_for(bool capture, int ms, int receiver_rate_code = 2) {
   am_log_set_observer(count_underruns, nullptr);
   audio_board_id_set(1);
   qb_audio_misc_init();
-  const qb_audio_info r = stereo_48k();
+  qb_audio_info r = stereo_48k();
+  if (!capture) r.SampleFrequency = static_cast<qb_s8_t>(receiver_rate_code);
   qb_audio_channel_state_set(capture ? QB_AUDIO_CHN_NSO1 : QB_AUDIO_CHN_NSI1, &r);
   static qb_audio_oper_ctrl_t ctrl;
   std::atomic<bool> stop{false};
@@ -102,9 +103,17 @@ int run_engine_for(bool capture, int ms) {
   std::thread engine([&] {
     result = capture ? qb_audio_oper_capture(&ctrl, "hw:1,0", kGroup) : qb_audio_oper_playback(&ctrl, "hw:1,0", kGroup);
   });
-  usleep(static_cast<useconds_t>(ms) * 1000);
+  for (int waited = 0; waited < ms && result.load() == 99; waited += 10) usleep(10000);
   qb_audio_oper_abort(&ctrl);
   engine.join();
+  if (!capture && receiver_rate_code != 2) {
+    // The run must have ended by itself on the new format, which the channel now holds.
+    qb_audio_info now;
+    qb_audio_channel_state_copy(QB_AUDIO_CHN_NSI1, &now);
+    stop = true;
+    genlock.join();
+    return now.SampleFrequency == 2 && ctrl.audio_info_head.Sample_Frequency == 2 ? 0 : 98;
+  }
   stop = true;
   genlock.join();
   if (!capture) {
@@ -172,6 +181,25 @@ TEST(StreamLoopback, ReceiverPlaysAContiguousBitExactCopyOfThePattern) {
   for (; f < frames; ++f) {
     ASSERT_EQ(0u, sample(f, 0) | sample(f, 1)) << "only silence after the stream, frame " << f;
   }
+}
+
+TEST(StreamLoopback, NewFormatIsAdoptedAndEndsTheRun) {
+  if (!am_test::have_netns()) GTEST_SKIP() << "needs root and network namespaces";
+  if (!have_card()) GTEST_SKIP() << "the virtual sound card is not built";
+  am_test::TempRoot root({"dev", "tmp", "home", "misc"});
+  ASSERT_TRUE(root.ok());
+  am_test::NetNs tx;
+  am_test::NetNs rx;
+  ASSERT_TRUE(tx.ok() && rx.ok());
+  ASSERT_TRUE(link_namespaces(tx, rx));
+  use_card(root);
+  // The receiver expects 96 kHz; the sender sends 48 kHz.
+  std::atomic<int> adopted{-1};
+  std::thread receiver([&] { adopted = rx.run([] { return run_engine_for(false, 8000, 10); }, 20000); });
+  usleep(1500 * 1000);
+  tx.run([] { return run_engine_for(true, 2000); }, 20000);
+  receiver.join();
+  EXPECT_EQ(0, adopted.load()) << "the receiver's run ended on the new header and the channel holds it";
 }
 
 }  // namespace
