@@ -5,7 +5,9 @@
 #include <cstring>
 #include <string>
 
-#include "qb_audio_oper_codes.h"
+#include "qb_audio_oper.h"
+#include "qb_audio_oper_format.h"
+#include "qb_audio_oper_packet.h"
 #include "test_misc_helpers.h"
 
 namespace {
