@@ -29,6 +29,9 @@ struct CorpusCase {
   std::vector<ExpectedAudio> audio;
 };
 
+// Test names carry the file; the parameter itself prints as the file too (short test listings).
+void PrintTo(const CorpusCase& c, std::ostream* os) { *os << c.file; }
+
 // File, size in bytes, whether init accepts it, and its audio list in EDID order.
 const std::vector<CorpusCase>& corpus() {
   static const std::vector<CorpusCase> kCorpus = {

@@ -27,6 +27,9 @@ struct DatagramCase {
   std::vector<uint8_t> payload;
 };
 
+// The parameter prints as its name (short test listings).
+void PrintTo(const DatagramCase& c, std::ostream* os) { *os << c.name; }
+
 // A 20-byte format record: on, code, channels, size, io_in_use 2, three carried zeros, type,
 // S/PDIF flag, then InfoFrame bytes and channel-status bytes.
 std::vector<uint8_t> channel_info(uint32_t ch, uint8_t on, uint8_t code, uint8_t channels,
