@@ -186,6 +186,11 @@ int set_sw_params(qb_audio_oper_ctrl_t* ctrl, snd_pcm_uframes_t buffer_size, snd
     return -1;
   }
   ctrl->stop_delay = static_cast<int>(stop_threshold);
+  // Trigger time stamps on the monotonic clock when the device offers them (the kernel driver and
+  // user-space cards alike); the hardware flag alone misses cards that only honour this request.
+  if (snd_pcm_sw_params_set_tstamp_type(ctrl->handle, swparams, SND_PCM_TSTAMP_TYPE_MONOTONIC) == 0) {
+    ctrl->monotonic = 1;
+  }
   AM_LOG_INFO("hw buffer size:%lu, start threshold:%lu, stop threshold:%lu", buffer_size, start_threshold,
               stop_threshold);
   err = snd_pcm_sw_params(ctrl->handle, swparams);

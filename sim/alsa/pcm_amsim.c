@@ -447,8 +447,11 @@ static snd_pcm_sframes_t amsim_pointer(snd_pcm_ioplug_t *io)
     if (amsim_is_moving(io->state)) {
         amsim_housekeeping(a, now);
         err = amsim_advance(a, now);
+        /* A card stamps its trigger time when it stops on an xrun; the plugin layer does that
+         * only when the stream is dropped, so drop it here (the stop callback writes the time log
+         * line): the layer then records the xrun state over it when this callback returns. */
         if (err < 0)
-            amsim_timelog_line(a, a->counter, now);
+            snd_pcm_drop(io->pcm);
     }
     amsim_arm(a, now, err < 0);
     if (err < 0)
