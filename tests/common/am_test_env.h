@@ -49,7 +49,8 @@ bool write_file(const std::string& path, const std::string& content);
 // Polls cond every poll_ms until it holds (true) or timeout_ms passes (false).
 bool wait_for(const std::function<bool()>& cond, int timeout_ms, int poll_ms = 20);
 
-// True when running as root and a network namespace can be created (checked once).
+// True when running as root, a network namespace can be created and AM_TEST_NO_NETNS is unset
+// (checked once).
 bool have_netns();
 
 // A network namespace with a unique name (pid + counter) and its loopback up; deleted on
