@@ -236,9 +236,9 @@ int output_latency_ctrl_set(const void* buf, int len) {
 
 int output_src_select_set(const void* buf, int len) {
   qb_audio_output_src_select_t req;
-  // A request shorter than its 8-byte record is refused; a longer one is read for its first 8.
+  // A request shorter than its 8-byte record is refused silently; a longer one is read for its
+  // first 8.
   if (!qb_payload_read_prefix(buf, len, &req)) {
-    AM_LOG_ERROR("output src set invalid buflen %d", len);
     return 0;
   }
   const int sid_analog = qb_misc_audio_sid_analog_get();
