@@ -262,6 +262,23 @@ int qb_audio_channel_state_reset(int ch) {
   return 0;
 }
 
+int qb_audio_channel_state_byte_set(int ch, qb_audio_info_byte_e field, qb_s8_t value) {
+  qb_audio_info* slot = slot_of(ch);
+  if (slot == nullptr) {
+    return 0;
+  }
+  std::lock_guard<std::mutex> lock(g_channel_lock);
+  switch (field) {
+    case QB_AUDIO_INFO_AUDIO_ON:
+      slot->Audio_On = value;
+      return 1;
+    case QB_AUDIO_INFO_AUD_DB0:
+      slot->AUD_DB[0] = value;
+      return 1;
+  }
+  return 0;
+}
+
 int qb_misc_audio_status_valid_set(int ch, int value) {
   qb_s32_t* status = status_of(ch);
   if (status != nullptr) {

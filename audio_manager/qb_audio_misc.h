@@ -235,6 +235,11 @@ int qb_audio_channel_state_set(int ch, const qb_audio_info* info);
 int qb_audio_channel_state_copy(int ch, qb_audio_info* out);
 // Zeroes the channel-status bytes of a channel. 0, or -1 for an invalid id.
 int qb_audio_channel_state_reset(int ch);
+// Single bytes of a channel record that are rewritten on their own.
+enum qb_audio_info_byte_e { QB_AUDIO_INFO_AUDIO_ON, QB_AUDIO_INFO_AUD_DB0 };
+// Rewrites one byte of a channel record in place, under the table's lock, without logging the
+// record or touching its status flag. 1, or 0 for an invalid id or field.
+int qb_audio_channel_state_byte_set(int ch, qb_audio_info_byte_e field, qb_s8_t value);
 
 int qb_misc_audio_status_valid_set(int ch, int value);
 int qb_misc_audio_status_valid_get(int ch);

@@ -14,7 +14,6 @@
 #include "qb_audio_aplay.h"
 #include "qb_audio_misc.h"
 #include "qb_audio_misc_bridge.h"
-#include "qb_audio_misc_private.h"  // record updates without log or valid flag
 #include "qb_audio_misc_stream.h"
 #include "qb_audio_oper_packet.h"
 #include "qb_audio_oper_report.h"
@@ -146,13 +145,10 @@ void spread_dsp_code(const qb_audio_info& dsp) {
       u8(video.Audio_Type) == QB_AUDIO_TYPE_LPCM) {
     return;
   }
-  video.AUD_DB[0] = dsp.AUD_DB[0];
-  qb_audio_channel_state_store(QB_AUDIO_CHN_VIDEO, &video);
+  qb_audio_channel_state_byte_set(QB_AUDIO_CHN_VIDEO, QB_AUDIO_INFO_AUD_DB0, dsp.AUD_DB[0]);
   for (const net_out_t& out : kNetOutputs) {
-    qb_audio_info rec{};
-    if (out.selection() == kSelHdmi && qb_audio_channel_state_copy(out.channel, &rec) == 1) {
-      rec.AUD_DB[0] = dsp.AUD_DB[0];
-      qb_audio_channel_state_store(out.channel, &rec);
+    if (out.selection() == kSelHdmi) {
+      qb_audio_channel_state_byte_set(out.channel, QB_AUDIO_INFO_AUD_DB0, dsp.AUD_DB[0]);
     }
   }
 }
@@ -165,8 +161,7 @@ void merge_dsp_into_video(qb_audio_info* video) {
     return;
   }
   if (video->Audio_On == 0) {
-    dsp.Audio_On = 0;
-    qb_audio_channel_state_store(QB_AUDIO_CHN_DSP, &dsp);
+    qb_audio_channel_state_byte_set(QB_AUDIO_CHN_DSP, QB_AUDIO_INFO_AUDIO_ON, 0);
   }
   if (u8(video->Audio_Type) != QB_AUDIO_TYPE_LPCM) {
     video->AUD_DB[0] = dsp.AUD_DB[0];

@@ -7,9 +7,7 @@
 #include <string>
 
 #include "../edid/edid_test_util.h"
-#include "qb_audio_aplay.h"
 #include "qb_audio_misc_fpga.h"
-#include "qb_audio_misc_private.h"
 #include "qb_audio_oper_switch.h"
 #include "qb_audio_stream.h"
 #include "test_control_helpers.h"
@@ -19,19 +17,10 @@ namespace {
 
 class BridgeTest : public ControlTest {
  protected:
-  void SetUp() override {
-    ControlTest::SetUp();
-    if (IsSkipped()) return;
-    clear_aborts();
-  }
   void TearDown() override {
     qb_bridge_edid_wait_ms_set(-1);
     ControlTest::TearDown();
   }
-  static void clear_aborts() {
-    for (auto& c : qb_audio_aplay_ctrl_get()->pctrl) c.in_aborting = 0;
-  }
-  static bool aborted(int ch) { return qb_audio_aplay_ctrl_get()->pctrl[ch - 6].in_aborting != 0; }
   // The monitor's EDID with one audio data block.
   void write_edid(const edid_test::Bytes& audio_block) {
     const edid_test::Bytes edid = edid_test::edid_with(edid_test::cea_block(audio_block));
@@ -49,28 +38,32 @@ class BridgeTest : public ControlTest {
   const Bytes kMdinSwitch = tlv_message(6, 0x80009, text_bytes("switch audio"));
 };
 
-TEST_F(BridgeTest, ChannelStatusGoesToTheOutputBridgeOnlyWithSixBytes) {
+TEST_F(BridgeTest, PeerMessagesHaveTheirExactBytes) {
   qb_u8_t chs[6] = {0x04, 0x00, 0x02, 0x02, 0x0B, 0x13};
   EXPECT_EQ(it6621_channel_state_set(chs, 6), 1);
   EXPECT_EQ(next(kIt6621Port), tlv_message(8, 0x10002, Bytes(chs, chs + 6)));
   EXPECT_EQ(log.count("it6621_channel_state_set, channel status [04,00,02,02,0b,13]"), 1);
   EXPECT_EQ(it6621_channel_state_set(chs, 5), 0);
-  EXPECT_EQ(it6621_channel_state_set(chs, 7), 0);
   EXPECT_EQ(it6621_channel_state_set(nullptr, 6), 0);
   EXPECT_TRUE(quiet(kIt6621Port));
-}
-
-TEST_F(BridgeTest, ScalerAndVideoProcessorMessagesHaveTheirExactBytes) {
   EXPECT_EQ(send_audio_switch_to_mdin(), 1);
   const Bytes mdin = next(kMdinPort);
   EXPECT_EQ(mdin, kMdinSwitch);
   EXPECT_EQ(mdin.size(), 28u);  // no terminator
+  // The HDMI output format without a record: the scaler hears, the video processor does not.
+  EXPECT_EQ(set_avp_hdmi_out_audio_param(nullptr), -1);
+  EXPECT_EQ(next(kMdinPort), kMdinSwitch);
+  EXPECT_TRUE(quiet(kAvpPort));
+  // Once the source message was sent, every format message repeats it first.
   EXPECT_EQ(set_avp_hdmi_out_audio_src_multi_local(), 1);
-  EXPECT_EQ(next(kAvpPort),
-            tlv_message(3, 526338, text_bytes("{\"hdmi_out_audio_src\":\"multi-channel-local\"}")));
-  EXPECT_EQ(set_avp_hdmi_out_audio_src_param(44100, 2, 0, "LPCM"), 1);
-  EXPECT_EQ(next(kAvpPort), tlv_message(3, 0x80802, text_bytes(avp_format(44100, 2, 0, "LPCM"))));
-  EXPECT_EQ(log.count("send to avp:" + avp_format(44100, 2, 0, "LPCM")), 1);
+  const Bytes source =
+      tlv_message(3, 526338, text_bytes("{\"hdmi_out_audio_src\":\"multi-channel-local\"}"));
+  EXPECT_EQ(next(kAvpPort), source);
+  qb_audio_info_t rec{6, make_record(2, 2, 0x80)};
+  EXPECT_EQ(set_avp_hdmi_out_audio_param(&rec), 1);
+  EXPECT_EQ(next(kAvpPort), source);
+  EXPECT_EQ(next(kAvpPort), tlv_message(3, 0x80802, text_bytes(avp_format(48000, 2, 0, "LPCM"))));
+  EXPECT_EQ(log.count("send to avp:" + avp_format(48000, 2, 0, "LPCM")), 1);
 }
 
 TEST_F(BridgeTest, HdmiOutputFormatFromTheRecord) {
@@ -108,18 +101,6 @@ TEST_F(BridgeTest, HdmiOutputFormatFromTheRecord) {
   }
 }
 
-TEST_F(BridgeTest, HdmiOutputFormatRepeatsTheSourceMessageOnceSent) {
-  EXPECT_EQ(set_avp_hdmi_out_audio_param(nullptr), -1);
-  EXPECT_EQ(next(kMdinPort), kMdinSwitch);
-  EXPECT_TRUE(quiet(kAvpPort));
-  set_avp_hdmi_out_audio_src_multi_local();
-  drain();
-  qb_audio_info_t rec{6, make_record(2, 2, 0x80)};
-  EXPECT_EQ(set_avp_hdmi_out_audio_param(&rec), 1);
-  EXPECT_EQ(next(kAvpPort), tlv_message(3, 0x80802, text_bytes(QB_AVP_HDMI_OUT_SRC_TEXT)));
-  EXPECT_EQ(next(kAvpPort), tlv_message(3, 0x80802, text_bytes(avp_format(48000, 2, 0, "LPCM"))));
-}
-
 TEST_F(BridgeTest, BridgeModeMovesTheEarcOutputBetweenSai1AndSai3) {
   struct Case {
     const char* name;
@@ -145,11 +126,11 @@ TEST_F(BridgeTest, BridgeModeMovesTheEarcOutputBetweenSai1AndSai3) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     qb_audio_misc_init();
+    set_it6621_status(c.previous);  // no fallback yet: only stored
     clear_aborts();
     // eARC output plays stream 0; its fallback as given.
     qb_audio_stream_input_select(QB_AUDIO_OUTPUT_EARC, 0, c.fallback);
     qb_msic_net_stream_in_earc_set(c.nsi);
-    misc_word_set(qb_audio_misc_ctrl().it6621_mode, c.previous);
     qb_audio_info rec = make_record(2, 2, 0x80);
     rec.ChStat[1] = static_cast<qb_s8_t>(c.chstat1);
     rec.ChStat[2] = static_cast<qb_s8_t>(c.chstat2);
@@ -222,15 +203,6 @@ TEST_F(BridgeTest, MonitorDecisionSwitchesTheHdmiOutput) {
     EXPECT_EQ(get_output_hdmi_stream_actual_sid(), c.actual_sid);
     EXPECT_EQ(log.count_prefix("monitor edid audio support type["), c.fallback == -1 ? 0 : 3);
   }
-}
-
-TEST_F(BridgeTest, HdmiInputAudioOn) {
-  qb_audio_info rec = make_record(2, 2, 0x80);
-  qb_audio_channel_state_set(3, &rec);
-  EXPECT_EQ(audio_hdmi_audio_on(), 1);
-  rec.Audio_On = 0;
-  qb_audio_channel_state_set(3, &rec);
-  EXPECT_EQ(audio_hdmi_audio_on(), 0);
 }
 
 TEST_F(BridgeTest, StreamSwitchersRouteRecordAndRestart) {

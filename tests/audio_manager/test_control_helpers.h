@@ -24,6 +24,7 @@
 #include "am_i2c_fake.h"
 #include "am_log.h"
 #include "am_test_env.h"
+#include "qb_audio_aplay.h"
 #include "qb_audio_main.h"
 #include "qb_audio_misc.h"
 #include "qb_audio_misc_bridge.h"
@@ -129,6 +130,24 @@ inline Bytes words(std::initializer_list<uint32_t> values) {
   return out;
 }
 
+using Handler = int (*)(const void*, int);
+inline int call(Handler fn, const Bytes& payload) {
+  return fn(payload.data(), static_cast<int>(payload.size()));
+}
+
+// Playback engine stop flags of network input channels 6, 7, 8.
+inline void clear_aborts() {
+  for (auto& c : qb_audio_aplay_ctrl_get()->pctrl) c.in_aborting = 0;
+}
+inline bool aborted(int ch) { return qb_audio_aplay_ctrl_get()->pctrl[ch - 6].in_aborting != 0; }
+
+// A channel's stored record.
+inline qb_audio_info record(int ch) {
+  qb_audio_info r{};
+  qb_audio_channel_state_copy(ch, &r);
+  return r;
+}
+
 // The report text carried by a report datagram ("" when the datagram is not a report).
 inline std::string report_text(const Bytes& d) {
   if (d.size() < 17) return "";
@@ -164,10 +183,12 @@ class ControlTest : public ::testing::Test {
       ASSERT_TRUE(peers_[port]->ok()) << port;
     }
     bus.clear_records();
+    clear_aborts();
     log.clear();
   }
 
   void TearDown() override {
+    clear_aborts();
     peers_.clear();
     qb_report_socket_reset();
     if (entered_) PrivateNet::get().leave();
