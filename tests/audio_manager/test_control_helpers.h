@@ -99,34 +99,22 @@ class PrivateNet {
   int ns_fd_ = -1;
 };
 
-// A TLV message {outer: {key: value}} as the daemon sends it.
-inline Bytes tlv_message(int32_t outer, int32_t key, const Bytes& value) {
-  Bytes out(16 + value.size());
-  const int32_t outer_len = static_cast<int32_t>(8 + value.size());
-  const int32_t inner_len = static_cast<int32_t>(value.size());
-  std::memcpy(out.data(), &outer, 4);
-  std::memcpy(out.data() + 4, &outer_len, 4);
-  std::memcpy(out.data() + 8, &key, 4);
-  std::memcpy(out.data() + 12, &inner_len, 4);
-  if (!value.empty()) std::memcpy(out.data() + 16, value.data(), value.size());
-  return out;
-}
-
-inline Bytes le32(uint32_t v) {
-  Bytes b(4);
-  std::memcpy(b.data(), &v, 4);
-  return b;
-}
-
-inline Bytes text_bytes(const std::string& s) { return Bytes(s.begin(), s.end()); }
-
 // Little-endian 32-bit words as a payload.
 inline Bytes words(std::initializer_list<uint32_t> values) {
   Bytes out;
   for (uint32_t v : values) {
-    const Bytes w = le32(v);
-    out.insert(out.end(), w.begin(), w.end());
+    const uint8_t* p = reinterpret_cast<const uint8_t*>(&v);
+    out.insert(out.end(), p, p + 4);
   }
+  return out;
+}
+inline Bytes le32(uint32_t v) { return words({v}); }
+inline Bytes text_bytes(const std::string& s) { return Bytes(s.begin(), s.end()); }
+// A TLV message {outer: {key: value}} as the daemon sends it.
+inline Bytes tlv_message(int32_t outer, int32_t key, const Bytes& value) {
+  Bytes out = words({static_cast<uint32_t>(outer), static_cast<uint32_t>(8 + value.size()),
+                     static_cast<uint32_t>(key), static_cast<uint32_t>(value.size())});
+  out.insert(out.end(), value.begin(), value.end());
   return out;
 }
 
@@ -205,14 +193,6 @@ class ControlTest : public ::testing::Test {
   bool quiet(int port) {
     Bytes out;
     return !peers_[port]->receive(&out, kQuietMs);
-  }
-  // Empties every peer's queue.
-  void drain() {
-    for (auto& p : peers_) {
-      Bytes out;
-      while (p.second->receive(&out, 20)) {
-      }
-    }
   }
   // The next report text.
   std::string next_report() { return report_text(next(kReportPort)); }

@@ -174,7 +174,9 @@ TEST_F(StreamControlTest, ChannelNotesStoreCountAndReport) {
   }
 }
 
-TEST_F(StreamControlTest, VideoNoteRestartsTheOutputsThatCaptureIt) {
+TEST_F(StreamControlTest, VideoAndDspNotesRestartOutputsAndShareTheDecoderCode) {
+  // A video change restarts the network outputs that capture the HDMI input, directly (first
+  // stream) or through the DSP downmix (second stream).
   qb_net_first_stream_select_set(QB_AUDIO_SRC_HDMI);
   qb_net_second_stream_select_set(QB_AUDIO_SRC_HDMI_DOWNMIX);
   qb_net_third_stream_select_set(QB_AUDIO_SRC_ANALOG);
@@ -184,9 +186,7 @@ TEST_F(StreamControlTest, VideoNoteRestartsTheOutputsThatCaptureIt) {
   EXPECT_EQ(log.count("audio_channel_info_note,capture3 restart:6"), 1);
   EXPECT_EQ(log.count_prefix("audio_channel_info_note,capture2"), 0);
   EXPECT_EQ(record(QB_AUDIO_CHN_NSO1).SampleFrequency, 14);
-}
 
-TEST_F(StreamControlTest, DecoderCodeMovesBetweenTheDspAndTheVideoRecords) {
   // A non-LPCM HDMI input takes the DSP's decoder code; audio off switches the DSP record off.
   qb_audio_info dsp = make_record(2, 2, 0x80);
   dsp.AUD_DB[0] = 12;

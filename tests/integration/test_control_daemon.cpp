@@ -41,61 +41,47 @@ constexpr int kNotify = 3;
 constexpr int kExpectMs = 5000;
 constexpr int kQuietMs = 300;
 
-Bytes le32(uint32_t v) {
-  Bytes b(4);
-  std::memcpy(b.data(), &v, 4);
-  return b;
-}
-
-Bytes words(std::initializer_list<uint32_t> values) {
-  Bytes out;
-  for (uint32_t v : values) {
-    const Bytes w = le32(v);
-    out.insert(out.end(), w.begin(), w.end());
-  }
-  return out;
-}
-
-Bytes text(const std::string& s) { return Bytes(s.begin(), s.end()); }
-
 Bytes cat(Bytes a, const Bytes& b) {
   a.insert(a.end(), b.begin(), b.end());
   return a;
 }
-
+Bytes words(std::initializer_list<uint32_t> values) {
+  Bytes out;
+  for (uint32_t v : values) {
+    const uint8_t* p = reinterpret_cast<const uint8_t*>(&v);
+    out.insert(out.end(), p, p + 4);
+  }
+  return out;
+}
+Bytes le32(uint32_t v) { return words({v}); }
+Bytes text(const std::string& s) { return Bytes(s.begin(), s.end()); }
 // A 16-byte MAC field.
 Bytes mac_field(const std::string& mac) {
-  Bytes b(16, 0);
-  std::memcpy(b.data(), mac.data(), mac.size());
+  Bytes b = text(mac);
+  b.resize(16, 0);
   return b;
 }
-
 // {outer: {key: value}} as the daemon's peers receive it.
 Bytes tlv_message(int32_t outer, int32_t key, const Bytes& value) {
-  Bytes out = cat(le32(static_cast<uint32_t>(outer)),
-                  le32(static_cast<uint32_t>(8 + value.size())));
-  out = cat(out, le32(static_cast<uint32_t>(key)));
-  out = cat(out, le32(static_cast<uint32_t>(value.size())));
-  return cat(out, value);
+  return cat(words({static_cast<uint32_t>(outer), static_cast<uint32_t>(8 + value.size()),
+                    static_cast<uint32_t>(key), static_cast<uint32_t>(value.size())}),
+             value);
 }
-
-// A channel information payload: channel id and a 20-byte format record.
+// A channel information payload: channel id and a 20-byte format record (audio on, 24 bits).
 Bytes channel_note(int32_t ch, int sf, int validch, int type) {
   Bytes rec(20, 0);
-  rec[0] = 1;  // Audio_On
+  rec[0] = 1;
   rec[1] = static_cast<uint8_t>(sf);
   rec[2] = static_cast<uint8_t>(validch);
-  rec[3] = 24;  // SampleSize
-  rec[4] = 2;   // io_in_use
+  rec[3] = 24;
+  rec[4] = 2;
   rec[8] = static_cast<uint8_t>(type);
   return cat(le32(static_cast<uint32_t>(ch)), rec);
 }
-
-std::string entry(const std::string& port, int channels, const std::string& encoding,
-                  const std::string& format, int hz) {
-  return "{\"channels\":" + std::to_string(channels) + ",\"encodingType\":\"" + encoding +
-         "\",\"format\":\"" + format + "\",\"port\":\"" + port + "\",\"sampleFrequency\":" +
-         std::to_string(hz) + ",\"sampleSize\":24,\"state\":\"on\"}";
+std::string entry(const std::string& port, int channels, int hz) {
+  return "{\"channels\":" + std::to_string(channels) +
+         ",\"encodingType\":\"LPCM\",\"format\":\"LPCM\",\"port\":\"" + port +
+         "\",\"sampleFrequency\":" + std::to_string(hz) + ",\"sampleSize\":24,\"state\":\"on\"}";
 }
 
 class ControlDaemonTest : public ::testing::Test {
@@ -220,12 +206,6 @@ class ControlDaemonTest : public ::testing::Test {
     const size_t at = static_cast<size_t>(kFpga * 256 + reg);
     return at < bus.size() ? static_cast<uint8_t>(bus[at]) : 0;
   }
-  int bus_log_count(const std::string& line) const {
-    std::istringstream in(am_test::read_file(root_->at("/dev/i2c-2.log")));
-    int n = 0;
-    for (std::string l; std::getline(in, l);) n += (l == line) ? 1 : 0;
-    return n;
-  }
   std::vector<std::string> codec_calls() const {
     std::istringstream in(am_test::read_file(root_->at("/customer/bin/audio_codec.args")));
     std::vector<std::string> out;
@@ -257,12 +237,9 @@ TEST_F(ControlDaemonTest, EveryCommandWithItsRecord) {
   // Analog input level, delay and source selection land in the FPGA.
   send_and_settle(14, kSet, le32(1));
   EXPECT_EQ(fpga(0x50), 1);
-  EXPECT_EQ(bus_log_count("W 48 50 01"), 1);
   send_and_settle(3, kSet, words({1, 0x1234}));
   EXPECT_EQ(fpga(0x24), 0x34);
   EXPECT_EQ(fpga(0x25), 0x12);
-  EXPECT_EQ(bus_log_count("W 48 24 34"), 1);
-  EXPECT_EQ(bus_log_count("W 48 25 12"), 1);
   EXPECT_EQ(log_count("set fpga hdmi channel add:48 reg:25 val:12"), 1);
   send_and_settle(4, kSet, words({0, 0}));
   EXPECT_EQ(fpga(0x11), 2);
@@ -315,7 +292,7 @@ TEST_F(ControlDaemonTest, ChannelNotificationAndDetailsReports) {
   // The HDMI input turns 8-channel LPCM at 96 kHz: reported alone, the change counted.
   send(8, kNotify, channel_note(3, 10, 8, 0x80));
   EXPECT_EQ(next_report(),
-            "{\"status\":{\"input\":[" + entry("hdmi", 8, "LPCM", "LPCM", 96000) + "]}}\n");
+            "{\"status\":{\"input\":[" + entry("hdmi", 8, 96000) + "]}}\n");
   EXPECT_TRUE(wait_log("audio_channel_info_note, channel[video] info update ok, ch[3]"));
   // The same record again: nothing to report.
   send_and_settle(8, kNotify, channel_note(3, 10, 8, 0x80));
@@ -324,9 +301,9 @@ TEST_F(ControlDaemonTest, ChannelNotificationAndDetailsReports) {
   // A full request: four inputs, then four outputs that play stream 0.
   send(17, kGet, le32(0xFFFF));
   const std::string details = next_report();
-  const std::string stereo48 = entry("analog", 2, "LPCM", "LPCM", 48000);
+  const std::string stereo48 = entry("analog", 2, 48000);
   EXPECT_EQ(details.find("{\"status\":{\"input\":[" + stereo48 + ","), 0u) << details;
-  EXPECT_NE(details.find(entry("hdmi", 8, "LPCM", "LPCM", 96000)), std::string::npos) << details;
+  EXPECT_NE(details.find(entry("hdmi", 8, 96000)), std::string::npos) << details;
   size_t at = details.find("\"output\":[");
   ASSERT_NE(at, std::string::npos) << details;
   for (const char* port : {"\"analog\"", "\"earc\"", "\"hdmi\"", "\"spdif\""}) {
