@@ -351,6 +351,7 @@ int stream_output_tonet_set(const void* buf, int len) {
 }
 
 int cec_phyaddr_set(const void* buf, int len) {
+  // The logged address takes as many of its four bytes as the payload holds, the rest zero.
   const qb_u32_t addr = static_cast<qb_u32_t>(read_first_s32(buf, len));
   AM_LOG_INFO("%s, cec payaddr[%08x], buflen[%d]", __func__, addr, len);
   if (buf == nullptr || len != static_cast<int>(sizeof(addr))) {
@@ -378,7 +379,7 @@ int monitor_status_set(const void* buf, int len) {
     AM_LOG_ERROR("invalid param buflen %d", len);
     return 0;
   }
-  set_hdmi_monitor_status(read_first_s32(buf, len));
+  set_hdmi_monitor_status(read_first_s32(buf, len));  // a short state is read as far as it goes
   return 0;
 }
 
