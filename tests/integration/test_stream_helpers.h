@@ -144,6 +144,17 @@ class Bench {
     const std::string text = am_test::read_file(work_ + "/" + name + "/run/audio_manager.pid");
     return text.empty() ? -1 : std::atoi(text.c_str());
   }
+  // Every thread of both boards' daemons at real-time priority, so that a loaded host does not
+  // starve the 30 ms the receiver queues. False when the host does not allow it.
+  bool realtime() const {
+    bool ok = true;
+    for (const char* name : {"tx", "rx"}) {
+      const int pid = daemon_pid(name);
+      ok = ok && pid > 0 &&
+           std::system(("chrt -f -a -p 20 " + std::to_string(pid) + " >/dev/null 2>&1").c_str()) == 0;
+    }
+    return ok;
+  }
   // The daemon's exit status recorded by the board's watcher ("" while it runs).
   std::string daemon_status(const std::string& name) const {
     std::string text = am_test::read_file(work_ + "/" + name + "/run/audio_manager.status");
