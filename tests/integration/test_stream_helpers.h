@@ -1,11 +1,15 @@
 // Shared pieces of the stream tests: the virtual sound card's configuration and a log recorder.
 #pragma once
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -18,6 +22,28 @@
 #include "am_test_paths.h"
 
 namespace stream_test {
+
+// Answers every request on 127.0.0.1:11000, as the genlock service does.
+inline void fake_genlock(std::atomic<bool>* stop) {
+  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  struct sockaddr_in addr;
+  std::memset(&addr, 0, sizeof(addr));
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(11000);
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+  struct timeval tv = {0, 100000};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+  while (!stop->load()) {
+    char buf[64];
+    struct sockaddr_in from;
+    socklen_t len = sizeof(from);
+    const ssize_t n = recvfrom(fd, buf, sizeof(buf), 0, reinterpret_cast<sockaddr*>(&from), &len);
+    if (n > 0) sendto(fd, buf, static_cast<size_t>(n), 0, reinterpret_cast<sockaddr*>(&from), len);
+  }
+  close(fd);
+}
+
 
 inline std::string amsim_conf() { return std::string(am_test::kLibDir) + "/asound.conf"; }
 inline bool have_card() { return access(amsim_conf().c_str(), R_OK) == 0; }

@@ -21,6 +21,7 @@
 #include "qb_audio_main.h"
 #include "qb_audio_misc.h"
 #include "qb_audio_oper.h"
+#include "test_stream_helpers.h"
 
 namespace {
 
@@ -61,27 +62,6 @@ qb_audio_info stereo_48k() {
   return r;
 }
 
-// Answers every request on 127.0.0.1:11000, as the genlock service does.
-void fake_genlock(std::atomic<bool>* stop) {
-  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  struct sockaddr_in addr;
-  std::memset(&addr, 0, sizeof(addr));
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(11000);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-  struct timeval tv = {0, 100000};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-  while (!stop->load()) {
-    char buf[64];
-    struct sockaddr_in from;
-    socklen_t len = sizeof(from);
-    const ssize_t n = recvfrom(fd, buf, sizeof(buf), 0, reinterpret_cast<sockaddr*>(&from), &len);
-    if (n > 0) sendto(fd, buf, static_cast<size_t>(n), 0, reinterpret_cast<sockaddr*>(&from), len);
-  }
-  close(fd);
-}
-
 std::atomic<int> g_underruns{0};
 void count_underruns(int, const char* message, void*) {
   if (std::strncmp(message, "prepare ok after xrun, continue", 31) == 0) ++g_underruns;
@@ -98,7 +78,7 @@ int run_engine_for(bool capture, int ms, int receiver_rate_code = 2) {
   qb_audio_channel_state_set(capture ? QB_AUDIO_CHN_NSO1 : QB_AUDIO_CHN_NSI1, &r);
   static qb_audio_oper_ctrl_t ctrl;
   std::atomic<bool> stop{false};
-  std::thread genlock(fake_genlock, &stop);
+  std::thread genlock(stream_test::fake_genlock, &stop);
   std::atomic<int> result{99};
   std::thread engine([&] {
     result = capture ? qb_audio_oper_capture(&ctrl, "hw:1,0", kGroup) : qb_audio_oper_playback(&ctrl, "hw:1,0", kGroup);

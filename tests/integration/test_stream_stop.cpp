@@ -18,26 +18,6 @@
 
 namespace {
 
-void fake_genlock(std::atomic<bool>* stop) {
-  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  struct sockaddr_in addr;
-  std::memset(&addr, 0, sizeof(addr));
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(11000);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-  struct timeval tv = {0, 100000};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-  while (!stop->load()) {
-    char buf[64];
-    struct sockaddr_in from;
-    socklen_t len = sizeof(from);
-    const ssize_t n = recvfrom(fd, buf, sizeof(buf), 0, reinterpret_cast<sockaddr*>(&from), &len);
-    if (n > 0) sendto(fd, buf, static_cast<size_t>(n), 0, reinterpret_cast<sockaddr*>(&from), len);
-  }
-  close(fd);
-}
-
 // Inside the namespace: start the manager with one input and one output stream, wait until both
 // runs stream, stop. Exit status: 0 when the stop took under 2 s, 1 when runs never started, 2
 // when the stop was slow.
@@ -58,7 +38,7 @@ int start_stream_stop() {
   qb_misc_net_stream_in1_ipaddr_set("239.77.0.5");
   qb_misc_net_stream_out1_ipaddr_set("239.77.0.6", "dev1");
   std::atomic<bool> stop{false};
-  std::thread genlock(fake_genlock, &stop);
+  std::thread genlock(stream_test::fake_genlock, &stop);
   qb_audio_aplay_init();
   const bool streaming = am_test::wait_for(
       [&] { return log.count_prefix("playback_new,") > 0 && log.count_prefix("tx net init ok") > 0; }, 10000);
