@@ -6,7 +6,7 @@ ASAN_BUILD ?= build-asan
 CROSS_BUILD ?= build-aarch64
 CMAKE_FLAGS ?= -DAM_WERROR=ON
 
-.PHONY: all setup build test test-host test-asan test-cross cross asan demo bench clean
+.PHONY: all setup build test test-host test-asan test-cross cross asan demo bench coverage mutants clean
 
 all: build
 
@@ -57,5 +57,13 @@ demo: setup build
 bench: build
 	bash scripts/bench
 
+# Measuring the tests (not part of `make test`): coverage of every test run, and how many seeded
+# small faults the unit tests catch.
+coverage:
+	JOBS=$(JOBS) bash scripts/coverage
+
+mutants:
+	python3 scripts/mutants
+
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(CROSS_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(CROSS_BUILD) build-coverage build-mutants
