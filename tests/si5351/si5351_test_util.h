@@ -1,11 +1,14 @@
-// Test helpers for the clock synthesiser tests: the chip's multisynth encoding computed from first
-// principles, the register bytes it implies, and log capture.
+// Clock synthesiser test helpers: the multisynth encoding from first principles, the channel
+// registers on the fake bus, log capture and the genlock datagrams.
 #pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <mutex>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -17,119 +20,56 @@ namespace si5351_test {
 
 constexpr const char* kBus = "/dev/i2c-1";
 constexpr uint16_t kAddr = 0x60;
+using Regs = std::array<uint8_t, 8>;
+using Bytes = std::vector<uint8_t>;
 
-struct MsParams {
-  uint32_t p1;
-  uint32_t p2;
-  uint32_t p3;
-  bool operator==(const MsParams& o) const { return p1 == o.p1 && p2 == o.p2 && p3 == o.p3; }
-};
-
-inline std::ostream& operator<<(std::ostream& os, const MsParams& p) {
-  return os << "{P1 " << p.p1 << ", P2 " << p.p2 << ", P3 " << p.p3 << "}";
-}
-
-inline uint64_t gcd64(uint64_t a, uint64_t b) {
-  while (b != 0) {
-    const uint64_t t = a % b;
-    a = b;
-    b = t;
+// 900 MHz / f = a + b/c in lowest terms; P1 = 128a + floor(128b/c) - 512, P2 = 128b - c floor(128b/c),
+// P3 = c; laid out over the eight multisynth registers with the R divider code.
+inline Regs encode(uint64_t f, uint32_t div) {
+  const uint64_t a = 900000000ULL / f;
+  uint64_t b = 900000000ULL % f, c = f, g = b, h = c;
+  while (h != 0) {
+    const uint64_t t = g % h;
+    g = h;
+    h = t;
   }
-  return a;
+  b = b == 0 ? 0 : b / g;
+  c = b == 0 ? 1 : c / g;
+  const uint64_t fl = 128 * b / c;
+  const uint64_t p1 = 128 * a + fl - 512, p2 = 128 * b - c * fl, p3 = c;
+  return {uint8_t(p3 >> 8), uint8_t(p3), uint8_t((div & 7) << 4 | ((p1 >> 16) & 3)), uint8_t(p1 >> 8),
+          uint8_t(p1), uint8_t(((p3 >> 16) & 0xF) << 4 | ((p2 >> 16) & 0xF)), uint8_t(p2 >> 8), uint8_t(p2)};
 }
 
-// 900,000,000 / f = a + b/c in lowest terms; P1 = 128a + floor(128b/c) - 512,
-// P2 = 128b - c floor(128b/c), P3 = c.
-inline MsParams encode(uint64_t f) {
-  const uint64_t pll = 900000000ULL;
-  const uint64_t a = pll / f;
-  uint64_t b = pll % f;
-  uint64_t c = f;
-  if (b == 0) {
-    c = 1;
-  } else {
-    const uint64_t g = gcd64(b, c);
-    b /= g;
-    c /= g;
-  }
-  const uint64_t fl = (128 * b) / c;
-  return MsParams{static_cast<uint32_t>(128 * a + fl - 512), static_cast<uint32_t>(128 * b - c * fl),
-                  static_cast<uint32_t>(c)};
-}
-
-// The eight multisynth registers for (R divider code, P1, P2, P3), as the chip's register map
-// lays them out.
-inline std::array<uint8_t, 8> ms_bytes(uint32_t div, const MsParams& p) {
-  return {static_cast<uint8_t>(p.p3 >> 8),
-          static_cast<uint8_t>(p.p3),
-          static_cast<uint8_t>((div & 7) << 4 | ((p.p1 >> 16) & 3)),
-          static_cast<uint8_t>(p.p1 >> 8),
-          static_cast<uint8_t>(p.p1),
-          static_cast<uint8_t>(((p.p3 >> 16) & 0xF) << 4 | ((p.p2 >> 16) & 0xF)),
-          static_cast<uint8_t>(p.p2 >> 8),
-          static_cast<uint8_t>(p.p2)};
-}
-
-inline int first_reg(int ch) {
-  return ch == 1 ? 42 : ch == 2 ? 50 : 58;
-}
-
-inline std::array<uint8_t, 8> regs_of(const am_test::I2cFake& bus, int ch) {
-  std::array<uint8_t, 8> out{};
-  for (int i = 0; i < 8; ++i) {
-    out[i] = bus.reg(kBus, kAddr, static_cast<uint16_t>(first_reg(ch) + i));
-  }
+inline Regs regs_of(const am_test::I2cFake& bus, int ch) {
+  Regs out{};
+  for (int i = 0; i < 8; ++i) out[i] = bus.reg(kBus, kAddr, static_cast<uint16_t>(34 + 8 * ch + i));
   return out;
 }
 
-// Frequency plan of one rate: R divider value and code, nominal multisynth frequency.
-struct RatePlan {
-  int rate;
-  uint32_t r;
-  uint32_t div;
-  uint64_t nominal;
-};
-
-inline const std::vector<RatePlan>& rate_plans() {
-  static const std::vector<RatePlan> plans = {
-      {44100, 4, 2, 22579000}, {48000, 4, 2, 24576000},  {88200, 2, 1, 22579000},
-      {96000, 2, 1, 24576000}, {176400, 1, 0, 22579000}, {192000, 1, 0, 24576000},
-  };
-  return plans;
-}
-
-// Collects every log line while alive.
+// Collects every log line while alive (the service may log from another thread).
 class LogCapture {
  public:
   LogCapture() { am_log_set_observer(&LogCapture::observe, this); }
   ~LogCapture() { am_log_set_observer(nullptr, nullptr); }
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-
-  std::vector<std::string> lines() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
-  }
-  // Number of lines that contain text.
   int count(const std::string& text) const {
+    std::lock_guard<std::mutex> lock(mutex_);
     int n = 0;
-    for (const std::string& line : lines()) {
-      n += line.find(text) != std::string::npos ? 1 : 0;
-    }
+    for (const std::string& line : lines_) n += line.find(text) != std::string::npos ? 1 : 0;
     return n;
   }
 
  private:
-  static void observe(int /*level*/, const char* message, void* ctx) {
+  static void observe(int, const char* message, void* ctx) {
     auto* self = static_cast<LogCapture*>(ctx);
     std::lock_guard<std::mutex> lock(self->mutex_);
     self->lines_.emplace_back(message);
   }
-  mutable std::mutex mutex_;  // guards lines_ (the service may log from another thread)
+  mutable std::mutex mutex_;
   std::vector<std::string> lines_;
 };
 
-// Puts channel ch back to (rate, value 0, state set-param) without caring about the chip.
+// Puts channel ch back to (rate, value 0, state set-param, no fifo figures).
 inline void reset_channel(int ch, int rate) {
   qb_si5351_set_param(ch, rate);
   set_chn_stat(ch, QB_SI5351_SET_PARAM);
@@ -140,6 +80,31 @@ inline SI5351_CONF_T conf(int ch) {
   SI5351_CONF_T c{};
   qb_si5351_conf_get(ch, &c);
   return c;
+}
+
+// A genlock request: command, channel, arg1 (and arg2 for a fifo report), little-endian words.
+inline Bytes request(uint32_t command, int32_t ch, int32_t arg1, const int32_t* arg2 = nullptr) {
+  Bytes out(arg2 != nullptr ? 16 : 12);
+  std::memcpy(out.data(), &command, 4);
+  std::memcpy(out.data() + 4, &ch, 4);
+  std::memcpy(out.data() + 8, &arg1, 4);
+  if (arg2 != nullptr) std::memcpy(out.data() + 12, arg2, 4);
+  return out;
+}
+
+inline sockaddr_in loopback(int port) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(static_cast<uint16_t>(port));
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return a;
+}
+
+inline int local_port(int fd) {
+  sockaddr_in addr{};
+  socklen_t len = sizeof addr;
+  getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+  return ntohs(addr.sin_port);
 }
 
 }  // namespace si5351_test
