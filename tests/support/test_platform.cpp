@@ -56,44 +56,32 @@ TEST(AmLog, LineEndingRelocationAndFallback) {
   EXPECT_NE(err.find("logging to standard error"), std::string::npos) << err;
 }
 
+void set_root(const char* root) {
+  root != nullptr ? setenv(AM_ROOT_ENV, root, 1) : unsetenv(AM_ROOT_ENV);
+  am_platform_reload();
+}
+
 // Board paths and the program of a shell command move under the root; arguments, relative paths
 // and programs outside the board stay; a result that does not fit is refused.
 TEST(AmPlatform, PathsAndCommandsUnderTheRoot) {
-  const struct {
-    const char* root;
-    const char* in;
-    const char* path;  // am_path
-    const char* cmd;   // am_resolve_command into 64 bytes
-  } cases[] = {
-      {nullptr, "/dev/i2c-2", "/dev/i2c-2", "/dev/i2c-2"},
-      {nullptr, "/customer/bin/audio_codec --start", nullptr, "/customer/bin/audio_codec --start"},
-      {"/tmp/board/", "/dev/i2c-2", "/tmp/board/dev/i2c-2", nullptr},
-      {"/tmp/board/", "relative/file", "relative/file", nullptr},
-      {"/r", "  /customer/bin/audio_codec -v 3 /x", nullptr, "  /r/customer/bin/audio_codec -v 3 /x"},
-      {"/r", "echo /x", nullptr, "echo /x"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.root ? c.root : "no root") + " " + c.in);
-    c.root ? setenv(AM_ROOT_ENV, c.root, 1) : unsetenv(AM_ROOT_ENV);
-    am_platform_reload();
-    if (c.path != nullptr) {
-      EXPECT_EQ(am_path(c.in), c.path);
-    }
-    char cmd[64] = {};
-    if (c.cmd != nullptr) {
-      EXPECT_TRUE(am_resolve_command(c.in, cmd, sizeof cmd));
-      EXPECT_STREQ(cmd, c.cmd);
-    }
-  }
-  char buf[32];
-  EXPECT_FALSE(am_resolve_command("/customer/bin/audio_codec --start", buf, 10));
-  setenv(AM_ROOT_ENV, "/tmp/board/", 1);
-  am_platform_reload();
-  ASSERT_NE(am_path_buf("/tmp/request", buf, sizeof buf), nullptr);
-  EXPECT_STREQ(buf, "/tmp/board/tmp/request");
-  EXPECT_EQ(am_path_buf("/tmp/request", buf, 22), nullptr);  // one byte short for the NUL
-  unsetenv(AM_ROOT_ENV);
-  am_platform_reload();
+  char cmd[64];
+  set_root(nullptr);
+  EXPECT_EQ(am_path("/dev/i2c-2"), "/dev/i2c-2");
+  ASSERT_TRUE(am_resolve_command("/customer/bin/audio_codec --start", cmd, sizeof cmd));
+  EXPECT_STREQ(cmd, "/customer/bin/audio_codec --start");
+  EXPECT_FALSE(am_resolve_command("/customer/bin/audio_codec --start", cmd, 10));
+  set_root("/tmp/board/");
+  EXPECT_EQ(am_path("/dev/i2c-2"), "/tmp/board/dev/i2c-2");
+  EXPECT_EQ(am_path("relative/file"), "relative/file");
+  ASSERT_NE(am_path_buf("/tmp/request", cmd, 23), nullptr);
+  EXPECT_STREQ(cmd, "/tmp/board/tmp/request");
+  EXPECT_EQ(am_path_buf("/tmp/request", cmd, 22), nullptr);  // one byte short for the NUL
+  set_root("/r");
+  ASSERT_TRUE(am_resolve_command("  /customer/bin/audio_codec -v 3 /x", cmd, sizeof cmd));
+  EXPECT_STREQ(cmd, "  /r/customer/bin/audio_codec -v 3 /x");
+  ASSERT_TRUE(am_resolve_command("echo /x", cmd, sizeof cmd));
+  EXPECT_STREQ(cmd, "echo /x");
+  set_root(nullptr);
 }
 
 constexpr const char* kBus = "/dev/i2c-2";

@@ -48,6 +48,13 @@ int sock_opt(int fd, int level, int name) {
   return v;
 }
 
+long timeout_us(int fd, int name) {
+  struct timeval tv = {};
+  socklen_t len = sizeof(tv);
+  getsockopt(fd, SOL_SOCKET, name, &tv, &len);
+  return tv.tv_sec * 1000000L + tv.tv_usec;
+}
+
 // Kinds; bind (host-order address, reuse on); time-outs split into s/us (a zero send time-out
 // leaves the receive one unset too); non-blocking; multicast loop off; refusals below fd 1.
 TEST(QbSocket, KindsBindAndOptions) {
@@ -79,24 +86,14 @@ TEST(QbSocket, KindsBindAndOptions) {
 
   LoopSock s, t;
   EXPECT_EQ(qb_set_sock_attr(s.fd, 1, 1500, 250, 65536, 0), 0);
-  struct timeval tv;
-  socklen_t len = sizeof(tv);
-  getsockopt(s.fd, SOL_SOCKET, SO_SNDTIMEO, &tv, &len);
-  EXPECT_EQ(tv.tv_sec, 1);
-  EXPECT_NEAR(tv.tv_usec, 500000, 10000);  // the kernel rounds to its clock tick
-  getsockopt(s.fd, SOL_SOCKET, SO_RCVTIMEO, &tv, &len);
-  EXPECT_EQ(tv.tv_sec, 0);
-  EXPECT_NEAR(tv.tv_usec, 250000, 10000);
+  EXPECT_NEAR(timeout_us(s.fd, SO_SNDTIMEO), 1500000, 10000);  // the kernel rounds to its clock tick
+  EXPECT_NEAR(timeout_us(s.fd, SO_RCVTIMEO), 250000, 10000);
   EXPECT_EQ(qb_set_sock_attr(t.fd, 0, 0, 700, 0, 0), 0);
-  getsockopt(t.fd, SOL_SOCKET, SO_RCVTIMEO, &tv, &len);
-  EXPECT_EQ(tv.tv_sec * 1000000 + tv.tv_usec, 0);
+  EXPECT_EQ(timeout_us(t.fd, SO_RCVTIMEO), 0);
   EXPECT_EQ(qb_set_sock_noblock(s.fd), 0);
   EXPECT_NE(fcntl(s.fd, F_GETFL) & O_NONBLOCK, 0);
   EXPECT_EQ(qb_set_sock_multicast_noloop(s.fd), 0);
-  unsigned char loop = 1;
-  socklen_t loop_len = sizeof(loop);
-  getsockopt(s.fd, IPPROTO_IP, IP_MULTICAST_LOOP, &loop, &loop_len);
-  EXPECT_EQ(loop, 0);
+  EXPECT_EQ(sock_opt(s.fd, IPPROTO_IP, IP_MULTICAST_LOOP), 0);
   EXPECT_EQ(qb_set_sock_attr(0, 1, 0, 0, 0, 0), -1);
   EXPECT_EQ(qb_set_sock_noblock(0), -1);
 }
