@@ -293,7 +293,7 @@ class Si5351Service : public Si5351Driver {
   // Sends one datagram and lets the loop serve it.
   void serve(const Bytes& data) {
     const sockaddr_in dest = loopback(local_port(svr_));
-    qb_udp_send(client_.fd(), data.data(), static_cast<int>(data.size()), &dest);
+    sendto(client_.fd(), data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&dest), sizeof dest);
     si5351_svr_poll(svr_, 1000);
   }
   void idle() { si5351_svr_poll(svr_, 10); }  // one period with nothing arriving
@@ -348,6 +348,8 @@ TEST_F(Si5351Service, ResetWalksBackOnIdlePeriods) {
     idle();
   }
   EXPECT_EQ(regs_of(bus_, 1), kNominal48k);
+  qb_si5351_reset_chn2(1);
+  EXPECT_EQ(conf(1).value, 0) << "the walk stops at nominal";
   bus_.clear_records();
   idle();
   EXPECT_EQ(writes(), 0u);
