@@ -3,36 +3,25 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <memory>
 #include <random>
 #include <vector>
 
-#include "am_test_env.h"
-#include "qb_peer_send.h"
 #include "qb_tlv_box.h"
 
 namespace {
 
 using Bytes = std::vector<qb_u8_t>;
+using Box = std::unique_ptr<tlv_box_t, int (*)(tlv_box_t*)>;
 
-// Owns a box for the duration of a test.
-struct BoxPtr {
-  explicit BoxPtr(tlv_box_t* b) : box(b) {}
-  ~BoxPtr() { tlv_box_destroy(box); }
-  BoxPtr(const BoxPtr&) = delete;
-  BoxPtr& operator=(const BoxPtr&) = delete;
-  tlv_box_t* get() const { return box; }
-  tlv_box_t* box;
-};
+Box own(tlv_box_t* b) { return Box(b, tlv_box_destroy); }
+Box parse(const Bytes& wire) { return own(tlv_box_parse(wire.data(), static_cast<qb_s32_t>(wire.size()))); }
 
 void append_item(Bytes* out, qb_s32_t type, qb_s32_t length, const Bytes& value) {
   const qb_s32_t head[2] = {type, length};
   const qb_u8_t* p = reinterpret_cast<const qb_u8_t*>(head);
   out->insert(out->end(), p, p + sizeof(head));
   out->insert(out->end(), value.begin(), value.end());
-}
-
-tlv_box_t* parse(const Bytes& wire) {
-  return tlv_box_parse(wire.data(), static_cast<qb_s32_t>(wire.size()));
 }
 
 std::vector<qb_s32_t> keys_of(const tlv_box_t* box) {
@@ -42,27 +31,29 @@ std::vector<qb_s32_t> keys_of(const tlv_box_t* box) {
   return keys;
 }
 
+// A getter's value (-1 when it wrote none); the result code is checked against want_rc.
+template <typename T>
+T get(int (*fn)(const tlv_box_t*, qb_s32_t, T*), const tlv_box_t* box, qb_s32_t type, int want_rc = 0) {
+  T v = static_cast<T>(-1);
+  EXPECT_EQ(fn(box, type, &v), want_rc) << "type " << type;
+  return v;
+}
+
 Bytes g_sent;
 int capture_send(const void* data, int size) {
-  const qb_u8_t* p = static_cast<const qb_u8_t*>(data);
-  g_sent.assign(p, p + size);
+  g_sent.assign(static_cast<const qb_u8_t*>(data), static_cast<const qb_u8_t*>(data) + size);
   return 0;
 }
 
-}  // namespace
-
-TEST(TlvPacket, ReportMessageIsExactlyNineteenBytes) {
+// A report message is the outer head, the inner head and the value: 19 bytes for 3 value bytes.
+// Items go on the wire in insertion order; a frozen box (serialized or parsed) refuses items and a
+// second serialization; a duplicate type is refused and leaves the box as it was.
+TEST(TlvBox, WireLayoutOrderFreezingAndDuplicates) {
   const qb_u8_t json[] = {0x61, 0x62, 0x00};
-  g_sent.clear();
   EXPECT_EQ(tlv_packet(2, 0x00040502, json, 3, capture_send), 0);
-  EXPECT_EQ(g_sent, (Bytes{0x02, 0x00, 0x00, 0x00, 0x0B, 0x00, 0x00, 0x00, 0x02, 0x05, 0x04, 0x00,
-                           0x03, 0x00, 0x00, 0x00, 0x61, 0x62, 0x00}));
-}
+  EXPECT_EQ(g_sent, (Bytes{0x02, 0, 0, 0, 0x0B, 0, 0, 0, 0x02, 0x05, 0x04, 0x00, 0x03, 0, 0, 0, 0x61, 0x62, 0x00}));
 
-// Insertion order on the wire; a frozen box (serialized or parsed) refuses items and a second
-// serialization; a duplicate type is refused and leaves the box as it was.
-TEST(TlvBox, OrderFreezingAndDuplicates) {
-  BoxPtr box(tlv_box_create());
+  Box box = own(tlv_box_create());
   ASSERT_EQ(tlv_box_put_char(box.get(), 5, 'A'), 0);
   ASSERT_EQ(tlv_box_put_short(box.get(), 3, 0x0102), 0);
   EXPECT_EQ(tlv_box_put_string(box.get(), 5, "other"), -1);
@@ -77,17 +68,19 @@ TEST(TlvBox, OrderFreezingAndDuplicates) {
   EXPECT_EQ(tlv_box_serialize(box.get()), -1);
   EXPECT_EQ(tlv_box_put_int(box.get(), 7, 1), -1);
   EXPECT_EQ(tlv_box_get_size(box.get()), 19);
-
-  BoxPtr parsed(parse(expected));
+  Box parsed = parse(expected);
   EXPECT_EQ(tlv_box_put_int(parsed.get(), 2, 1), -1);
   EXPECT_EQ(tlv_box_serialize(parsed.get()), -1);
-  BoxPtr empty(tlv_box_parse(expected.data(), 0));
+  Box empty = own(tlv_box_parse(expected.data(), 0));
   EXPECT_EQ(tlv_box_put_int(empty.get(), 2, 1), -1);
 }
 
-// Every put/get pair through serialize and parse, widths included.
-TEST(TlvBox, ScalarRoundTripThroughParse) {
-  BoxPtr box(tlv_box_create());
+// Every put/get pair through serialize and parse, widths included; a nested box; scalar getters
+// zero-extend a short value instead of reading past it; masked look-up returns the earliest match.
+TEST(TlvBox, GettersThroughParse) {
+  Box inner = own(tlv_box_create());
+  ASSERT_EQ(tlv_box_put_int(inner.get(), 0x00050002, 42), 0);
+  Box box = own(tlv_box_create());
   ASSERT_EQ(tlv_box_put_char(box.get(), 1, 'z'), 0);
   ASSERT_EQ(tlv_box_put_short(box.get(), 2, -2), 0);
   ASSERT_EQ(tlv_box_put_int(box.get(), 3, -300000), 0);
@@ -96,35 +89,49 @@ TEST(TlvBox, ScalarRoundTripThroughParse) {
   ASSERT_EQ(tlv_box_put_float(box.get(), 6, 1.5f), 0);
   ASSERT_EQ(tlv_box_put_double(box.get(), 7, -2.25), 0);
   ASSERT_EQ(tlv_box_put_bytes(box.get(), 9, "\x01\x02\x03", 3), 0);
+  EXPECT_EQ(tlv_box_put_object(box.get(), 10, inner.get()), -1);  // inner not serialized yet
+  ASSERT_EQ(tlv_box_serialize(inner.get()), 0);
+  ASSERT_EQ(tlv_box_put_object(box.get(), 10, inner.get()), 0);
   ASSERT_EQ(tlv_box_serialize(box.get()), 0);
-  EXPECT_EQ(tlv_box_get_size(box.get()), 8 * 8 + 1 + 2 + 4 + 8 + 8 + 4 + 8 + 3);
+  EXPECT_EQ(tlv_box_get_size(box.get()), 9 * 8 + 1 + 2 + 4 + 8 + 8 + 4 + 8 + 3 + 12);
 
-  BoxPtr p(tlv_box_parse(tlv_box_get_buffer(box.get()), tlv_box_get_size(box.get())));
-  char c = 0;
-  qb_s16_t s = 0;
-  qb_s32_t i = 0;
-  qb_s64_t l = 0, ll = 0;
-  float f = 0;
-  double d = 0;
-  EXPECT_TRUE(tlv_box_get_char(p.get(), 1, &c) == 0 && c == 'z');
-  EXPECT_TRUE(tlv_box_get_short(p.get(), 2, &s) == 0 && s == -2);
-  EXPECT_TRUE(tlv_box_get_int(p.get(), 3, &i) == 0 && i == -300000);
-  EXPECT_TRUE(tlv_box_get_long(p.get(), 4, &l) == 0 && l == 0x1122334455667788LL);
-  EXPECT_TRUE(tlv_box_get_longlong(p.get(), 5, &ll) == 0 && ll == -5);
-  EXPECT_TRUE(tlv_box_get_float(p.get(), 6, &f) == 0 && f == 1.5f);
-  EXPECT_TRUE(tlv_box_get_double(p.get(), 7, &d) == 0 && d == -2.25);
+  Box p = own(tlv_box_parse(tlv_box_get_buffer(box.get()), tlv_box_get_size(box.get())));
+  EXPECT_EQ(get(tlv_box_get_char, p.get(), 1), 'z');
+  EXPECT_EQ(get(tlv_box_get_short, p.get(), 2), -2);
+  EXPECT_EQ(get(tlv_box_get_int, p.get(), 3), -300000);
+  EXPECT_EQ(get(tlv_box_get_long, p.get(), 4), 0x1122334455667788LL);
+  EXPECT_EQ(get(tlv_box_get_longlong, p.get(), 5), -5);
+  EXPECT_EQ(get(tlv_box_get_float, p.get(), 6), 1.5f);
+  EXPECT_EQ(get(tlv_box_get_double, p.get(), 7), -2.25);
   const qb_u8_t* ptr = nullptr;
   qb_s32_t len = 0;
   ASSERT_EQ(tlv_box_get_bytes_ptr(p.get(), 9, &ptr, &len), 0);
   EXPECT_EQ(Bytes(ptr, ptr + len), (Bytes{1, 2, 3}));
-  EXPECT_EQ(tlv_box_get_int(p.get(), 99, &i), -1);
+  tlv_box_t* raw = nullptr;
+  ASSERT_EQ(tlv_box_get_object(p.get(), 10, &raw), 0);
+  Box got = own(raw);
+  EXPECT_EQ(get(tlv_box_get_int, got.get(), 0x00050002), 42);
+  EXPECT_EQ(get(tlv_box_get_int, p.get(), 99, -1), -1);
   EXPECT_EQ(tlv_box_get_node(p.get(), 99), nullptr);
+
+  Bytes wire;
+  append_item(&wire, 0x00120001, 1, {0x7F});
+  append_item(&wire, 0x00110003, 0, {});
+  append_item(&wire, 0x00110001, 0, {});
+  Box shorts = parse(wire);
+  EXPECT_EQ(get(tlv_box_get_long, shorts.get(), 0x00120001), 0x7F);
+  EXPECT_EQ(get(tlv_box_get_double, shorts.get(), 0x00110003), 0.0);
+  const tlv_t* hit = tlv_box_get_mask_node(shorts.get(), 0x00110000, 0xFFFF0000U);
+  ASSERT_NE(hit, nullptr);
+  EXPECT_EQ(hit->type, 0x00110003);
+  EXPECT_EQ(tlv_box_get_mask_node(shorts.get(), 0x00130000, 0xFFFF0000U), nullptr);
+  EXPECT_EQ(tlv_box_get_mask_node(shorts.get(), 0x00110001, 0xFFFFFFFFU)->type, 0x00110001);
 }
 
 // Too small a capacity fails and leaves the buffer untouched; a larger one is zero-filled first,
 // and nothing past the capacity is touched.
 TEST(TlvBox, StringCapacity) {
-  BoxPtr box(tlv_box_create());
+  Box box = own(tlv_box_create());
   ASSERT_EQ(tlv_box_put_string(box.get(), 1, "abcd"), 0);  // 5 bytes stored
   char buf[16];
   memset(buf, 'X', sizeof(buf));
@@ -136,49 +143,6 @@ TEST(TlvBox, StringCapacity) {
   EXPECT_EQ(tlv_box_get_bytes(box.get(), 1, buf, &len), 0);
   EXPECT_EQ(len, 5);
   EXPECT_EQ(std::string(buf, 13), std::string("abcd\0\0\0\0\0\0\0\0X", 13));
-}
-
-TEST(TlvBox, MaskedLookupReturnsEarliestMatch) {
-  BoxPtr box(tlv_box_create());
-  ASSERT_EQ(tlv_box_put_int(box.get(), 0x00120001, 0), 0);
-  ASSERT_EQ(tlv_box_put_int(box.get(), 0x00110003, 3), 0);
-  ASSERT_EQ(tlv_box_put_int(box.get(), 0x00110001, 1), 0);
-  const tlv_t* hit = tlv_box_get_mask_node(box.get(), 0x00110000, 0xFFFF0000U);
-  ASSERT_NE(hit, nullptr);
-  EXPECT_EQ(hit->type, 0x00110003);
-  EXPECT_EQ(tlv_box_get_mask_node(box.get(), 0x00130000, 0xFFFF0000U), nullptr);
-  EXPECT_EQ(tlv_box_get_mask_node(box.get(), 0x00110001, 0xFFFFFFFFU)->type, 0x00110001);
-}
-
-TEST(TlvBox, NestedObject) {
-  BoxPtr inner(tlv_box_create());
-  ASSERT_EQ(tlv_box_put_int(inner.get(), 0x00050002, 42), 0);
-  BoxPtr outer(tlv_box_create());
-  EXPECT_EQ(tlv_box_put_object(outer.get(), 2, inner.get()), -1);  // inner not serialized yet
-  ASSERT_EQ(tlv_box_serialize(inner.get()), 0);
-  ASSERT_EQ(tlv_box_put_object(outer.get(), 2, inner.get()), 0);
-  ASSERT_EQ(tlv_box_serialize(outer.get()), 0);
-  BoxPtr parsed(tlv_box_parse(tlv_box_get_buffer(outer.get()), tlv_box_get_size(outer.get())));
-  tlv_box_t* raw = nullptr;
-  ASSERT_EQ(tlv_box_get_object(parsed.get(), 2, &raw), 0);
-  BoxPtr got(raw);
-  qb_s32_t v = 0;
-  EXPECT_EQ(tlv_box_get_int(got.get(), 0x00050002, &v), 0);
-  EXPECT_EQ(v, 42);
-}
-
-// Scalar getters zero-extend a short value instead of reading past it.
-TEST(TlvBox, ShortScalarValueIsZeroExtended) {
-  Bytes wire;
-  append_item(&wire, 1, 1, {0x7F});
-  append_item(&wire, 2, 0, {});
-  BoxPtr box(parse(wire));
-  qb_s64_t l = -1;
-  EXPECT_EQ(tlv_box_get_long(box.get(), 1, &l), 0);
-  EXPECT_EQ(l, 0x7F);
-  double d = 1;
-  EXPECT_EQ(tlv_box_get_double(box.get(), 2, &d), 0);
-  EXPECT_EQ(d, 0.0);
 }
 
 TEST(TlvParser, WalkRules) {
@@ -210,15 +174,13 @@ TEST(TlvParser, WalkRules) {
   };
   for (const auto& c : cases) {
     // A heap copy of exactly the input size lets the sanitizer build catch any overread.
-    const Bytes input(c.wire);
-    BoxPtr box(parse(input));
+    Box box = parse(Bytes(c.wire));
     ASSERT_NE(box.get(), nullptr) << c.name;
-    EXPECT_EQ(tlv_box_get_size(box.get()), static_cast<qb_s32_t>(input.size())) << c.name;
+    EXPECT_EQ(tlv_box_get_size(box.get()), static_cast<qb_s32_t>(c.wire.size())) << c.name;
     EXPECT_EQ(keys_of(box.get()), c.types) << c.name;
   }
-  BoxPtr dup(parse(duplicate));
-  EXPECT_EQ(tlv_box_get_node(dup.get(), 1)->value[0], 0xA1);
-  BoxPtr negative_size(tlv_box_parse(good.data(), -5));
+  EXPECT_EQ(tlv_box_get_node(parse(duplicate).get(), 1)->value[0], 0xA1);
+  Box negative_size = own(tlv_box_parse(good.data(), -5));
   EXPECT_EQ(tlv_box_get_size(negative_size.get()), 0);
   EXPECT_TRUE(keys_of(negative_size.get()).empty());
 }
@@ -234,7 +196,7 @@ TEST(TlvParser, RandomBuffersNeverYieldItemsOutsideTheInput) {
       input[off] = static_cast<qb_u8_t>(rng() % 12);
       input[off + 1] = input[off + 2] = input[off + 3] = (rng() % 8 == 0) ? 0xFF : 0;
     }
-    BoxPtr box(parse(input));
+    Box box = parse(input);
     ASSERT_NE(box.get(), nullptr);
     size_t total = 0;
     for (const key_list_node_t* n = box.get()->m_list->header; n != nullptr; n = n->prev) {
@@ -246,59 +208,4 @@ TEST(TlvParser, RandomBuffersNeverYieldItemsOutsideTheInput) {
   }
 }
 
-namespace {
-int g_released = 0;
-void count_release(void*) { ++g_released; }
 }  // namespace
-
-// The link directions (prev toward the tail), edit without release, keyset capacity, releaser.
-TEST(KeyList, OrderEditKeysetAndRelease) {
-  g_released = 0;
-  key_list_t* list = key_list_create(count_release);
-  int a = 1, b = 2, c = 3;
-  ASSERT_EQ(key_list_add(list, 30, &a), 0);
-  ASSERT_EQ(key_list_add(list, 10, &b), 0);
-  EXPECT_EQ(key_list_add(list, 30, &c), -1);
-  EXPECT_EQ(key_list_find_key(list, 11), 0);
-  EXPECT_EQ(list->header->prev, list->tail);
-  EXPECT_EQ(list->tail->next, list->header);
-  EXPECT_EQ(key_list_edit(list, 10, &c), 0);
-  EXPECT_EQ(key_list_edit(list, 11, &c), -1);
-  void* v = nullptr;
-  EXPECT_EQ(key_list_get(list, 10, &v), 0);
-  EXPECT_EQ(v, &c);
-  qb_s32_t keys[2];
-  EXPECT_EQ(key_list_keyset(list, keys, 1), -1);
-  EXPECT_EQ(key_list_keyset(list, keys, 2), 2);
-  EXPECT_EQ(keys[0], 30);
-  EXPECT_EQ(key_list_destroy(list), 0);
-  EXPECT_EQ(g_released, 2);
-}
-
-// The bridge requests travel to the bridge services' loopback ports; other outer types go nowhere.
-TEST(AudioTlvPacket, RoutesByOuterType) {
-  auto check = []() -> int {
-    am_test::UdpReceiver it6620(QB_IT6620_SERVICE_PORT);
-    am_test::UdpReceiver it6621(QB_IT6621_SERVICE_PORT);
-    if (!it6620.ok() || !it6621.ok()) return 10;
-    const qb_u8_t v[2] = {0x12, 0x34};
-    audio_tlv_packet(7, 0x00030002, v, 2);
-    audio_tlv_packet(8, 0x00040002, v, 2);
-    audio_tlv_packet(3, 0x00050002, v, 2);
-    std::vector<qb_u8_t> got;
-    if (!it6620.receive(&got, 2000) || got.size() != 18 || got[0] != 7 || got[10] != 0x03)
-      return 11;
-    if (!it6621.receive(&got, 2000) || got.size() != 18 || got[0] != 8 || got[10] != 0x04) return 12;
-    if (it6620.receive(&got, 200) || it6621.receive(&got, 200)) return 13;
-    return 0;
-  };
-  if (am_test::have_netns()) {
-    am_test::NetNs ns;
-    ASSERT_TRUE(ns.ok());
-    EXPECT_EQ(ns.run(check), 0);
-  } else {
-    const int rc = check();
-    if (rc == 10) GTEST_SKIP() << "bridge service ports are busy on this host and no namespaces";
-    EXPECT_EQ(rc, 0);
-  }
-}

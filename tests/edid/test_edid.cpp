@@ -1,0 +1,314 @@
+// The EDID reader: the audio lists of real sinks, descriptor decoding, the data block walk and its
+// ten-entry limit, validation of files, hostile extensions and the reader's life cycle.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Edid_Parser.h"
+#include "am_platform.h"
+#include "am_test_env.h"
+#include "am_test_paths.h"
+
+namespace {
+
+using Bytes = std::vector<qb_u8_t>;
+
+// Sets the last byte of the 128-byte block at offset so that the block sums to 0.
+Bytes fix_checksum(Bytes e, size_t offset) {
+  qb_u32_t sum = 0;
+  for (size_t i = offset; i < offset + 127; ++i) sum += e[i];
+  e[offset + 127] = static_cast<qb_u8_t>(256 - (sum & 0xFF));
+  return e;
+}
+
+// A valid EDID 1.3 base block announcing `extensions` extension blocks.
+Bytes base_block(qb_u8_t extensions) {
+  Bytes b = {0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00};
+  b.resize(128, 0);
+  b[18] = 1;
+  b[19] = 3;
+  b[126] = extensions;
+  return fix_checksum(b, 0);
+}
+
+// A 256-byte EDID: base block and a CEA-861 extension whose data block collection is `blocks`;
+// extension byte 2 is dtd_offset, by default just past the collection.
+Bytes edid_with(const Bytes& blocks, int dtd_offset = -1, qb_u8_t features = 0x40) {
+  Bytes e = {0x02, 0x03, static_cast<qb_u8_t>(dtd_offset >= 0 ? dtd_offset : int(4 + blocks.size())), features};
+  e.insert(e.end(), blocks.begin(), blocks.begin() + std::min<size_t>(blocks.size(), 123));
+  e.resize(128, 0);
+  Bytes out = base_block(1);
+  out.insert(out.end(), e.begin(), e.end());
+  return fix_checksum(out, 128);
+}
+
+EDID_Data to_data(const Bytes& bytes) {
+  EDID_Data d;
+  d.assign(bytes.data(), bytes.size());
+  return d;
+}
+
+// A record filled with a recognisable pattern, to tell whether the getter wrote it.
+T_Edid_Audio_Info sentinel() {
+  T_Edid_Audio_Info info;
+  std::memset(&info, 0xA5, sizeof(info));
+  return info;
+}
+
+struct Loaded {
+  int result;
+  T_Edid_Audio_Info info;  // the sentinel unless the getter wrote it
+  std::string out;         // what the reader printed
+};
+
+// Runs init on bytes in memory, or on the TV's EDID file under a temporary root.
+Loaded load(const Bytes& bytes, bool from_file = false) {
+  std::unique_ptr<am_test::TempRoot> root(from_file ? new am_test::TempRoot : nullptr);
+  if (from_file) root->write(EDID_TV_FILE_PATH, std::string(bytes.begin(), bytes.end()));
+  EdidParser parser;
+  testing::internal::CaptureStdout();
+  const int result = from_file ? parser.init(EDID_TV_FILE_PATH) : parser.init(to_data(bytes));
+  Loaded l{result, sentinel(), testing::internal::GetCapturedStdout()};
+  parser.getEdidAudioInfo(&l.info);
+  return l;
+}
+
+// An audio data block holding n LPCM descriptors whose third byte counts first, first + 1, ...
+Bytes sads(size_t n, qb_u8_t first, bool with_header = true) {
+  Bytes out;
+  if (with_header) out.push_back(static_cast<qb_u8_t>(0x20 | (3 * n)));
+  for (size_t i = 0; i < n; ++i) out.insert(out.end(), {0x09, 0x07, static_cast<qb_u8_t>(first + i)});
+  return out;
+}
+
+Bytes cat(std::initializer_list<Bytes> parts) {
+  Bytes out;
+  for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
+  return out;
+}
+
+// ---- real sinks ---------------------------------------------------------------------------------
+// Each list was written down from an independent decoder's listing of the file's first extension
+// (format, maximum channels, sample rates, sample sizes / bit rate / format-dependent byte).
+// 384-byte EDIDs do not fit the reader's 256-byte store and are refused.
+struct Sad {
+  qb_u32_t format, channels, rates, flag;
+};
+struct CorpusCase {
+  const char* file;
+  size_t size;
+  std::vector<Sad> audio;
+};
+void PrintTo(const CorpusCase& c, std::ostream* os) { *os << c.file; }
+
+const Sad kStereo = {1, 2, 0x07, 7}, kStereo5 = {1, 2, 0x1f, 7};
+const std::vector<Sad> kLgTv = {{7, 6, 0x06, 1536}, {2, 6, 0x07, 640}, {1, 2, 0x57, 7}};
+const std::vector<Sad> kSamsungTv = {kStereo, {2, 6, 0x07, 640}, {7, 6, 0x04, 1536}};
+const std::vector<Sad> kHdfury = {{1, 2, 0x6e, 7}, {2, 5, 0x04, 1024}, {7, 5, 0x04, 1536}, {6, 5, 0x04, 256}};
+const std::vector<CorpusCase> kCorpus = {
+    {"acer-xv273k-dp", 384, {}}, {"acer-xv273k-dp1-tile0", 384, {}}, {"acer-xv273k-dp2-tile1", 384, {}},
+    {"apple-cinemahd-30-dvi", 256, {}}, {"asus-vw246-hdmi", 256, {kStereo}}, {"dell-2408wfp-dp", 128, {}},
+    {"dell-3007wfp-dvi", 128, {}}, {"dell-e178wfp-vga", 128, {}}, {"dell-p2415q-dp", 256, {kStereo5}},
+    {"dell-p2415q-hdmi1.4", 256, {kStereo5}}, {"dell-p2415q-hdmi2.0", 256, {kStereo5}},
+    {"dell-up2715k-dp", 256, {kStereo}}, {"dell-up2715k-dp-switchresx", 384, {}}, {"dell-up2715k-dp1-tile1", 384, {}},
+    {"dell-up2715k-dp2-tile0", 256, {}}, {"dell-up2718q-dp", 256, {kStereo5}}, {"dell-up3218k-dp1-tile0", 384, {}},
+    {"dell-up3218k-dp2-tile1", 384, {}}, {"elo-4600l-hdmi", 256, {kStereo}}, {"hdfury-doctorhdmi-3d-hdmi", 256, kHdfury},
+    {"hdfury-doctorhdmi-no3d-hdmi", 256, kHdfury}, {"hp-lp2275w-dp", 128, {}}, {"hp-lp2480zx-dp", 128, {}},
+    {"hp-lp2480zx-hdmi", 256, {}}, {"kogan-kaled24144f-dp", 256, {kStereo}}, {"kogan-kaled24144f-hdmi", 256, {kStereo}},
+    {"lg-32ud99-w-dp", 256, {kStereo}}, {"lg-32ud99-w-hdmi", 256, {kStereo}}, {"lg-55uh5c-hdmi", 256, kLgTv},
+    {"lg-75uh5c-hdmi", 256, {{7, 6, 0x06, 1536}, {2, 6, 0x50, 640}, {1, 2, 0x57, 7}}}, {"lg-88bh7d-hdmi", 256, kLgTv},
+    {"lg-l206wu-usb-dvi", 128, {}},
+    {"lg-oled-c9-hdmi", 256, {{1, 2, 0x57, 7}, {2, 6, 0x07, 640}, {10, 8, 0x07, 1}, {12, 8, 0x04, 3}, {7, 6, 0x1e, 1536}, {11, 8, 0x7e, 1}}},
+    {"lg-oled-cx-hdmi", 256, {{1, 2, 0x57, 7}, {2, 6, 0x07, 640}, {10, 8, 0x07, 1}, {12, 8, 0x04, 3}}},
+    {"lg-oled55b6v-hdmi", 256, kLgTv},
+    {"lg-oled55b6v-hdmi-denon-avr-x2300w-hdmi", 256, {{1, 8, 0x7f, 7}, {7, 6, 0x1e, 1536}, {2, 6, 0x07, 640}, {11, 8, 0x7e, 3}, {10, 8, 0x06, 3}, {12, 8, 0x7e, 3}, {11, 8, 0x7e, 1}}},
+    {"lg-oled55e6v-hdmi", 256, kLgTv}, {"lg-ultrafine-5k-v2-thunderbolt-dp1-tile0", 384, {}},
+    {"lg-ultrafine-5k-v2-thunderbolt-dp2-tile1", 256, {}}, {"matrox-triplehead2go-dvi", 128, {}},
+    {"oculus-rift-dk1-hdmi", 256, {}}, {"samsung-qm65h-hdmi", 256, {kStereo}},
+    {"samsung-qp82r-8k-hdmi4", 256, {kStereo, {2, 6, 0x07, 640}, {10, 8, 0x07, 0}}},
+    {"samsung-ue40d8000yu-hmdi", 256, {kStereo}}, {"samsung-ue40ku6070-hdmi", 256, kSamsungTv},
+    {"samsung-ue48ju7090-hdmi", 256, kSamsungTv}, {"samsung-ue49ks8005-hdmi", 256, kSamsungTv},
+    {"samsung-ue55ks-hdmi", 256, kSamsungTv}, {"sharp-aquos-hdmi", 256, {{1, 2, 0x07, 1}}}, {"sharp-pn465-dvi", 256, {}},
+    {"skyworth-50e780u-hdmi", 256, {{1, 2, 0x7f, 3}, {2, 2, 0x7f, 192}}},
+    {"sony-kd55xd-hdmi", 256, {{1, 6, 0x7f, 7}, {2, 6, 0x07, 640}, {7, 6, 0x07, 1504}}},
+};
+
+class EdidCorpus : public testing::TestWithParam<CorpusCase> {};
+
+// The audio list of each file, and every truncation of a two-block file refused except the bare
+// base block (valid, empty list).
+TEST_P(EdidCorpus, AudioListMatchesTheSinksDescriptors) {
+  const CorpusCase& c = GetParam();
+  unsetenv(AM_ROOT_ENV);
+  am_platform_reload();
+  const std::string path = std::string(am_test::kTestDataDir) + "/edid/" + c.file;
+  const std::string text = am_test::read_file(path);
+  ASSERT_EQ(text.size(), c.size) << path;
+  EdidParser parser;
+  testing::internal::CaptureStdout();
+  const int result = parser.init(path.c_str());
+  const std::string out = testing::internal::GetCapturedStdout();
+  const bool valid = c.size <= 256;
+  ASSERT_EQ(result, valid ? 1 : 0);
+  EXPECT_EQ(parser.isEdidVaild(), valid);
+  T_Edid_Audio_Info info = sentinel(), untouched = sentinel();
+  parser.getEdidAudioInfo(&info);
+  if (!valid) {
+    EXPECT_NE(out.find("[ERROR] won't fit in edid"), std::string::npos) << out;
+    EXPECT_EQ(memcmp(&info, &untouched, sizeof(info)), 0);
+    return;
+  }
+  EXPECT_NE(out.find("[INFO] EIDI data start"), std::string::npos);
+  EXPECT_NE(out.find("[INFO] EIDI data end"), std::string::npos);
+  ASSERT_EQ(info.u8AudioInfoNum, c.audio.size());
+  for (size_t i = 0; i < EDID_AUDIO_INFO_MAX_NUM; ++i) {
+    const Sad want = i < c.audio.size() ? c.audio[i] : Sad{0, 0, 0, 0};
+    const T_Audio_Info& got = info.ptAudioInfo[i];
+    EXPECT_EQ((std::vector<qb_u32_t>{got.eAudioFomat, got.u8MaxChannels, got.eSampleRateFlags, got.u8BitFlag}),
+              (std::vector<qb_u32_t>{want.format, want.channels, want.rates, want.flag}))
+        << "entry " << i;
+  }
+  if (c.size != 256) return;
+  const Bytes bytes(text.begin(), text.end());
+  for (size_t len = 0; len < bytes.size(); ++len) {
+    const Loaded l = load(Bytes(bytes.begin(), bytes.begin() + len));
+    ASSERT_EQ(l.result, len == 128 ? 1 : 0) << "length " << len;
+    if (len == 128) {
+      EXPECT_EQ(l.info.u8AudioInfoNum, 0u);
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(RealSinks, EdidCorpus, testing::ValuesIn(kCorpus), [](const testing::TestParamInfo<CorpusCase>& i) {
+  std::string name = i.param.file;
+  for (char& ch : name) ch = isalnum(static_cast<unsigned char>(ch)) ? ch : '_';
+  return name;
+});
+
+// ---- EDIDs built in memory ------------------------------------------------------------------------
+
+// Files that load or not, through the TV's board path; a refused one leaves the caller's record
+// untouched, a valid one without a usable CEA extension has an empty list.
+TEST(EdidParser, ValidationOfFiles) {
+  const Bytes good = edid_with(sads(2, 1));
+  auto with = [](Bytes b, size_t at, qb_u8_t v, bool rechecksum) {
+    b[at] = v;
+    return rechecksum ? fix_checksum(b, at / 128 * 128) : b;
+  };
+  Bytes zero_ext = base_block(1), two_ext = base_block(2);
+  zero_ext.resize(256, 0x00);
+  two_ext.insert(two_ext.end(), good.begin() + 128, good.end());
+  const struct {
+    const char* name;
+    Bytes bytes;
+    int result, entries;   // entries: list length of a valid EDID
+    const char* message;   // printed text expected, or nullptr
+  } cases[] = {
+      {"good", good, 1, 2, "\n[INFO] EIDI data end\n "},
+      {"base block alone", base_block(0), 1, 0, "[INFO] EIDI data start\n\r\n0x00,0xff,0xff,0xff,0xff,0xff,0xff,0x00,"},
+      {"extension count 2", two_ext, 1, 0, ",\r\n0x"},
+      {"extension tag not CEA", with(good, 128, 0x70, true), 1, 0, nullptr},
+      {"no audio block", edid_with({0x44, 0x10, 0x04, 0x03, 0x01}), 1, 0, nullptr},
+      {"empty file", {}, 0, 0, "[ERROR] ediddata size is 0 "},
+      {"short file", Bytes(good.begin(), good.begin() + 100), 0, 0, "[ERROR] ediddata less than 128 byte "},
+      {"between blocks", Bytes(good.begin(), good.begin() + 200), 0, 0, nullptr},
+      {"257 bytes", cat({good, {0x00}}), 0, 0, "[ERROR] won't fit in edid"},
+      {"wrong checksum in the extension", with(good, 200, 0x55, false), 0, 0, nullptr},
+      {"wrong checksum in the base block", with(good, 40, 0x55, false), 0, 0, nullptr},
+      {"version 2", with(good, 18, 2, true), 0, 0, nullptr},
+      {"broken header", with(good, 3, 0xFE, true), 0, 0, nullptr},
+      {"all-zero extension", zero_ext, 0, 0, nullptr},
+  };
+  const T_Edid_Audio_Info untouched = sentinel();
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const Loaded l = load(c.bytes, true);
+    EXPECT_EQ(l.result, c.result);
+    if (c.message != nullptr) {
+      EXPECT_NE(l.out.find(c.message), std::string::npos) << l.out;
+    }
+    if (c.result == 0) {
+      EXPECT_EQ(memcmp(&l.info, &untouched, sizeof(untouched)), 0) << "the caller's record was written";
+    } else {
+      EXPECT_EQ(l.info.u8AudioInfoNum, c.entries);
+    }
+  }
+}
+
+// Unreadable paths are refused. Not valid until a good init; a failed new reading forgets the old
+// EDID; basic audio follows the extension's flag; a store claiming more than it holds is refused.
+TEST(EdidParser, ParserLife) {
+  am_test::TempRoot root({"tmp"});
+  const std::string long_path = "/" + std::string(99, 'a');  // 100 characters
+  for (const char* path : {"/tmp/none.bin", "/tmp", long_path.c_str(), static_cast<const char*>(nullptr)}) {
+    EdidParser p;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(p.init(path), 0);
+    const std::string out = testing::internal::GetCapturedStdout();
+    if (path != nullptr && std::string(path) != "/tmp") {
+      EXPECT_EQ(out.rfind("[ERROR] open file: " + std::string(path) + " fail !\n", 0), 0u) << out;
+    }
+    EXPECT_FALSE(p.isEdidVaild());
+  }
+  EdidParser parser;
+  EXPECT_FALSE(parser.isEdidVaild());
+  T_Edid_Audio_Info info = sentinel();
+  parser.getEdidAudioInfo(&info);
+  EXPECT_EQ(info.u8AudioInfoNum, 0xA5);
+  testing::internal::CaptureStdout();
+  ASSERT_EQ(parser.init(to_data(edid_with({}, -1, 0x40))), 1);
+  EXPECT_TRUE(parser.isSupportBaseAudio());
+  ASSERT_EQ(parser.init(to_data(edid_with({}, -1, 0x30))), 1);
+  EXPECT_FALSE(parser.isSupportBaseAudio());
+  ASSERT_EQ(parser.init(to_data(edid_with({}, -1, 0x40))), 1);
+  EXPECT_EQ(parser.init(to_data(Bytes(64, 0))), 0);
+  EXPECT_FALSE(parser.isEdidVaild());
+  EXPECT_FALSE(parser.isSupportBaseAudio());
+  parser.getEdidAudioInfo(&info);
+  EXPECT_EQ(info.u8AudioInfoNum, 0xA5);
+  EDID_Data data = to_data(edid_with(sads(2, 1)));
+  data.m_length = 384;
+  EXPECT_EQ(parser.init(data), 0);
+  EXPECT_NE(testing::internal::GetCapturedStdout().find("[ERROR] won't fit in edid"), std::string::npos);
+  EXPECT_EQ(parser.deinit(), 0);
+}
+
+// Random extensions against an independent walk: the audio list holds the first ten descriptors
+// of the audio blocks that lie wholly inside the data block collection (from byte 4 to byte 2, at
+// most the checksum byte), in EDID order; the third byte means the sample sizes, the bit rate / 8
+// for codes 2-8, or the format-dependent byte >> 3 for code 15. The sanitizer build catches any
+// read outside the EDID.
+TEST(EdidWalk, RandomExtensions) {
+  std::mt19937 rng(20261122);
+  for (int round = 0; round < 5000; ++round) {
+    Bytes blocks(123);
+    for (qb_u8_t& b : blocks) b = static_cast<qb_u8_t>(rng());
+    for (size_t i = 0; i < blocks.size(); i += 7) {  // bias the headers towards audio blocks
+      if (rng() % 256 < 96) blocks[i] = static_cast<qb_u8_t>(0x20 | (blocks[i] & 0x1F));
+    }
+    const Bytes e = edid_with(blocks, static_cast<int>(rng() % 256), static_cast<qb_u8_t>(rng()));
+    std::vector<std::vector<qb_u32_t>> want;
+    const size_t end = std::min<size_t>(e[128 + 2], 127);
+    for (size_t at = 128 + 4, len; at < 128 + end && at + 1 + (len = e[at] & 0x1F) <= 128 + end; at += 1 + len) {
+      for (size_t d = at + 1; (e[at] >> 5) == 1 && d + 3 <= at + 1 + len; d += 3) {
+        const qb_u32_t code = e[d] >> 3, b2 = e[d + 2];
+        want.push_back({code, (e[d] & 7u) + 1, e[d + 1], code >= 2 && code <= 8 ? b2 * 8 : code == 15 ? b2 >> 3 : b2});
+      }
+    }
+    want.resize(std::min<size_t>(want.size(), EDID_AUDIO_INFO_MAX_NUM));
+    const Loaded l = load(e);
+    ASSERT_EQ(l.result, 1);
+    ASSERT_EQ(l.info.u8AudioInfoNum, want.size()) << "round " << round;
+    for (size_t i = 0; i < want.size(); ++i) {
+      const T_Audio_Info& got = l.info.ptAudioInfo[i];
+      ASSERT_EQ((std::vector<qb_u32_t>{got.eAudioFomat, got.u8MaxChannels, got.eSampleRateFlags, got.u8BitFlag}), want[i])
+          << "round " << round << " entry " << i;
+    }
+  }
+}
+
+}  // namespace
