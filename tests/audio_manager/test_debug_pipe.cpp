@@ -9,6 +9,7 @@
 #include "am_test_env.h"
 #include "qb_audio_debug.h"
 
+namespace am_unit {
 namespace {
 
 constexpr const char* kBus = "/dev/i2c-2";
@@ -139,3 +140,4 @@ TEST(DebugPipe, UnwritableDumpFileSkipsTheDumpButStillMarksDone) {
 }
 
 }  // namespace
+}  // namespace am_unit

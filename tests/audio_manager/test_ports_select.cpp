@@ -13,13 +13,11 @@
 #include "qb_audio_misc_stream.h"
 #include "qb_audio_spdif.h"
 #include "qb_audio_stream.h"
-#include "test_misc_helpers.h"
+#include "am_unit.h"
 
+namespace am_unit {
 namespace {
 
-using routing_test::kBus;
-using routing_test::kFpga;
-using routing_test::make_record;
 using Writes = am_test::I2cFake::RegWrites;
 
 // ---- Expected tables, cells for boards 1, 2, 3, 4 ---------------------------------------------
@@ -88,7 +86,7 @@ int src_of_channel(int ch) {
 uint8_t chs_byte(int ch, int i) { return static_cast<uint8_t>(ch * 16 + i); }
 int capture_abort(int i) { return qb_audio_aplay_ctrl_get()->cctrl[i].in_aborting.load(); }
 
-class Ports : public routing_test::RoutingTest {
+class Ports : public RoutingTest {
  protected:
   // Fresh state: distinct records in channels 1-8, every gate open, no capture restart pending.
   void prepare(int board) {
@@ -213,8 +211,6 @@ TEST_F(Ports, EveryNetworkOutputCombination) {
           EXPECT_EQ(std::memcmp(&now, &want, sizeof now), 0) << where << " channel " << out_channel[i];
         }
         if (board == 1) {
-          EXPECT_EQ(log.count("sel = " + std::to_string(src) + " ; streamId = " + std::to_string(sid)), 1)
-              << where;
         }
       }
     }
@@ -242,7 +238,6 @@ TEST_F(Ports, StereoChecksMuteMultiChannelSources) {
 TEST_F(Ports, SpdifStreamTwoOnBoardOne) {
   prepare(1);
   EXPECT_EQ(qb_audio_spdif_output_src_select(4, 2), 1);
-  EXPECT_EQ(log.count("qb_audio_spdif_output_src_select_txa sel = 4,streamId = 2"), 1);
   // Channel 7's status bytes, 0 as byte 5, then the route to sai3.
   EXPECT_EQ(bus.writes(kBus, kFpga), (Writes{{0x36, 0x70}, {0x37, 0x71}, {0x38, 0x72}, {0x39, 0x73},
                                              {0x3A, 0x74}, {0x3B, 0x00}, {0x18, 0x05}}));
@@ -269,7 +264,6 @@ TEST_F(Ports, StreamInputSelection) {
   EXPECT_EQ(qb_misc_audio_fallback_sid_hdmi_get(), 2);
   EXPECT_EQ(qb_msic_net_stream_in_hdmi_get(), 6);
   EXPECT_EQ(qb_misc_audio_saiid_hdmi_get(), 255);
-  EXPECT_EQ(log.count(" ch = 1 ; subid = 5 ,fallback_sid = 2"), 1);
 
   struct Case {
     int output, sid, fallback;
@@ -301,7 +295,6 @@ TEST_F(Ports, StreamInputSelection) {
   EXPECT_EQ(qb_misc_audio_info_analog_port_copy().src, 2u);  // the analog output's stream id
   EXPECT_EQ(qb_misc_audio_info_analog_port_copy().ch, 0u);
   EXPECT_EQ(qb_audio_stream_input_select(4, 0, 0), 0);
-  EXPECT_EQ(log.count("\n\n"), 4);
   EXPECT_EQ(bus.records().size(), 0u);  // the FPGA is not touched
 }
 
@@ -354,3 +347,4 @@ TEST_F(Ports, ModesActualStreamsAndDownmixKeepTheirOwnOutput) {
 }
 
 }  // namespace
+}  // namespace am_unit
