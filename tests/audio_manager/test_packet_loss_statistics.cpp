@@ -119,6 +119,7 @@ TEST_F(PacketLoss, FileFailuresKeepThePreviousFileAndReportNothing) {
     EXPECT_EQ(audio_loss_cycle(), 0);
   }
   EXPECT_EQ(write_file(nullptr), -1);
+  EXPECT_EQ(get_audio_drop_event().rfind("{\"eventType\":\"DETAILS_CHANGED\",\"timeStamp\":", 0), 0u);
   EXPECT_EQ(report_audio_drop_msg(""), 0);
   EXPECT_EQ(report_audio_drop_msg(nullptr), 0);
 }
