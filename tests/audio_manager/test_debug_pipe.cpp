@@ -25,10 +25,7 @@ std::string fpga_section(const am_test::TempRoot& root) {
 }
 
 TEST(DebugPipe, RouteLinesNameSinksSourcesAndMute) {
-  struct Case {
-    uint8_t reg, value, enable;
-    const char* line;
-  };
+  struct Case { uint8_t reg, value, enable; const char* line; };
   const Case cases[] = {
       {0x19, 2, 0x00, "[0x19][SPDIF_Mux] <-- [0x2][SPDIF-I] mute:1\n"},
       {0x11, 2, 0x40, "[0x11][I2S_Mux_PCM5122] <-- [0x2][PCM1804] mute:0\n"},

@@ -60,11 +60,7 @@ TEST_F(Fpga, SinkMuteChangesOnlyItsOwnBit) {
   EXPECT_EQ(transfers(bus), (Seq{"R 52", "W 52=bf", "R 52"}));
   EXPECT_EQ(bus.reg(kBus, kFpga, 0x53), 0xFD);
 
-  struct Case {
-    int (*fn)(void);
-    const char* text;
-    uint8_t reg, before, after;
-  };
+  struct Case { int (*fn)(void); const char* text; uint8_t reg, before, after; };
   const Case cases[] = {
       {earc_output_mute, "earc output mute", 0x52, 0xFF, 0x7F},
       {earc_output_unmute, "earc output unmute", 0x52, 0x00, 0x80},
@@ -149,10 +145,7 @@ TEST_F(Fpga, ChannelStatusGoesToSixRegisters) {
 }
 
 TEST_F(Fpga, AnalogOutputSelectFunctions) {
-  struct Case {
-    int (*fn)(void);
-    const char* name;
-  };
+  struct Case { int (*fn)(void); const char* name; };
   const Case cases[] = {
       {qb_audio_output_from_earc_in, "qb_audio_output_from_earc_in"},
       {qb_audio_output_from_analog_in, "qb_audio_output_from_analog_in"},

@@ -69,10 +69,7 @@ TEST_F(SpdifReceiver, DecodesFormatRateAndWordLength) {
   set_regs(~kNonAudio, low_word(4, 0xD));
   EXPECT_EQ(static_cast<uint8_t>(decode().Audio_Type), 0x80);
 
-  struct Rate {
-    uint32_t nibble;
-    int sf, chstat3, aud_db1;
-  };
+  struct Rate { uint32_t nibble; int sf, chstat3, aud_db1; };
   const Rate rates[] = {{0, 0, 0, 0x0B},   {1, 8, 8, 0x13}, {3, 12, 12, 0x1B}, {4, 2, 2, 0x0F},
                         {5, 10, 10, 0x17}, {7, 14, 14, 0x1F}, {0xC, 1, 0, 0x03}, {2, 1, 0, 0x03}};
   for (const Rate& c : rates) {

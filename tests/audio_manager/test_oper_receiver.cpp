@@ -22,10 +22,7 @@ int count_hook(qb_audio_oper_ctrl_t* ctrl, const audio_transport_head_t* head) {
 }
 
 // A fake device: accepts or refuses chunks and records what it got.
-struct FakeDevice {
-  bool accept = true;
-  std::vector<Bytes> chunks;
-};
+struct FakeDevice { bool accept = true; std::vector<Bytes> chunks; };
 FakeDevice* g_device = nullptr;
 snd_pcm_sframes_t fake_write(qb_audio_oper_ctrl_t* c, qb_u8_t* data, size_t frames) {
   if (!g_device->accept) return 0;

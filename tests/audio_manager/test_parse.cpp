@@ -19,10 +19,7 @@
 namespace am_unit {
 namespace {
 
-struct Item {
-  uint32_t type;
-  Bytes value;
-};
+struct Item { uint32_t type; Bytes value; };
 Bytes items_bytes(const std::vector<Item>& items) {
   Bytes out;
   for (const Item& item : items) {
