@@ -54,15 +54,13 @@ class Log {
     std::lock_guard<std::mutex> lock(mutex_);
     lines_.clear();
   }
-  int count(const std::string& text) const { return matches(text, false); }
-  int count_prefix(const std::string& prefix) const { return matches(prefix, true); }
-
- private:
-  int matches(const std::string& s, bool prefix) const {
+  int count(const std::string& text) const {
     int n = 0;
-    for (const std::string& l : lines()) n += (prefix ? l.compare(0, s.size(), s) == 0 : l == s);
+    for (const std::string& l : lines()) n += l == text;
     return n;
   }
+
+ private:
   static void observe(int, const char* message, void* ctx) {
     auto* self = static_cast<Log*>(ctx);
     std::string text(message);

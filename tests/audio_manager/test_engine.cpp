@@ -157,7 +157,6 @@ class Connected : public ::testing::Test {
   am_test::UdpReceiver receiver{0};
   int fd = -1;
   qb_audio_oper_ctrl_t ctrl;
-  Log log;
 };
 
 class Sender : public Connected {

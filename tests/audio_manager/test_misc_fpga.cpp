@@ -76,7 +76,6 @@ TEST_F(Fpga, SinkMuteChangesOnlyItsOwnBit) {
   for (const Case& c : cases) {
     bus.set_reg(kBus, kFpga, 0x52, c.reg == 0x52 ? c.before : 0x00);
     bus.set_reg(kBus, kFpga, 0x53, c.reg == 0x53 ? c.before : 0x00);
-    log.clear();
     EXPECT_EQ(c.fn(), 1) << c.text;
     EXPECT_EQ(bus.reg(kBus, kFpga, c.reg), c.after) << c.text;
   }

@@ -221,7 +221,6 @@ TEST_F(Stream, NetworkPlayerCommand) {
   EXPECT_EQ(am_test::read_file(root.at("/tmp/myaplay.args")), args + "\n");
 
   // Records the player cannot take are refused before any command.
-  log.clear();
   EXPECT_EQ(qb_audio_net_stream_in_start(6, 1, 59300, nullptr), 0);
   rec = make_record(2, 3, 0x80);  // 3 channels
   qb_audio_channel_state_set(6, &rec);

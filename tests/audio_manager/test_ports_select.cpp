@@ -80,7 +80,6 @@ class Ports : public RoutingTest {
     bus.set_reg(kBus, kFpga, 0x53, 0xFF);
     for (int i = 0; i < 3; ++i) qb_audio_aplay_ctrl_get()->cctrl[i].in_aborting.store(0);
     bus.clear_records();
-    log.clear();
   }
 };
 
