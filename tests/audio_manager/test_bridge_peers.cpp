@@ -1,18 +1,13 @@
 // Messages to the bridge, video processor and scaler services; the bridge-mode and monitor-state
 // decisions; the stream switchers of the HDMI, eARC and S/PDIF outputs.
-#include <gtest/gtest.h>
-
 #include <chrono>
-#include <cstring>
-#include <string>
 
 #include "../edid/edid_test_util.h"
-#include "qb_audio_misc_fpga.h"
+#include "am_unit.h"
 #include "qb_audio_oper_switch.h"
 #include "qb_audio_stream.h"
-#include "test_control_helpers.h"
 
-namespace control_test {
+namespace am_unit {
 namespace {
 
 class BridgeTest : public ControlTest {
@@ -42,7 +37,6 @@ TEST_F(BridgeTest, PeerMessagesHaveTheirExactBytes) {
   qb_u8_t chs[6] = {0x04, 0x00, 0x02, 0x02, 0x0B, 0x13};
   EXPECT_EQ(it6621_channel_state_set(chs, 6), 1);
   EXPECT_EQ(next(kIt6621Port), tlv_message(8, 0x10002, Bytes(chs, chs + 6)));
-  EXPECT_EQ(log.count("it6621_channel_state_set, channel status [04,00,02,02,0b,13]"), 1);
   EXPECT_EQ(it6621_channel_state_set(chs, 5), 0);
   EXPECT_EQ(it6621_channel_state_set(nullptr, 6), 0);
   EXPECT_TRUE(quiet(kIt6621Port));
@@ -63,41 +57,28 @@ TEST_F(BridgeTest, PeerMessagesHaveTheirExactBytes) {
   EXPECT_EQ(set_avp_hdmi_out_audio_param(&rec), 1);
   EXPECT_EQ(next(kAvpPort), source);
   EXPECT_EQ(next(kAvpPort), tlv_message(3, 0x80802, text_bytes(avp_format(48000, 2, 0, "LPCM"))));
-  EXPECT_EQ(log.count("send to avp:" + avp_format(48000, 2, 0, "LPCM")), 1);
 }
 
 TEST_F(BridgeTest, HdmiOutputFormatFromTheRecord) {
-  struct Case {
-    int sf, ch, type, chstat3, aud_db3;
-    int hz, alloc;
-    const char* enc;
-    bool default_rate_logged;
-  };
+  struct Case { int sf, ch, type, chstat3, aud_db3, hz, alloc; const char* enc; };
   const Case cases[] = {
-      {0, 2, 0x80, 0, 0x00, 44100, 0, "LPCM", false},
-      {10, 8, 0x80, 0, 0x13, 96000, 0x13, "LPCM", false},
-      {14, 8, 0x80, 9, 0x13, 192000, 0, "ENCODED_HBR", false},  // channel status 9 wins
-      {12, 8, 0xC0, 0, 0x13, 176400, 0, "ENCODED_HBR", false},
-      {8, 6, 0x90, 0, 0x13, 88200, 0, "ENCODED_OTHER", false},
-      {3, 2, 0x80, 0, 0x00, 48000, 0, "LPCM", true},
-      {0x7F, 2, 0xA0, 0, 0x00, 48000, 0, "ENCODED_OTHER", true},
+      {0, 2, 0x80, 0, 0x00, 44100, 0, "LPCM"},
+      {10, 8, 0x80, 0, 0x13, 96000, 0x13, "LPCM"},
+      {14, 8, 0x80, 9, 0x13, 192000, 0, "ENCODED_HBR"},  // channel status 9 wins
+      {12, 8, 0xC0, 0, 0x13, 176400, 0, "ENCODED_HBR"},
+      {8, 6, 0x90, 0, 0x13, 88200, 0, "ENCODED_OTHER"},
+      {3, 2, 0x80, 0, 0x00, 48000, 0, "LPCM"},
+      {0x7F, 2, 0xA0, 0, 0x00, 48000, 0, "ENCODED_OTHER"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.sf);
-    log.clear();
-    qb_audio_info_t rec{};
-    rec.ch = 6;
-    rec.ainfo = make_record(c.sf, c.ch, c.type);
+    qb_audio_info_t rec{6, make_record(c.sf, c.ch, c.type)};
     rec.ainfo.ChStat[3] = static_cast<qb_s8_t>(c.chstat3);
     rec.ainfo.AUD_DB[3] = static_cast<qb_s8_t>(c.aud_db3);
     EXPECT_EQ(set_avp_hdmi_out_audio_param(&rec), 1);
     EXPECT_EQ(next(kMdinPort), kMdinSwitch);  // the scaler hears first
     EXPECT_EQ(next(kAvpPort),
               tlv_message(3, 0x80802, text_bytes(avp_format(c.hz, c.ch, c.alloc, c.enc))));
-    EXPECT_EQ(log.has("unknown audio sample frequency:" + std::to_string(c.sf) +
-                          ", using default 48000",
-                      AM_LOG_LEVEL_ERROR),
-              c.default_rate_logged);
   }
 }
 
@@ -154,14 +135,9 @@ TEST_F(BridgeTest, MonitorWithoutEdidWaitsOnceAndKeepsTheOutput) {
   EXPECT_EQ(set_hdmi_monitor_status(1), 0);
   const auto waited = std::chrono::steady_clock::now() - start;
   EXPECT_GE(waited, std::chrono::milliseconds(190));
-  EXPECT_TRUE(log.has("load edid file /tmp/tv.edid.bin err", AM_LOG_LEVEL_ERROR));
-  EXPECT_EQ(log.count("hdmi monitor connected status:1"), 1);
   EXPECT_EQ(get_hdmi_monitor_status(), 1);
   EXPECT_EQ(get_output_hdmi_stream_mode(), 0);
-  // The same state again does nothing.
-  log.clear();
-  EXPECT_EQ(set_hdmi_monitor_status(1), 0);
-  EXPECT_TRUE(log.lines().empty());
+  EXPECT_EQ(set_hdmi_monitor_status(1), 0);  // the same state again does nothing
 }
 
 TEST_F(BridgeTest, MonitorDecisionSwitchesTheHdmiOutput) {
@@ -197,67 +173,46 @@ TEST_F(BridgeTest, MonitorDecisionSwitchesTheHdmiOutput) {
     rec.ChStat[1] = static_cast<qb_s8_t>(c.chstat1);
     rec.AUD_DB[0] = static_cast<qb_s8_t>(c.aud_db0);
     qb_audio_channel_state_set(6, &rec);
-    log.clear();
     EXPECT_EQ(set_hdmi_monitor_status(1), 0);
     EXPECT_EQ(get_output_hdmi_stream_mode(), c.mode_after);
     EXPECT_EQ(get_output_hdmi_stream_actual_sid(), c.actual_sid);
-    EXPECT_EQ(log.count_prefix("monitor edid audio support type["), c.fallback == -1 ? 0 : 3);
   }
 }
 
 TEST_F(BridgeTest, StreamSwitchersRouteRecordAndRestart) {
   struct Output {
+    const char* name;
     int (*fn)(int, unsigned);
     qb_u8_t route_reg;
-    int (*mode)(void);
-    int (*actual)(void);
-    int (*nsi)(void);
+    int (*mode)(void), (*actual)(void), (*nsi)(void);
     bool restarts;
-    const char* lines[3];
-    const char* error;
   };
   const Output outputs[] = {
-      {set_output_hdmi_stream, FPGA_REG_ROUTE_HDMI_OUT, get_output_hdmi_stream_mode,
-       get_output_hdmi_stream_actual_sid, qb_msic_net_stream_in_hdmi_get, true,
-       {"set_output_hdmi_stream hdmi switch to sai1 sid = 0",
-        "set_output_hdmi_stream hdmi switch to sai5 sid = 1",
-        "set_output_hdmi_stream hdmi switch to sai3 sid = 2"},
-       "set_output_hdmi_stream Error sid 3"},
-      {set_output_earc_stream, FPGA_REG_ROUTE_EARC_OUT, get_output_earc_stream_mode,
-       get_output_earc_stream_actual_sid, qb_msic_net_stream_in_earc_get, true,
-       {"earc switch to sai1 sid=0", "earc switch to sai5 sid=1", "earc switch to sai3 sid=2"},
-       "set_output_earc_stream Error sid 3"},
-      {set_output_spdif_stream, FPGA_REG_ROUTE_SPDIF_OUT, get_output_spdif_stream_mode,
-       get_output_spdif_stream_actual_sid, qb_msic_net_stream_in_spdif_get, false,
-       {"set_output_spdif_stream spdif switch to sai1 sid=0",
-        "set_output_spdif_stream spdif switch to sai5 sid=1",
-        "set_output_spdif_stream spdif switch to sai3 sid=2"},
-       "set_output_spdif_stream Error sid 3"},
+      {"hdmi", set_output_hdmi_stream, FPGA_REG_ROUTE_HDMI_OUT, get_output_hdmi_stream_mode,
+       get_output_hdmi_stream_actual_sid, qb_msic_net_stream_in_hdmi_get, true},
+      {"earc", set_output_earc_stream, FPGA_REG_ROUTE_EARC_OUT, get_output_earc_stream_mode,
+       get_output_earc_stream_actual_sid, qb_msic_net_stream_in_earc_get, true},
+      {"spdif", set_output_spdif_stream, FPGA_REG_ROUTE_SPDIF_OUT, get_output_spdif_stream_mode,
+       get_output_spdif_stream_actual_sid, qb_msic_net_stream_in_spdif_get, false},
   };
   const int source_of_sid[] = {FPGA_SRC_SAI1, FPGA_SRC_SAI5, FPGA_SRC_SAI3};
   const int channel_of_sid[] = {6, 8, 7};
   for (const Output& o : outputs) {
     for (unsigned sid = 0; sid < 3; ++sid) {
-      SCOPED_TRACE(o.lines[sid]);
+      SCOPED_TRACE(testing::Message() << o.name << " sid " << sid);
       clear_aborts();
-      log.clear();
       EXPECT_EQ(o.fn(static_cast<int>(sid % 2), sid), 1);
-      EXPECT_EQ(o.mode(), static_cast<int>(sid % 2));
-      EXPECT_EQ(o.actual(), static_cast<int>(sid));
-      EXPECT_EQ(o.nsi(), source_of_sid[sid]);
-      EXPECT_EQ(bus.reg(kBus, kFpga, o.route_reg), source_of_sid[sid]);
-      EXPECT_EQ(log.count(o.lines[sid]), 1);
-      for (int ch : {6, 7, 8}) EXPECT_EQ(aborted(ch), o.restarts && ch == channel_of_sid[sid]);
+      EXPECT_EQ((std::vector<int>{static_cast<int>(sid % 2), static_cast<int>(sid), source_of_sid[sid], source_of_sid[sid]}),
+                (std::vector<int>{o.mode(), o.actual(), o.nsi(), bus.reg(kBus, kFpga, o.route_reg)}));
+      for (int ch : {6, 7, 8}) EXPECT_EQ(aborted(ch), o.restarts && ch == channel_of_sid[sid]) << ch;
     }
-    clear_aborts();
     bus.clear_records();
-    EXPECT_EQ(o.fn(0, 3), 0);
-    EXPECT_TRUE(log.has(o.error, AM_LOG_LEVEL_ERROR));
-    EXPECT_EQ(o.actual(), 2);
-    EXPECT_EQ(bus.transfer_count(kBus, kFpga), 0u);
-    EXPECT_EQ(o.fn(0, 0xFFFFFFFFu), 0);
+    EXPECT_EQ(o.fn(0, 3), 0) << o.name;
+    EXPECT_EQ(o.fn(0, 0xFFFFFFFFu), 0) << o.name;
+    EXPECT_EQ(o.actual(), 2) << o.name;
+    EXPECT_EQ(bus.transfer_count(kBus, kFpga), 0u) << o.name;
   }
 }
 
 }  // namespace
-}  // namespace control_test
+}  // namespace am_unit

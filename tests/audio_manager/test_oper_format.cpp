@@ -1,16 +1,12 @@
 // The new-format handler: output decisions for HDMI, eARC, S/PDIF and analog, adoption of the
-// format and the end of the run. The bridge, switch, report, EDID and shell calls are fakes.
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <string>
-#include <vector>
-
+// format and the end of the run; the sink capability checks. The bridge, switch, report, EDID and
+// shell calls are fakes that record what they were asked.
+#include "am_unit.h"
 #include "qb_audio_oper.h"
 #include "qb_audio_oper_format.h"
 #include "qb_audio_stream.h"
-#include "test_oper_helpers.h"
 
+namespace am_unit {
 namespace {
 
 struct Calls {
@@ -24,90 +20,70 @@ struct Calls {
 Calls* g_calls = nullptr;
 
 void add(const std::string& s) { g_calls->list.push_back(s); }
-std::string fmt(const char* name, int a, int b) {
-  return std::string(name) + "(" + std::to_string(a) + "," + std::to_string(b) + ")";
-}
+std::string fmt(const char* name, int a, int b) { return std::string(name) + "(" + std::to_string(a) + "," + std::to_string(b) + ")"; }
 
 const qb_audio_new_format_ops_t kFakeOps = {
     [](int bit) { add(fmt("chs", bit, 0)); },
-    [](qb_audio_info_t* r) {
-      add(fmt("avp", r->ch, r->ainfo.SampleFrequency));
-      return 1;
-    },
+    [](qb_audio_info_t* r) { return add(fmt("avp", r->ch, r->ainfo.SampleFrequency)), 1; },
     []() { return g_calls->it6621_state; },
-    [](qb_u8_t* rec, int len) {
-      g_calls->chs.assign(rec, rec + len);
-      add("it6621_chs");
-      return 1;
-    },
-    [](int mode, unsigned sid) {
-      add(fmt("hdmi", mode, static_cast<int>(sid)));
-      return 1;
-    },
-    [](int mode, unsigned sid) {
-      add(fmt("earc", mode, static_cast<int>(sid)));
-      return 1;
-    },
-    [](int mode, unsigned sid) {
-      add(fmt("spdif", mode, static_cast<int>(sid)));
-      return 1;
-    },
-    [](int inputs) {
-      add(fmt("report", inputs, 0));
-      return 1;
-    },
+    [](qb_u8_t* rec, int len) { return g_calls->chs.assign(rec, rec + len), add("it6621_chs"), 1; },
+    [](int mode, unsigned sid) { return add(fmt("hdmi", mode, static_cast<int>(sid))), 1; },
+    [](int mode, unsigned sid) { return add(fmt("earc", mode, static_cast<int>(sid))), 1; },
+    [](int mode, unsigned sid) { return add(fmt("spdif", mode, static_cast<int>(sid))), 1; },
+    [](int inputs) { return add(fmt("report", inputs, 0)), 1; },
     [](T_Edid_Audio_Info_* list) {
       if (!g_calls->edid_present) return 0;
       *list = g_calls->edid;
       return 1;
     },
-    [](const char* command) {
-      add(std::string("sh:") + command);
-      return g_calls->system_result;
-    },
+    [](const char* command) { return add(std::string("sh:") + command), g_calls->system_result; },
 };
 
-class NewFormat : public engine_test::RoutingEnv {
+class NewFormat : public RoutingTest {
  protected:
   void SetUp() override {
-    RoutingEnv::SetUp();
+    RoutingTest::SetUp();
     g_calls = &calls;
     qb_audio_new_format_ops_set(&kFakeOps);
-    qb_audio_oper_default(&ctrl);
-    ctrl.file_param_num = 1;  // stream 1: source 4, channel 6, stream id 0
-    // Nothing listens to stream 1 unless a test says so (stream id 2 is source 5).
-    for (int out : {QB_AUDIO_OUTPUT_ANALOG, QB_AUDIO_OUTPUT_HDMI, QB_AUDIO_OUTPUT_SPDIF, QB_AUDIO_OUTPUT_EARC}) {
-      qb_audio_stream_input_select(out, 2, -1);
-    }
-    calls.list.clear();
-    log.clear();
+    reset();
   }
   void TearDown() override {
     qb_audio_new_format_ops_set(nullptr);
+    set_output_analog_mute(0);
     g_calls = nullptr;
-    RoutingEnv::TearDown();
+    RoutingTest::TearDown();
   }
-  audio_transport_head_t head(int sf, int ch, int type, int chs1 = 0) {
-    qb_audio_info r = engine_test::record(sf, ch, type);
+  // Stream 1 (source 4, channel 6, stream id 0); no output listens to it (stream id 2 is source 5).
+  void reset() {
+    qb_audio_oper_default(&ctrl);
+    ctrl.file_param_num = 1;
+    for (int out : {QB_AUDIO_OUTPUT_ANALOG, QB_AUDIO_OUTPUT_HDMI, QB_AUDIO_OUTPUT_SPDIF, QB_AUDIO_OUTPUT_EARC}) {
+      qb_audio_stream_input_select(out, 2, -1);
+    }
+    calls = Calls{};
+  }
+  static audio_transport_head_t head(int sf, int ch, int type, int chs1 = 0, int code = 0) {
+    qb_audio_info r = make_record(sf, ch, type);
     r.ChStat[1] = static_cast<qb_s8_t>(chs1);
+    r.ChStat[2] = 2;
+    r.AUD_DB[0] = static_cast<qb_s8_t>(code);
     qb_audio_oper_ctrl_t tmp;
     qb_audio_oper_default(&tmp);
     audio_info_head_set(&tmp, &r);
     return tmp.audio_info_head;
   }
-  bool called(const std::string& s) const {
-    for (const auto& c : calls.list) {
-      if (c == s) return true;
-    }
-    return false;
+  int run(audio_transport_head_t h) {
+    calls.list.clear();
+    return qb_audio_oper_new_format(&ctrl, &h);
   }
-  void lpcm_sink(unsigned max_channels, unsigned rate_flags) {
+  bool called(const std::string& s) const { return std::find(calls.list.begin(), calls.list.end(), s) != calls.list.end(); }
+  void sink(unsigned lpcm_channels, unsigned lpcm_rates, E_Audio_Format other = ENUM_AC3) {
     calls.edid_present = true;
     calls.edid.u8AudioInfoNum = 2;
-    calls.edid.ptAudioInfo[0].eAudioFomat = ENUM_AC3;
+    calls.edid.ptAudioInfo[0].eAudioFomat = other;
     calls.edid.ptAudioInfo[1].eAudioFomat = ENUM_LPCM;
-    calls.edid.ptAudioInfo[1].u8MaxChannels = max_channels;
-    calls.edid.ptAudioInfo[1].eSampleRateFlags = static_cast<E_Audio_Samplerate_Flag>(rate_flags);
+    calls.edid.ptAudioInfo[1].u8MaxChannels = static_cast<qb_u8_t>(lpcm_channels);
+    calls.edid.ptAudioInfo[1].eSampleRateFlags = static_cast<E_Audio_Samplerate_Flag>(lpcm_rates);
   }
 
   Calls calls;
@@ -117,237 +93,156 @@ class NewFormat : public engine_test::RoutingEnv {
 TEST_F(NewFormat, AdoptsTheFormatAndEndsTheRun) {
   audio_transport_head_t h = head(10, 8, 0x80);
   h.Audio_Info_Frame[0] = 5;
-  EXPECT_EQ(1, qb_audio_oper_new_format(&ctrl, &h));
+  EXPECT_EQ(1, run(h));
   EXPECT_EQ(1, ctrl.in_aborting.load());
   EXPECT_EQ(10, ctrl.audio_info_head.Sample_Frequency);
   EXPECT_EQ(5, ctrl.audio_info_head.Audio_Info_Frame[0]);
-  qb_audio_info ch6;
-  ASSERT_EQ(1, qb_audio_channel_state_copy(6, &ch6));
-  EXPECT_EQ(10, ch6.SampleFrequency);
-  EXPECT_EQ(8, ch6.ValidCh);
-  EXPECT_EQ(2, ch6.io_in_use);
-  EXPECT_TRUE(called("report(0,0)"));
-  EXPECT_EQ(1, log.count("new audio head, aborting"));
-  EXPECT_EQ(1, log.count("aplay head change,sf:10,chn:8,ss:24"));
-  EXPECT_EQ(1, log.count("saiSrc=4 hdmiSrc=[5:5] earcSrc=[5:5] spdifSrc=[5:5]"));
-}
+  const qb_audio_info ch6 = record(6);
+  EXPECT_EQ((std::vector<int>{10, 8, 2}), (std::vector<int>{ch6.SampleFrequency, ch6.ValidCh, ch6.io_in_use}));
+  EXPECT_EQ((std::vector<std::string>{"report(0,0)"}), calls.list);
 
-TEST_F(NewFormat, RecordFromHeaderCarriesTheStreamsChannel) {
-  audio_transport_head_t h = head(14, 2, 0x90, 1);
+  h = head(14, 2, 0x90, 1);
   h.SPDIF = 1;
   h.Audio_Info_Frame[4] = 0x44;
   const qb_audio_info_t r = qb_audio_oper_record_from_head(3, &h);
-  EXPECT_EQ(8, r.ch);
-  EXPECT_EQ(1, r.ainfo.Audio_On);
-  EXPECT_EQ(14, r.ainfo.SampleFrequency);
-  EXPECT_EQ(1, r.ainfo.bSPDIF);
-  EXPECT_EQ(0x44, static_cast<uint8_t>(r.ainfo.AUD_DB[4]));
-  EXPECT_EQ(1, r.ainfo.ChStat[1]);
-  EXPECT_EQ(0, r.ainfo.DownSampling);
+  EXPECT_EQ((std::vector<int>{8, 1, 14, 1, 0x44, 1, 0}),
+            (std::vector<int>{r.ch, r.ainfo.Audio_On, r.ainfo.SampleFrequency, r.ainfo.bSPDIF,
+                              static_cast<uint8_t>(r.ainfo.AUD_DB[4]), r.ainfo.ChStat[1], r.ainfo.DownSampling}));
 }
 
-TEST_F(NewFormat, AnalogIsMutedForAnythingButStereoLpcm) {
-  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_ANALOG, 0, -1);
-  struct Row {
-    int ch, type;
-    bool mute;
-  } const rows[] = {{2, 0x80, false}, {8, 0x80, true}, {2, 0x90, true}, {2, 0xC0, true}};
+TEST_F(NewFormat, AnalogOutputCodecCommand) {
+  // The stream's capture gate opens (0x59); stereo LPCM opens the analog gate (bit 6 of 0x52),
+  // anything else closes it.
+  struct Row { int ch, type; bool user_mute; int system; int result; std::vector<std::string> calls; Writes gate; };
+  const std::vector<std::string> played = {"chs(1,0)", "sh:/customer/bin/audio_codec -v 0", "report(0,0)"};
+  const Row rows[] = {
+      {2, 0x80, false, 0, 1, played, {{0x59, 0}, {0x52, 0x4F}}},
+      {8, 0x80, false, 0, 1, played, {{0x59, 0}, {0x52, 0x0F}}},
+      {2, 0x90, false, 0, 1, played, {{0x59, 0}, {0x52, 0x0F}}},
+      {2, 0xC0, false, 0, 1, played, {{0x59, 0}, {0x52, 0x0F}}},
+      {2, 0x80, true, 0, 1, {"chs(1,0)", "report(0,0)"}, {{0x59, 0}}},  // muted by the user: no command
+      {6, 0x80, false, -1, 0, {"chs(1,0)", "sh:/customer/bin/audio_codec -v 0"}, {{0x59, 0}, {0x52, 0x0F}}},  // failed: no report
+  };
   for (const Row& r : rows) {
-    calls.list.clear();
-    log.clear();
-    audio_transport_head_t h = head(2, r.ch, r.type);
-    qb_audio_oper_new_format(&ctrl, &h);
-    EXPECT_TRUE(called("chs(1,0)"));
-    EXPECT_EQ(r.mute ? 1 : 0, log.count("analog_output_mute() ")) << r.ch << " " << r.type;
-    EXPECT_EQ(r.mute ? 0 : 1, log.count("analog_output_unmute()")) << r.ch << " " << r.type;
-    EXPECT_EQ(1, static_cast<int>(calls.list.size() - 2)) << "one codec call";  // chs, codec, report
-    EXPECT_EQ(0u, calls.list[1].rfind("sh:/customer/bin/audio_codec -v ", 0));
+    SCOPED_TRACE(testing::Message() << r.ch << "ch type " << r.type << " user mute " << r.user_mute);
+    reset();
+    qb_audio_stream_input_select(QB_AUDIO_OUTPUT_ANALOG, 0, -1);
+    set_output_analog_mute(r.user_mute ? 1 : 0);
+    calls.system_result = r.system;
+    const audio_transport_head_t before = ctrl.audio_info_head;
+    bus.set_reg(kBus, kFpga, 0x52, 0x0F);
+    bus.clear_records();
+    EXPECT_EQ(r.result, run(head(2, r.ch, r.type)));
+    EXPECT_EQ(r.calls, calls.list);
+    EXPECT_EQ(r.gate, fpga_writes());
+    if (r.result == 0) {  // the run goes on with the old format
+      EXPECT_EQ(0, ctrl.in_aborting.load());
+      EXPECT_EQ(0, std::memcmp(&before, &ctrl.audio_info_head, sizeof before));
+    }
   }
 }
 
-TEST_F(NewFormat, UserMutedAnalogStaysSilentAndRunsNoCommand) {
-  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_ANALOG, 0, -1);
-  set_output_analog_mute(1);
-  audio_transport_head_t h = head(2, 2, 0x80);
-  EXPECT_EQ(1, qb_audio_oper_new_format(&ctrl, &h));
-  for (const auto& c : calls.list) EXPECT_NE(0u, c.rfind("sh:", 0)) << c;
-  set_output_analog_mute(0);
-}
-
-TEST_F(NewFormat, FailedCodecCommandKeepsTheRunAndTheOldFormat) {
-  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_ANALOG, 0, -1);
-  calls.system_result = -1;
-  const audio_transport_head_t before = ctrl.audio_info_head;
-  audio_transport_head_t h = head(2, 6, 0x80);
-  EXPECT_EQ(0, qb_audio_oper_new_format(&ctrl, &h));
-  EXPECT_EQ(0, ctrl.in_aborting.load());
-  EXPECT_EQ(0, std::memcmp(&before, &ctrl.audio_info_head, sizeof(before)));
-  EXPECT_FALSE(called("report(0,0)"));
-  EXPECT_EQ(1, log.count("audio_head_oper, system[/customer/bin/audio_codec -v 0] fail"));
-}
-
-TEST_F(NewFormat, HdmiWithoutFallbackPassesTheRecordAndReturnsToNormal) {
-  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_HDMI, 0, -1);
-  set_output_hdmi_stream_mode(1);
-  audio_transport_head_t h = head(2, 2, 0x80);
-  qb_audio_oper_new_format(&ctrl, &h);
-  EXPECT_TRUE(called("chs(3,0)"));
-  EXPECT_TRUE(called("avp(6,2)"));
-  EXPECT_TRUE(called("hdmi(0,0)"));
-  EXPECT_EQ(1, log.count(" saiSrc=4 ,  4 ; hdmi stream mode = 1"));
-}
-
-TEST_F(NewFormat, HdmiFallbackWithoutEdidStaysOnNormal) {
+TEST_F(NewFormat, HdmiFallbackDecisions) {
+  struct Row {
+    const char* name;
+    int fallback, mode;
+    bool edid;
+    int sf, ch, type, chs1, code;
+    std::vector<std::string> calls;
+  };
+  const Row rows[] = {
+      {"no fallback: back to normal", -1, 1, false, 2, 2, 0x80, 0, 0, {"chs(3,0)", "avp(6,2)", "hdmi(0,0)", "report(0,0)"}},
+      {"no edid: stays normal", 1, 1, false, 14, 8, 0x80, 0, 0, {"chs(3,0)", "hdmi(0,0)", "avp(6,14)", "report(0,0)"}},
+      {"lpcm the sink takes", 1, 0, true, 2, 2, 0x80, 0, 0, {"chs(3,0)", "avp(6,2)", "report(0,0)"}},
+      {"lpcm rate too high", 1, 0, true, 10, 2, 0x80, 0, 0, {"chs(3,0)", "hdmi(1,1)", "report(0,0)"}},
+      {"lpcm too many channels", 1, 0, true, 2, 8, 0x80, 0, 0, {"chs(3,0)", "hdmi(1,1)", "report(0,0)"}},
+      {"ac3 listed", 2, 0, true, 2, 2, 0x90, 1, 2, {"chs(3,0)", "avp(6,2)", "report(0,0)"}},
+      {"e-ac3 not listed", 2, 0, true, 2, 2, 0x90, 1, 3, {"chs(3,0)", "hdmi(1,2)", "report(0,0)"}},
+      {"no mix type", 2, 0, true, 2, 2, 0x90, 1, 200, {"chs(3,0)", "avp(6,2)", "report(0,0)"}},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    reset();
+    qb_audio_stream_input_select(QB_AUDIO_OUTPUT_HDMI, 0, r.fallback);
+    set_output_hdmi_stream_mode(r.mode);
+    if (r.edid) sink(2, 1 | 2 | 4);  // AC-3 and LPCM 2 channels up to 48 kHz
+    run(head(r.sf, r.ch, r.type, r.chs1, r.code));
+    EXPECT_EQ(r.calls, calls.list);
+  }
+  // Not listening but still fed from this stream: the record only.
+  reset();
   qb_audio_stream_input_select(QB_AUDIO_OUTPUT_HDMI, 0, 1);
-  set_output_hdmi_stream_mode(1);
-  audio_transport_head_t h = head(14, 8, 0x80);
-  qb_audio_oper_new_format(&ctrl, &h);
-  EXPECT_EQ(1, log.count("load edid file /tmp/tv.edid.bin err"));
-  EXPECT_TRUE(called("hdmi(0,0)"));
-  EXPECT_TRUE(called("avp(6,14)"));
-  EXPECT_EQ(1, log.count("s32Downmix=0"));
-}
-
-TEST_F(NewFormat, HdmiLpcmRateDecidesTheFallback) {
-  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_HDMI, 0, 1);
-  set_output_hdmi_stream_mode(0);
-  lpcm_sink(2, 1 | 2 | 4);  // 2 channels up to 48 kHz
-  audio_transport_head_t h48 = head(2, 2, 0x80);
-  qb_audio_oper_new_format(&ctrl, &h48);
-  EXPECT_FALSE(called("hdmi(1,1)"));
-  EXPECT_TRUE(called("avp(6,2)"));
-  EXPECT_EQ(1, log.count("lpcm tv[maxchannel:2,sample:7] audio[channel:2,sample:4]"));
-  calls.list.clear();
-  audio_transport_head_t h96 = head(10, 2, 0x80);
-  qb_audio_oper_new_format(&ctrl, &h96);
-  EXPECT_TRUE(called("hdmi(1,1)"));
-  EXPECT_FALSE(called("avp(6,10)"));
-  EXPECT_EQ(1, log.count("switch to fallback:1"));
-  calls.list.clear();
-  audio_transport_head_t h8ch = head(2, 8, 0x80);  // more channels than the sink takes
-  qb_audio_oper_new_format(&ctrl, &h8ch);
-  EXPECT_TRUE(called("hdmi(1,1)"));
-}
-
-TEST_F(NewFormat, HdmiBitstreamNeedsTheSinksCapability) {
-  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_HDMI, 0, 2);
-  set_output_hdmi_stream_mode(0);
-  lpcm_sink(8, 0x7F);
-  audio_transport_head_t ac3 = head(2, 2, 0x90, 1);
-  ac3.Audio_Info_Frame[0] = 2;  // AC-3: the sink lists it
-  qb_audio_oper_new_format(&ctrl, &ac3);
-  EXPECT_FALSE(called("hdmi(1,2)"));
-  calls.list.clear();
-  audio_transport_head_t ddp = head(2, 2, 0x90, 1);
-  ddp.Audio_Info_Frame[0] = 3;  // E-AC-3: not listed
-  qb_audio_oper_new_format(&ctrl, &ddp);
-  EXPECT_TRUE(called("hdmi(1,2)"));
-  calls.list.clear();
-  audio_transport_head_t bad = head(2, 2, 0x90, 1);
-  bad.Audio_Info_Frame[0] = 200;  // no mix type: no fallback
-  qb_audio_oper_new_format(&ctrl, &bad);
-  EXPECT_FALSE(called("hdmi(1,2)"));
-  EXPECT_EQ(1, log.count("cannot get audio fromat form AUD_DB of dsp"));
-}
-
-TEST_F(NewFormat, HdmiNotListeningButFedGetsTheRecordOnly) {
-  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_HDMI, 0, 1);
+  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_HDMI, 2, 1);
   qb_msic_net_stream_in_hdmi_set(4);
-  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_HDMI, 2, 1);  // listens to stream id 2 ...
-  qb_msic_net_stream_in_hdmi_set(4);                          // ... while still fed from source 4
-  audio_transport_head_t h = head(2, 2, 0x80);
-  qb_audio_oper_new_format(&ctrl, &h);
-  EXPECT_TRUE(called("avp(6,2)"));
-  EXPECT_FALSE(called("chs(3,0)"));
-}
-
-TEST_F(NewFormat, EarcDecidesOnlyInBridgeStateTwo) {
-  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_EARC, 0, 1);
-  set_output_earc_stream_mode(0);
-  calls.it6621_state = 1;
-  audio_transport_head_t hbr = head(2, 8, 0xC0, 2);
-  qb_audio_oper_new_format(&ctrl, &hbr);
-  EXPECT_TRUE(called("chs(2,0)"));
-  EXPECT_FALSE(called("earc(1,1)"));
-  EXPECT_EQ(1, log.count("it6621 status:1"));
-  calls.it6621_state = 2;
-  calls.list.clear();
-  qb_audio_oper_new_format(&ctrl, &hbr);
-  EXPECT_TRUE(called("earc(1,1)"));
+  run(head(2, 2, 0x80));
+  EXPECT_EQ((std::vector<std::string>{"avp(6,2)", "report(0,0)"}), calls.list);
 }
 
 TEST_F(NewFormat, EarcFallbackRulesAndChannelStatus) {
+  // Only in bridge state 2 (eARC) does the output decide.
   qb_audio_stream_input_select(QB_AUDIO_OUTPUT_EARC, 0, 1);
-  struct Row {
-    int chs1, chs2, chs3, code;
-    bool fallback;
-  } const rows[] = {{2, 2, 0, 0, true},  {1, 2, 0, 20, true}, {1, 2, 0, 12, false}, {0, 3, 0, 0, true},
-                    {0, 2, 0, 0, false}, {0, 2, 9, 0, true},  {3, 2, 9, 0, true},   {3, 2, 2, 0, false}};
+  calls.it6621_state = 1;
+  run(head(2, 8, 0xC0, 2));
+  EXPECT_FALSE(called("earc(1,1)"));
+  EXPECT_TRUE(called("chs(2,0)"));
+  struct Row { int chs1, chs2, chs3, code; bool fallback; };
+  const Row rows[] = {{2, 2, 0, 0, true},  {1, 2, 0, 20, true}, {1, 2, 0, 12, false}, {0, 3, 0, 0, true},
+                      {0, 2, 0, 0, false}, {0, 2, 9, 0, true},  {3, 2, 9, 0, true},   {3, 2, 2, 0, false}};
+  calls.it6621_state = 2;
   for (const Row& r : rows) {
+    SCOPED_TRACE(testing::Message() << r.chs1 << "/" << r.chs2 << "/" << r.chs3 << "/" << r.code);
     set_output_earc_stream_mode(0);
-    calls.list.clear();
-    audio_transport_head_t h = head(2, 2, 0x80, r.chs1);
+    audio_transport_head_t h = head(2, 2, 0x80, r.chs1, r.code);
     h.IEC60958_Channel_Stats[2] = static_cast<uint8_t>(r.chs2);
     h.IEC60958_Channel_Stats[3] = static_cast<uint8_t>(r.chs3);
-    h.Audio_Info_Frame[0] = static_cast<uint8_t>(r.code);
     h.Audio_Info_Frame[3] = 0x13;
-    qb_audio_oper_new_format(&ctrl, &h);
-    EXPECT_EQ(r.fallback, called("earc(1,1)")) << r.chs1 << "/" << r.chs2 << "/" << r.chs3 << "/" << r.code;
+    run(h);
+    EXPECT_EQ(r.fallback, called("earc(1,1)"));
+    // Fed from this stream: the bridge gets the five status bytes and info-frame byte 3.
+    ASSERT_EQ(6u, calls.chs.size());
+    EXPECT_EQ((std::vector<uint8_t>{static_cast<uint8_t>(r.chs1), static_cast<uint8_t>(r.chs2),
+                                    static_cast<uint8_t>(r.chs3), 0x13}),
+              (std::vector<uint8_t>{calls.chs[1], calls.chs[2], calls.chs[3], calls.chs[5]}));
   }
-  // Fed from this stream: the bridge gets the five status bytes and info-frame byte 3.
-  ASSERT_EQ(6u, calls.chs.size());
-  EXPECT_EQ(3, calls.chs[1]);
-  EXPECT_EQ(0x13, calls.chs[5]);
   EXPECT_GT(ctrl.runtime, 0);
 }
 
 TEST_F(NewFormat, SpdifFallsBackForDtsHdAndReturnsForDts) {
   qb_audio_stream_input_select(QB_AUDIO_OUTPUT_SPDIF, 0, 2);
   set_output_spdif_stream_mode(0);
-  audio_transport_head_t dtshd = head(2, 2, 0x90, 1);
-  dtshd.Audio_Info_Frame[0] = 20;
-  qb_audio_oper_new_format(&ctrl, &dtshd);
-  EXPECT_TRUE(called("chs(5,0)"));
-  EXPECT_TRUE(called("spdif(1,2)"));
-  EXPECT_EQ(1, log.count("dts-- dsp audio type value:20 spdifSupport:0"));
+  run(head(2, 2, 0x90, 1, 20));
+  EXPECT_EQ((std::vector<std::string>{"chs(5,0)", "spdif(1,2)", "report(0,0)"}), calls.list);
   set_output_spdif_stream_mode(1);
-  calls.list.clear();
-  audio_transport_head_t dts = head(2, 2, 0x90, 1);
-  dts.Audio_Info_Frame[0] = 12;
-  qb_audio_oper_new_format(&ctrl, &dts);
-  EXPECT_TRUE(called("spdif(0,0)"));
-  EXPECT_FALSE(called("it6621_chs"));
+  run(head(2, 2, 0x90, 1, 12));
+  EXPECT_EQ((std::vector<std::string>{"chs(5,0)", "spdif(0,0)", "report(0,0)"}), calls.list);
 }
 
-TEST(AudCap, SinkCapabilityTable) {
-  EXPECT_EQ(MIX_AUD_DTS, get_aud_cap(ENUM_DTS, 0));
-  EXPECT_EQ(MIX_AUD_HDX2, get_aud_cap(ENUM_DTS_HD, 0x07));
-  EXPECT_EQ(MIX_AUD_HDX, get_aud_cap(ENUM_DTS_HD, 0x03));
-  EXPECT_EQ(MIX_AUD_DTDHDMA, get_aud_cap(ENUM_DTS_HD, 0x01));
-  EXPECT_EQ(MIX_AUD_DTSHD, get_aud_cap(ENUM_DTS_HD, 0x00));
-  EXPECT_EQ(MIX_AUD_AC3, get_aud_cap(ENUM_AC3, 0));
-  EXPECT_EQ(MIX_AUD_DDP, get_aud_cap(ENUM_DDP, 0));
-  EXPECT_EQ(MIX_AUD_TRUEHD, get_aud_cap(ENUM_MAT, 0));
-  EXPECT_EQ(MIX_AUD_AAC, get_aud_cap(ENUM_AAC, 0));
-  EXPECT_EQ(MIX_AUD_INVALID, get_aud_cap(ENUM_LPCM, 0));
-}
+TEST(AudCap, SinkCapabilities) {
+  const std::pair<int, int> caps[] = {{ENUM_DTS, MIX_AUD_DTS}, {ENUM_AC3, MIX_AUD_AC3}, {ENUM_DDP, MIX_AUD_DDP},
+                                      {ENUM_MAT, MIX_AUD_TRUEHD}, {ENUM_AAC, MIX_AUD_AAC}, {ENUM_LPCM, MIX_AUD_INVALID}};
+  for (const auto& c : caps) EXPECT_EQ(c.second, get_aud_cap(static_cast<E_Audio_Format>(c.first), 0)) << c.first;
+  const std::pair<int, int> dts_hd[] = {{7, MIX_AUD_HDX2}, {3, MIX_AUD_HDX}, {1, MIX_AUD_DTDHDMA}, {0, MIX_AUD_DTSHD}};
+  for (const auto& c : dts_hd) EXPECT_EQ(c.second, get_aud_cap(ENUM_DTS_HD, static_cast<qb_u8_t>(c.first))) << c.first;
 
-TEST(AudCap, SupportExactForDolbyAtLeastForDts) {
   T_Edid_Audio_Info_ list{};
   list.u8AudioInfoNum = 2;
   list.ptAudioInfo[0].eAudioFomat = ENUM_DTS_HD;
   list.ptAudioInfo[0].u8BitFlag = 0x01;  // master audio
   list.ptAudioInfo[1].eAudioFomat = ENUM_DDP;
   EXPECT_EQ(0, aud_support(MIX_AUD_TRUEHD, nullptr));
-  EXPECT_EQ(0, aud_support(MIX_AUD_LPCM, &list));
-  EXPECT_EQ(1, aud_support(MIX_AUD_DDP, &list));
-  EXPECT_EQ(0, aud_support(MIX_AUD_AC3, &list));  // Dolby needs the exact type
-  EXPECT_EQ(1, aud_support(MIX_AUD_DTS, &list));  // DTS family: anything at least as good
-  EXPECT_EQ(1, aud_support(MIX_AUD_DTDHDMA, &list));
-  EXPECT_EQ(0, aud_support(MIX_AUD_HDX, &list));
-  EXPECT_EQ(0, aud_support(MIX_AUD_INVALID, &list));
-  list.u8AudioInfoNum = 0;  // entries past the count are not scanned
+  const std::pair<int, int> support[] = {{MIX_AUD_LPCM, 0}, {MIX_AUD_DDP, 1}, {MIX_AUD_AC3, 0},  // Dolby: exact
+                                         {MIX_AUD_DTS, 1}, {MIX_AUD_DTDHDMA, 1}, {MIX_AUD_HDX, 0},  // DTS: at least
+                                         {MIX_AUD_INVALID, 0}};
+  for (const auto& s : support) EXPECT_EQ(s.second, aud_support(s.first, &list)) << s.first;
+  // The list is read no further than its room, whatever count it claims, nor past its count.
+  list.ptAudioInfo[9] = {ENUM_AAC, ENUM_SAMPLERATE_48_FLAG, 8, 0};
+  list.u8AudioInfoNum = 200;
+  EXPECT_EQ(1, aud_support(MIX_AUD_AAC, &list));
+  list.u8AudioInfoNum = 9;
+  EXPECT_EQ(0, aud_support(MIX_AUD_AAC, &list));
+  list.u8AudioInfoNum = 0;
   EXPECT_EQ(0, aud_support(MIX_AUD_DDP, &list));
 }
 
 }  // namespace
+}  // namespace am_unit

@@ -1,0 +1,239 @@
+// Command intake: dispatch through a recording copy of the daemon's table (execution order,
+// operation choice, outer item checks), the command socket (oversized and empty datagrams) and the
+// command thread without a socket (serving port 9994 is the daemon frame integration test's).
+#include <arpa/inet.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <time.h>
+
+#include <atomic>
+#include <functional>
+#include <random>
+#include <thread>
+#include <utility>
+
+#include "am_unit.h"
+#include "qb_audio_parse.h"
+
+namespace am_unit {
+namespace {
+
+struct Item { uint32_t type; Bytes value; };
+Bytes items_bytes(const std::vector<Item>& items) {
+  Bytes out;
+  for (const Item& item : items) {
+    const Bytes head = words({item.type, static_cast<uint32_t>(item.value.size())});
+    out.insert(out.end(), head.begin(), head.end());
+    out.insert(out.end(), item.value.begin(), item.value.end());
+  }
+  return out;
+}
+// A command message: outer item of the given type holding the inner items.
+Bytes message(const std::vector<Item>& inner, uint32_t outer_type = 2) { return items_bytes({{outer_type, items_bytes(inner)}}); }
+uint32_t cmd(uint32_t id, uint32_t op) { return (id << 16) | op; }
+Bytes payload(size_t n, uint8_t first = 0x10) {
+  Bytes p(n);
+  for (size_t i = 0; i < n; ++i) p[i] = static_cast<uint8_t>(first + i);
+  return p;
+}
+
+// The daemon's rows with every handler replaced by a recorder.
+struct Call {
+  int id, op;
+  Bytes bytes;
+  bool operator==(const Call& o) const { return id == o.id && op == o.op && bytes == o.bytes; }
+};
+std::vector<Call> g_calls;
+template <int Row, int Op>
+int record_call(const void* buf, int len) {
+  const auto* p = static_cast<const uint8_t*>(buf);
+  g_calls.push_back({qb_audio_cmd_table_get()[Row].id, Op, Bytes(p, p + (len > 0 ? len : 0))});
+  return 1;
+}
+template <size_t... Rows>
+std::vector<qb_audio_cmd_operation_t> make_recording_table(std::index_sequence<Rows...>) {
+  const qb_audio_cmd_operation_t* real = qb_audio_cmd_table_get();
+  return {qb_audio_cmd_operation_t{real[Rows].id, real[Rows].fun_get ? record_call<Rows, 1> : nullptr,
+                                   real[Rows].fun_set ? record_call<Rows, 2> : nullptr,
+                                   real[Rows].fun_not ? record_call<Rows, 3> : nullptr}...};
+}
+
+class ParseDispatch : public ::testing::Test {
+ protected:
+  void SetUp() override { g_calls.clear(); }
+  // Dispatches a copy of exactly the given bytes (no slack, so a read past the end is a fault).
+  void dispatch(const Bytes& bytes) {
+    Bytes exact(bytes);
+    audio_recv_data_proc_table(exact.empty() ? nullptr : exact.data(), static_cast<int>(exact.size()), table_.data());
+  }
+  std::vector<qb_audio_cmd_operation_t> table_ = make_recording_table(std::make_index_sequence<QB_AUDIO_CMD_TABLE_ROWS>());
+  Log log;
+};
+
+TEST_F(ParseDispatch, OperationChoosesTheHandler) {
+  const Bytes p = payload(4);
+  struct Case { uint32_t id, op; std::vector<Call> calls; };
+  const Case cases[] = {
+      {2, 1, {{2, 1, p}}}, {2, 2, {{2, 2, p}}}, {2, 3, {}} /* no notify handler */, {17, 2, {}} /* no set handler */,
+      {17, 1, {{17, 1, p}}}, {8, 3, {{8, 3, p}}}, {8, 2, {}}, {2, 0, {}}, {2, 4, {}}, {2, 0xFFFF, {}}, {20, 2, {}},
+      {0, 2, {}}, {0xFFFF, 2, {}},
+  };
+  for (const Case& c : cases) {
+    g_calls.clear();
+    dispatch(message({{cmd(c.id, c.op), p}}));
+    EXPECT_EQ(g_calls, c.calls) << c.id << "/" << c.op;
+  }
+  // The mute example: 16 head bytes, twelve payload bytes to the set handler.
+  g_calls.clear();
+  const Bytes msg = message({{0x00020002, payload(12)}});
+  ASSERT_EQ(Bytes(msg.begin(), msg.begin() + 16), (Bytes{2, 0, 0, 0, 0x14, 0, 0, 0, 2, 0, 2, 0, 0x0C, 0, 0, 0}));
+  dispatch(msg);
+  EXPECT_EQ(g_calls, (std::vector<Call>{{2, 2, payload(12)}}));
+  g_calls.clear();
+  dispatch(message({{cmd(13, 2), {}}}));  // an empty payload still reaches the handler
+  EXPECT_EQ(g_calls, (std::vector<Call>{{13, 2, {}}}));
+  EXPECT_EQ(log.count("invalid cmd"), 0);
+}
+
+TEST_F(ParseDispatch, TableOrderAndFirstItemOfEachCommand) {
+  const Bytes mute = payload(12, 0x20), level = payload(4, 0x40), mac = payload(12, 0x60);
+  dispatch(message({{cmd(2, 2), mute}, {cmd(19, 2), level}, {cmd(14, 2), level}, {cmd(1, 2), mac}, {cmd(2, 2), payload(12, 0x81)}}));
+  EXPECT_EQ(g_calls, (std::vector<Call>{{1, 2, mac}, {14, 2, level}, {2, 2, mute}, {19, 2, level}}));
+  g_calls.clear();  // the first item decides even when its operation has no handler
+  dispatch(message({{cmd(17, 2), mute}, {cmd(17, 1), mute}}));
+  EXPECT_TRUE(g_calls.empty());
+}
+
+TEST_F(ParseDispatch, OuterItemChecks) {
+  const Bytes good = message({{cmd(2, 2), payload(12)}});
+  dispatch(message({{cmd(2, 2), payload(12)}}, 3));
+  EXPECT_EQ(log.count("invalid cmd"), 1);
+  auto with_length = [&](uint32_t length) {
+    Bytes msg = good;
+    std::memcpy(msg.data() + 4, &length, 4);
+    return msg;
+  };
+  for (uint32_t length : {0u, 0x80000000u, 0xFFFFFFFFu}) dispatch(with_length(length));  // dropped silently
+  EXPECT_EQ(log.lines().size(), 1u);
+  for (uint32_t length : {static_cast<uint32_t>(good.size()), 1016u, 4096u, 0x7FFFFFFFu}) dispatch(with_length(length));
+  EXPECT_EQ(log.count("invalid cmd"), 5);  // beyond the datagram: nothing read past it
+  for (size_t n = 0; n < 16; ++n) dispatch(Bytes(good.begin(), good.begin() + static_cast<long>(n)));
+  EXPECT_TRUE(g_calls.empty());
+  // Only the first outer item is looked at.
+  const Bytes second = message({{cmd(3, 2), payload(8)}});
+  Bytes bad_first = message({{cmd(2, 2), payload(12)}}, 5);
+  bad_first.insert(bad_first.end(), second.begin(), second.end());
+  dispatch(bad_first);
+  EXPECT_TRUE(g_calls.empty());
+  Bytes good_first = message({{cmd(6, 2), payload(4)}});
+  good_first.insert(good_first.end(), second.begin(), second.end());
+  dispatch(good_first);
+  EXPECT_EQ(g_calls, (std::vector<Call>{{6, 2, payload(4)}}));
+  // Random datagrams never crash (a plausible head half of the time).
+  std::mt19937 rng(20261122);
+  for (int round = 0; round < 3000; ++round) {
+    Bytes bytes(rng() % (QB_AUDIO_CMD_BUF_SIZE + 1));
+    for (uint8_t& b : bytes) b = static_cast<uint8_t>(rng());
+    if (bytes.size() >= 8 && round % 2 == 0) {
+      const uint32_t head[2] = {2, static_cast<uint32_t>(rng() % (bytes.size() + 16))};
+      std::memcpy(bytes.data(), head, 8);
+    }
+    dispatch(bytes);
+  }
+}
+
+// A message whose outer type is 3: always logged as "invalid cmd", whatever the handlers do.
+const Bytes kInvalidCmd = {0x03, 0, 0, 0, 0x0C, 0, 0, 0, 0x02, 0, 0x02, 0, 0x04, 0, 0, 0, 1, 2, 3, 4};
+
+struct sockaddr_in loopback(uint16_t port) {
+  struct sockaddr_in addr;
+  std::memset(&addr, 0, sizeof addr);
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(port);
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return addr;
+}
+bool send_to(int fd, const struct sockaddr_in& to, const Bytes& bytes) {
+  return sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const struct sockaddr*>(&to), sizeof to) ==
+         static_cast<ssize_t>(bytes.size());
+}
+
+TEST(ParseReceive, OversizedAndEmptyDatagramsAreRefusedAndTheNextOneIsServed) {
+  // An ephemeral loopback socket stands in for the daemon's command socket.
+  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  struct sockaddr_in addr = loopback(0);
+  ASSERT_EQ(bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr), 0);
+  socklen_t len = sizeof addr;
+  getsockname(fd, reinterpret_cast<struct sockaddr*>(&addr), &len);
+  audio_cmd_fd_set(fd);
+  const int tx = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  Log log;
+  Bytes full = kInvalidCmd;
+  full.resize(QB_AUDIO_CMD_BUF_SIZE, 0);
+  for (const Bytes& d : {Bytes(1500, 0x02), kInvalidCmd, Bytes{}, full}) ASSERT_TRUE(send_to(tx, addr, d));
+  // 1500 bytes: refused and drained; empty: refused; exactly the buffer size: served.
+  const int invalid_after[] = {0, 1, 1, 2};
+  for (int expect : invalid_after) {
+    EXPECT_EQ(audio_proc(), 1);
+    EXPECT_EQ(log.count("invalid cmd"), expect);
+  }
+  audio_cmd_fd_set(0);
+  close(tx);
+  close(fd);
+}
+
+// Stops the command thread with the exit flag; false when it did not end in time.
+bool stop_cmd_thread(std::thread& thread, std::atomic<bool>& ended) {
+  audio_exit_set(1);
+  const bool stopped = am_test::wait_for([&] { return ended.load(); }, 5000);
+  stopped ? thread.join() : thread.detach();
+  return stopped;
+}
+
+double process_cpu_seconds() {
+  struct timespec ts;
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+// Without a socket the loop pauses instead of spinning. Runs in a child: it uses up every
+// descriptor (after the thread exists, and gives them back before stopping it).
+int no_socket_child() {
+  AM_LOG_INFO("command thread test: descriptors used up next");  // the log's first use needs a descriptor
+  struct rlimit lim {64, 64};
+  if (setrlimit(RLIMIT_NOFILE, &lim) != 0) return 20;
+  audio_exit_set(0);
+  std::atomic<bool> go{false}, ended{false};
+  std::thread thread([&] {
+    while (!go) usleep(1000);
+    qb_cmd_audio_task1(nullptr);
+    ended = true;
+  });
+  std::vector<int> held;
+  held.reserve(64);
+  for (int fd = open("/dev/null", O_RDONLY | O_CLOEXEC); fd >= 0; fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) held.push_back(fd);
+  const double cpu_before = process_cpu_seconds();
+  go = true;
+  sleep(3);
+  const double cpu_used = process_cpu_seconds() - cpu_before;
+  for (const int fd : held) close(fd);
+  if (audio_cmd_fd_get() > 0) return 21;
+  if (cpu_used > 1.0) return 22;  // a spinning loop burns the whole 3 s
+  return stop_cmd_thread(thread, ended) ? 0 : 23;
+}
+
+TEST(ParseCmdThread, WithoutASocketTheLoopPausesInsteadOfSpinning) {
+  const pid_t pid = fork();
+  if (pid == 0) std::_Exit(no_socket_child());
+  ASSERT_GT(pid, 0);
+  int status = 0;
+  if (!am_test::wait_for([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 20000)) {
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+  }
+  EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 0) << "20 setrlimit, 21 socket made, 22 loop spins, 23 did not stop";
+}
+
+}  // namespace
+}  // namespace am_unit
