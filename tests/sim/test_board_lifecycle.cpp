@@ -18,7 +18,6 @@
 
 #include "am_test_env.h"
 #include "am_test_paths.h"
-#include "test_sim_net.h"
 
 namespace {
 
@@ -271,12 +270,12 @@ TEST_F(BoardBench, LinkedAndBridgedBoardsShareMulticast) {
   };
   const Row rows[] = {{"a", {"b"}}, {"b", {"a"}}, {"c", {"d", "e"}}, {"e", {"c", "d"}}};
   for (const Row& row : rows) {
-    std::vector<std::unique_ptr<sim_test::NsSocket>> rx;
+    std::vector<std::unique_ptr<am_test::NsSocket>> rx;
     for (const char* name : row.to) {
-      rx.push_back(std::make_unique<sim_test::NsSocket>(bench.ns(name)));
+      rx.push_back(std::make_unique<am_test::NsSocket>(bench.ns(name)));
       ASSERT_TRUE(rx.back()->listen("234.48.0.10", 59300)) << name;
     }
-    sim_test::NsSocket tx(bench.ns(row.from));
+    am_test::NsSocket tx(bench.ns(row.from));
     const std::vector<uint8_t> text(row.from, row.from + 1);
     ASSERT_TRUE(tx.send("234.48.0.10", 59300, text));
     for (size_t i = 0; i < rx.size(); ++i) {
