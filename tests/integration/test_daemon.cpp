@@ -281,6 +281,7 @@ TEST_F(Daemon, StartCommandsReportsAndShutdown) {
     EXPECT_EQ(fpga(0x11), 2);
     send_and_settle(18, kSet, words({3, 1, 1}));
     EXPECT_EQ(next(kIt6621Port), tlv_message(8, 0x00030002, le32(2)));
+    send_and_settle(19, kSet, le32(1));
     send_and_settle(11, kSet, cat(words({1, 3}), mac_field("AABBCCDDEEFF")));
     EXPECT_EQ(next(kIt6620Port), tlv_message(7, 0x00030002, le32(2)));
     send_and_settle(12, kSet, le32(0x1000));

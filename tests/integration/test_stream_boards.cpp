@@ -385,7 +385,7 @@ TEST_F(StreamBoards, BitExactDebugPipeFastCardSteeredXrunAndSigterm) {
                                      " --rate 48000 --channels 2 --size 24 | grep '^VERIFY'"));
     for (std::string kv; in >> kv;)
       if (kv.find('=') != std::string::npos) verify[kv.substr(0, kv.find('='))] = std::atol(kv.c_str() + kv.find('=') + 1);
-    EXPECT_GE(verify["seconds"], 2) << "played seconds";
+    EXPECT_GE(verify["frames"], 48000) << "a second of audio after the leading silence";
     EXPECT_EQ(verify["corrupt"], 0);
     EXPECT_EQ(verify["silenced"], 0);
     // A playback underrun drops the chunk being written; nothing else may skip.
@@ -417,8 +417,8 @@ TEST_F(StreamBoards, BitExactDebugPipeFastCardSteeredXrunAndSigterm) {
     ASSERT_TRUE(am_test::wait_for([&] { return occurrences(bench.log("rx"), recovered) > before; }, 10000, 50));
     const long played_at_recovery = bench.played_bytes();
     const std::string log = bench.log("rx");
-    // The trigger time stamp is on the monotonic clock ("uNderrun" form) and is that of the xrun:
-    // the stream had run for the whole clock phase before it.
+    // The trigger time stamp is on the monotonic clock ("uNderrun" form) and is that of the xrun,
+    // not of the start: the stream had run for well over a second before it.
     const std::string underrun = "hw:1,0 -- uNderrun!!! (at least ";
     const size_t under = log.rfind(underrun);
     ASSERT_NE(std::string::npos, under) << log.substr(log.size() > 4000 ? log.size() - 4000 : 0);
@@ -430,7 +430,7 @@ TEST_F(StreamBoards, BitExactDebugPipeFastCardSteeredXrunAndSigterm) {
     ASSERT_NE(std::string::npos, past);
     size_t digits = past;
     while (digits > 0 && isdigit(static_cast<unsigned char>(log[digits - 1]))) --digits;
-    EXPECT_GT(std::atof(log.c_str() + digits), 60000.0);
+    EXPECT_GT(std::atof(log.c_str() + digits), 1000.0);
     EXPECT_TRUE(am_test::wait_for([&] { return bench.played_bytes() > played_at_recovery + 48000 * 8; }, 10000, 100))
         << "a further second of audio played after the recovery";
     EXPECT_EQ(runs_before, occurrences(bench.log("rx"), "playback_new,")) << "the same run goes on";

@@ -57,31 +57,7 @@ TEST(NetrelayPlan, IndexListsParseMergeAndRefuse) {
   }
 }
 
-TEST(NetrelayPlan, DropExcludesOtherImpairmentsSeededRatesRepeatAndCorruptionStaysInside) {
-  Plan plan;
-  ASSERT_TRUE(plan.list(Impair::kDrop).parse("2,5"));
-  ASSERT_TRUE(plan.list(Impair::kDup).parse("5,7"));
-  for (uint64_t i = 0; i < 8; ++i) {
-    EXPECT_EQ(plan.decide(i).drop, i == 2 || i == 5) << i;
-    EXPECT_EQ(plan.decide(i).dup, i == 7) << i;  // 5 is dropped: nothing else happens to it
-  }
-  constexpr uint64_t kRuns = 100000;
-  Plan a;
-  a.set_seed(42);
-  a.set_rate(Impair::kDrop, 0.25);
-  Plan b = a;
-  b.set_rate(Impair::kDup, 0.5);  // another kind does not move the drop decisions
-  Plan c = a;
-  c.set_seed(43);
-  uint64_t dropped = 0, same_as_other_seed = 0;
-  for (uint64_t i = 0; i < kRuns; ++i) {
-    const bool drop = a.decide(i).drop;
-    ASSERT_EQ(drop, b.decide(i).drop) << i;
-    dropped += drop ? 1 : 0;
-    same_as_other_seed += (drop == c.decide(i).drop) ? 1 : 0;
-  }
-  EXPECT_NEAR(static_cast<double>(dropped) / kRuns, 0.25, 0.01);
-  EXPECT_LT(same_as_other_seed, kRuns * 9 / 10);  // another seed picks other datagrams
+TEST(NetrelayPlan, CorruptionStaysInsideTheDatagram) {
   // Corruption inverts only bytes inside the datagram: (offset, length) -> bytes of {0, 1, 2, 3}.
   const std::vector<std::tuple<size_t, size_t, std::vector<uint8_t>>> rows = {
       {1, 2, {0, 0xFE, 0xFD, 3}}, {2, 100, {0, 1, 0xFD, 0xFC}}, {4, 4, {0, 1, 2, 3}}, {3, SIZE_MAX, {0, 1, 2, 0xFC}}};
@@ -311,7 +287,7 @@ TEST_F(NetrelayWire, EachGroupToItselfNothingFromTheOutputSideCountersOnSignalAn
   ASSERT_TRUE(rx2.listen(kGroup2, kPort));
   const int zero = 0;  // the far side's own datagrams must not reach its receivers directly
   ASSERT_EQ(setsockopt(back.fd(), IPPROTO_IP, IP_MULTICAST_LOOP, &zero, sizeof zero), 0);
-  auto relay = start_relay({"--group", kGroup2, "--trace", "--reorder", "6", "--hold-ms", "200", "--duration", "8"});
+  auto relay = start_relay({"--group", kGroup2, "--trace", "--reorder", "6", "--hold-ms", "200", "--duration", "5"});
   for (uint32_t i = 0; i < 6; ++i) {
     ASSERT_TRUE(tx.send((i % 2 == 0) ? kGroup : kGroup2, kPort, datagram(i)));
     ASSERT_TRUE(back.send(kGroup, kPort, datagram(100 + i)));  // from the far side: not relayed
