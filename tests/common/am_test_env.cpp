@@ -3,7 +3,6 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <ftw.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sched.h>
@@ -19,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -29,36 +29,6 @@ namespace am_test {
 namespace {
 
 constexpr const char* kNetnsDir = "/var/run/netns/";
-
-int remove_entry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
-
-void remove_tree(const std::string& path) {
-  nftw(path.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
-}
-
-// Runs a program quietly and returns its exit status (-1 when it could not run).
-int run_quiet(const std::vector<std::string>& argv) {
-  const pid_t pid = fork();
-  if (pid < 0) {
-    return -1;
-  }
-  if (pid == 0) {
-    const int devnull = open("/dev/null", O_RDWR);
-    if (devnull >= 0) {
-      dup2(devnull, 1);
-      dup2(devnull, 2);
-    }
-    std::vector<char*> args;
-    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    execvp(args[0], args.data());
-    _exit(127);
-  }
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 // Joins the named network namespace (in a child). False on failure.
 bool join_netns(const std::string& name) {
@@ -103,22 +73,9 @@ std::string unique_netns_name() {
 // ---- files ------------------------------------------------------------------------------------
 
 bool make_dirs(const std::string& path) {
-  if (path.empty()) {
-    return false;
-  }
-  std::string partial;
-  std::stringstream ss(path);
-  std::string part;
-  if (path[0] == '/') partial = "/";
-  while (std::getline(ss, part, '/')) {
-    if (part.empty()) continue;
-    partial += part;
-    if (mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) {
-      return false;
-    }
-    partial += "/";
-  }
-  return true;
+  std::error_code ec;
+  std::filesystem::create_directories(path, ec);
+  return !path.empty() && std::filesystem::is_directory(path, ec);
 }
 
 std::string read_file(const std::string& path) {
@@ -153,6 +110,11 @@ bool wait_for(const std::function<bool()>& cond, int timeout_ms, int poll_ms) {
   }
 }
 
+int shell(const std::string& cmd) {
+  const int rc = std::system((cmd + " >/dev/null 2>&1").c_str());
+  return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+}
+
 // ---- TempRoot ---------------------------------------------------------------------------------
 
 TempRoot::TempRoot(const std::vector<std::string>& subdirs) {
@@ -181,7 +143,8 @@ TempRoot::~TempRoot() {
     unsetenv(AM_ROOT_ENV);
   }
   am_platform_reload();
-  remove_tree(path_);
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
 }
 
 bool TempRoot::write(const std::string& board_path, const std::string& content) const {
@@ -207,26 +170,20 @@ bool have_netns() {
       return false;
     }
     const std::string name = unique_netns_name();
-    if (run_quiet({"ip", "netns", "add", name}) != 0) {
+    if (shell("ip netns add " + name) != 0) {
       return false;
     }
-    run_quiet({"ip", "netns", "delete", name});
+    shell("ip netns delete " + name);
     return true;
   }();
   return available;
 }
 
 NetNs::NetNs() : name_(unique_netns_name()) {
-  if (run_quiet({"ip", "netns", "add", name_}) != 0) {
-    return;
-  }
-  ok_ = true;
-  if (run_quiet({"ip", "-n", name_, "link", "set", "lo", "up"}) != 0) {
-    ok_ = false;
-  }
+  ok_ = shell("ip netns add " + name_) == 0 && shell("ip -n " + name_ + " link set lo up") == 0;
 }
 
-NetNs::~NetNs() { run_quiet({"ip", "netns", "delete", name_}); }
+NetNs::~NetNs() { shell("ip netns delete " + name_); }
 
 int NetNs::run(const std::function<int()>& fn, int timeout_ms) const {
   fflush(nullptr);
@@ -375,6 +332,56 @@ bool UdpReceiver::receive(std::vector<uint8_t>* out, int timeout_ms) {
   }
   out->resize(static_cast<size_t>(n));
   return true;
+}
+
+// ---- NsSocket -----------------------------------------------------------------------------------
+
+NsSocket::NsSocket(const std::string& netns) {
+  std::thread t([&] {  // a thread of its own joins the namespace, the socket stays there
+    if (join_netns(netns)) fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  });
+  t.join();
+}
+
+NsSocket::~NsSocket() {
+  if (fd_ >= 0) close(fd_);
+}
+
+bool NsSocket::listen(const std::string& group, int port) {
+  const int one = 1;
+  const int zero = 0;
+  struct sockaddr_in addr;
+  memset(&addr, 0, sizeof(addr));
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  struct ip_mreqn mreq;
+  memset(&mreq, 0, sizeof(mreq));
+  return fd_ >= 0 && inet_pton(AF_INET, group.c_str(), &mreq.imr_multiaddr) == 1 &&
+         setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one)) == 0 &&
+         setsockopt(fd_, IPPROTO_IP, IP_MULTICAST_ALL, &zero, sizeof(zero)) == 0 &&
+         bind(fd_, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == 0 &&
+         setsockopt(fd_, IPPROTO_IP, IP_ADD_MEMBERSHIP, &mreq, sizeof(mreq)) == 0;
+}
+
+bool NsSocket::send(const std::string& group, int port, const std::vector<uint8_t>& datagram) {
+  struct sockaddr_in to;
+  memset(&to, 0, sizeof(to));
+  to.sin_family = AF_INET;
+  to.sin_port = htons(static_cast<uint16_t>(port));
+  return inet_pton(AF_INET, group.c_str(), &to.sin_addr) == 1 &&
+         sendto(fd_, datagram.data(), datagram.size(), 0, reinterpret_cast<struct sockaddr*>(&to), sizeof(to)) ==
+             static_cast<ssize_t>(datagram.size());
+}
+
+std::vector<std::vector<uint8_t>> NsSocket::drain(int idle_ms) {
+  std::vector<std::vector<uint8_t>> got;
+  uint8_t buf[2048];
+  struct pollfd p = {fd_, POLLIN, 0};
+  while (poll(&p, 1, idle_ms) > 0) {
+    const ssize_t n = recv(fd_, buf, sizeof(buf), MSG_DONTWAIT);
+    if (n >= 0) got.emplace_back(buf, buf + n);
+  }
+  return got;
 }
 
 }  // namespace am_test

@@ -49,6 +49,9 @@ bool write_file(const std::string& path, const std::string& content);
 // Polls cond every poll_ms until it holds (true) or timeout_ms passes (false).
 bool wait_for(const std::function<bool()>& cond, int timeout_ms, int poll_ms = 20);
 
+// Runs a shell command with its output discarded; its exit status (-1 when it did not exit).
+int shell(const std::string& cmd);
+
 // True when running as root, a network namespace can be created and AM_TEST_NO_NETNS is unset
 // (checked once).
 bool have_netns();
@@ -117,6 +120,24 @@ class UdpReceiver {
   int fd() const { return fd_; }
   // Next datagram within timeout_ms; false on time-out.
   bool receive(std::vector<uint8_t>* out, int timeout_ms);
+
+ private:
+  int fd_ = -1;
+};
+
+// A UDP socket created inside a network namespace (it stays in it for its whole life).
+class NsSocket {
+ public:
+  explicit NsSocket(const std::string& netns);
+  ~NsSocket();
+  NsSocket(const NsSocket&) = delete;
+  NsSocket& operator=(const NsSocket&) = delete;
+  int fd() const { return fd_; }
+  // Receiver: port bound, member of the multicast group through the namespace's route.
+  bool listen(const std::string& group, int port);
+  bool send(const std::string& group, int port, const std::vector<uint8_t>& datagram);
+  // Datagrams until none arrives for idle_ms.
+  std::vector<std::vector<uint8_t>> drain(int idle_ms);
 
  private:
   int fd_ = -1;

@@ -1,6 +1,7 @@
-// The qb_genlock program end to end: started under a temporary root in its own network namespace,
-// driven over UDP with raw requests, observed through the emulated I2C bus file, its log and
-// "/tmp/genlock.json".
+// The qb_genlock program end to end, started once under a temporary root in its own network
+// namespace and driven over UDP with raw requests and a playback engine's client calls; observed
+// through the emulated I2C bus file, "/tmp/genlock.json", its log (the reset walk's steps) and its
+// exit status on SIGTERM.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -79,153 +80,110 @@ int exchange(int port, const std::vector<Bytes>& requests, bool want_reply, int 
   return std::memcmp(buf, last.data(), last.size()) == 0 ? 0 : 14;
 }
 
-class GenlockService : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (!am_test::have_netns()) {
-      GTEST_SKIP() << "needs root and network namespaces";
-    }
-    root_ = std::make_unique<am_test::TempRoot>(std::vector<std::string>{"dev", "tmp"});
-    ASSERT_TRUE(root_->ok());
-    ASSERT_TRUE(root_->write("/dev/i2c-1.log", ""));
-    // Log straight to a file (unbuffered) so the test can follow it while the service runs.
-    ASSERT_TRUE(root_->write("/config/logconf/qb_genlock.conf",
-                             "log4cpp.rootCategory=INFO, file\n"
-                             "log4cpp.category.CATEGORY=INFO\n"
-                             "log4cpp.appender.file=FileAppender\n"
-                             "log4cpp.appender.file.fileName=" + std::string(kLogFile) + "\n"
-                             "log4cpp.appender.file.layout=PatternLayout\n"
-                             "log4cpp.appender.file.layout.ConversionPattern=[%p] %m%n\n"));
-    ns_ = std::make_unique<am_test::NetNs>();
-    ASSERT_TRUE(ns_->ok());
-    service_ = std::make_unique<am_test::Process>(
-        std::vector<std::string>{std::string(am_test::kBinDir) + "/qb_genlock"},
-        std::vector<std::string>{"AUDIO_MANAGER_ROOT=" + root_->path()}, ns_->name(),
-        root_->path() + "/qb_genlock.out");
-    ASSERT_TRUE(service_->started());
-    ASSERT_TRUE(am_test::wait_for([this] { return bus_lines().size() >= 71; }, 10000))
-        << service_->output();
-    // The power-up table is on the chip; wait for the socket before talking to it.
-    ASSERT_TRUE(am_test::wait_for([this] { return log_has("si5351_task pid:"); }, 10000));
-  }
-
-  void TearDown() override {
-    service_.reset();
-    ns_.reset();
-    root_.reset();
-  }
-
-  std::string log_path() const { return root_->at(kLogFile); }
-  bool log_has(const std::string& text) const {
-    return am_test::read_file(log_path()).find(text) != std::string::npos;
-  }
-  std::vector<std::string> bus_lines() const {
+TEST(GenlockService, PowerUpRequestsClientCallsResetWalkAndSigterm) {
+  if (!am_test::have_netns()) GTEST_SKIP() << "needs root and network namespaces";
+  am_test::TempRoot root({"dev", "tmp"});
+  ASSERT_TRUE(root.ok());
+  ASSERT_TRUE(root.write("/dev/i2c-1.log", ""));
+  // Log straight to a file (unbuffered) so the test can follow it while the service runs.
+  ASSERT_TRUE(root.write("/config/logconf/qb_genlock.conf",
+                         "log4cpp.rootCategory=INFO, file\n"
+                         "log4cpp.appender.file=FileAppender\n"
+                         "log4cpp.appender.file.fileName=" + std::string(kLogFile) + "\n"
+                         "log4cpp.appender.file.layout=PatternLayout\n"
+                         "log4cpp.appender.file.layout.ConversionPattern=[%p] %m%n\n"));
+  am_test::NetNs ns;
+  ASSERT_TRUE(ns.ok());
+  am_test::Process service({std::string(am_test::kBinDir) + "/qb_genlock"}, {"AUDIO_MANAGER_ROOT=" + root.path()},
+                           ns.name(), root.path() + "/qb_genlock.out");
+  ASSERT_TRUE(service.started());
+  auto log_has = [&](const std::string& text) { return am_test::read_file(root.at(kLogFile)).find(text) != std::string::npos; };
+  auto bus_lines = [&] {
     std::vector<std::string> lines;
-    std::istringstream in(am_test::read_file(root_->at("/dev/i2c-1.log")));
-    for (std::string line; std::getline(in, line);) {
-      lines.push_back(line);
-    }
+    std::istringstream in(am_test::read_file(root.at("/dev/i2c-1.log")));
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
-  }
-  MsRegs regs(int first) const {
-    const std::string bus = am_test::read_file(root_->at("/dev/i2c-1"));
+  };
+  auto regs = [&](int first) {
+    const std::string bus = am_test::read_file(root.at("/dev/i2c-1"));
     MsRegs out{};
     for (int i = 0; i < 8; ++i) {
       const size_t offset = static_cast<size_t>(kChipAddr) * 256 + first + i;
       out[i] = offset < bus.size() ? static_cast<uint8_t>(bus[offset]) : 0;
     }
     return out;
+  };
+  auto regs_become = [&](int first, const MsRegs& want) { return am_test::wait_for([&] { return regs(first) == want; }, 5000); };
+  {
+    SCOPED_TRACE("power-up table, one byte per bus message");
+    ASSERT_TRUE(am_test::wait_for([&] { return bus_lines().size() >= 71; }, 10000)) << service.output();
+    ASSERT_TRUE(am_test::wait_for([&] { return log_has("si5351_task pid:"); }, 10000));  // the socket is up
+    const std::vector<std::string> power_up = bus_lines();
+    EXPECT_EQ(power_up[0], "W 60 03 FF");
+    EXPECT_EQ(power_up[24], "W 60 1D 0E");  // PLLA P1 bits 15-8
+    EXPECT_EQ(power_up[70], "W 60 03 00");
+    EXPECT_EQ(regs(58), (MsRegs{0x00, 0x01, 0x00, 0x02, 0x80, 0x00, 0x00, 0x00}));
   }
-  bool regs_become(int first, const MsRegs& want, int timeout_ms = 3000) const {
-    return am_test::wait_for([&] { return regs(first) == want; }, timeout_ms);
+  {
+    SCOPED_TRACE("set-param is answered, then programmed; a step is not answered");
+    EXPECT_EQ(ns.run([] { return exchange(11001, {request(kSetParam, 1, 44100)}, true); }), 0);
+    EXPECT_TRUE(regs_become(42, MsRegs{0x58, 0x33, 0x20, 0x11, 0xEE, 0x00, 0x07, 0x96}));
+    EXPECT_EQ(ns.run([] { return exchange(11001, {request(kSetInc, 1, 0)}, false, 300); }), 0);
+    EXPECT_TRUE(regs_become(42, MsRegs{0xB9, 0x05, 0x20, 0x11, 0xED, 0x11, 0x67, 0x5F}));
+    const std::vector<std::string> lines = bus_lines();
+    ASSERT_GE(lines.size(), 8u);
+    EXPECT_EQ(lines[lines.size() - 8], "W 60 2A B9");
+    EXPECT_EQ(lines.back(), "W 60 31 5F");
+    EXPECT_EQ(ns.run([] { return exchange(11003, {request(kSetParam, 3, 192000)}, true); }), 0);
+    EXPECT_EQ(ns.run([] { return exchange(11003, {request(kSetDec, 3, 0)}, false, 300); }), 0);
+    EXPECT_TRUE(regs_become(58, MsRegs{0x3F, 0xFF, 0x00, 0x10, 0x4F, 0x10, 0xB2, 0x4F}));
   }
-  int run(const std::function<int()>& fn) const { return ns_->run(fn); }
-  void expect_clean_exit(int sig) {
-    ASSERT_TRUE(service_->signal(sig));
+  {
+    SCOPED_TRACE("a playback engine's client calls");
+    const int rc = ns.run([] {
+      const int fd = udp_socket_create("127.0.0.1", 11002);
+      if (fd < 0) return 1;
+      if (send_set_param(fd, 2, 96000) != 0) return 2;
+      if (set_fifo_status(fd, 2, 9600, 0) != 0) return 3;
+      if (set_decrease(fd, 2) != 0 || set_decrease(fd, 2) != 0) return 4;
+      if (set_increase(fd, 2) != 0) return 5;
+      if (set_reset(fd, 2) != 0) return 6;
+      close(fd);
+      return 0;
+    });
+    ASSERT_EQ(rc, 0);
+    EXPECT_TRUE(regs_become(50, MsRegs{0x01, 0x00, 0x10, 0x10, 0x4F, 0x00, 0x00, 0x80}));
+    EXPECT_TRUE(am_test::wait_for(
+        [&] {
+          return am_test::read_file(root.at("/tmp/genlock.json"))
+                     .find("\"analog\":{\"fifoTotal\":9600,\"fifoUsed\":0,\"ppmAdjusted\":0,") != std::string::npos;
+        },
+        5000));
+  }
+  {
+    SCOPED_TRACE("+900, then a reset: +600 at once, then one step per 2-second silence down to nominal");
+    ASSERT_EQ(ns.run([] { return exchange(11001, {request(kSetParam, 1, 192000)}, true); }), 0);
+    ASSERT_EQ(ns.run([] {
+                return exchange(11001, {request(kSetInc, 1, 0), request(kSetInc, 1, 0), request(kSetInc, 1, 0),
+                                        request(kSetReset, 1, 0)},
+                                false, 300);
+              }),
+              0);
+    EXPECT_TRUE(am_test::wait_for([&] { return log_has("ch:1 rate:192000 reset to value:600"); }, 3000));
+    EXPECT_TRUE(am_test::wait_for([&] { return log_has("ch:1 rate:192000 reset to value:300"); }, 6000));
+    EXPECT_TRUE(am_test::wait_for([&] { return log_has("ch:1 rate:192000 reset to value:0"); }, 6000));
+    EXPECT_TRUE(regs_become(42, MsRegs{0x01, 0x00, 0x00, 0x10, 0x4F, 0x00, 0x00, 0x80}));
+    const size_t writes = bus_lines().size();
+    usleep(2500 * 1000);  // one more silent period: nothing left to do
+    EXPECT_EQ(bus_lines().size(), writes);
+  }
+  {
+    SCOPED_TRACE("SIGTERM: exit status 0");
+    ASSERT_TRUE(service.signal(SIGTERM));
     int status = 0;
-    ASSERT_TRUE(service_->wait_exit(5000, &status));
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    ASSERT_TRUE(service.wait_exit(5000, &status));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   }
-
-  std::unique_ptr<am_test::TempRoot> root_;
-  std::unique_ptr<am_test::NetNs> ns_;
-  std::unique_ptr<am_test::Process> service_;
-};
-
-// The power-up table, then a set-param and steps, one byte per bus message.
-TEST_F(GenlockService, PowerUpThenSetParamAndSteps) {
-  const std::vector<std::string> power_up = bus_lines();
-  ASSERT_GE(power_up.size(), 71u);
-  EXPECT_EQ(power_up[0], "W 60 03 FF");
-  EXPECT_EQ(power_up[24], "W 60 1D 0E");  // PLLA P1 bits 15-8
-  EXPECT_EQ(power_up[70], "W 60 03 00");
-  EXPECT_EQ(regs(58), (MsRegs{0x00, 0x01, 0x00, 0x02, 0x80, 0x00, 0x00, 0x00}));
-
-  EXPECT_EQ(run([] { return exchange(11001, {request(kSetParam, 1, 44100)}, true); }), 0);
-  // The reply goes out before the chip is programmed.
-  EXPECT_TRUE(regs_become(42, MsRegs{0x58, 0x33, 0x20, 0x11, 0xEE, 0x00, 0x07, 0x96}));
-  EXPECT_TRUE(am_test::wait_for(
-      [this] { return log_has("[INFO] set param ch:1 rate:44100 --[qb_si5351.cpp:"); }, 3000));
-
-  EXPECT_EQ(run([] { return exchange(11001, {request(kSetInc, 1, 0)}, false, 300); }), 0);
-  EXPECT_TRUE(regs_become(42, MsRegs{0xB9, 0x05, 0x20, 0x11, 0xED, 0x11, 0x67, 0x5F}));
-  EXPECT_TRUE(log_has("[INFO] si5351 ch:1 rate:44100 value:300 status:increase --[qb_si5351.cpp:"));
-  // Each multisynth byte is its own one-byte message.
-  const std::vector<std::string> lines = bus_lines();
-  ASSERT_GE(lines.size(), 8u);
-  EXPECT_EQ(lines[lines.size() - 8], "W 60 2A B9");
-  EXPECT_EQ(lines.back(), "W 60 31 5F");
-
-  EXPECT_EQ(run([] { return exchange(11003, {request(kSetParam, 3, 192000)}, true); }), 0);
-  EXPECT_EQ(run([] { return exchange(11003, {request(kSetDec, 3, 0)}, false, 300); }), 0)
-      << "only the set-param request is answered";
-  EXPECT_TRUE(regs_become(58, MsRegs{0x3F, 0xFF, 0x00, 0x10, 0x4F, 0x10, 0xB2, 0x4F}));
 }
-
-// +900, then a reset: +600 at once, then one step per 2-second silence down to nominal.
-TEST_F(GenlockService, ResetWalksBackOnSilence) {
-  ASSERT_EQ(run([] { return exchange(11001, {request(kSetParam, 1, 192000)}, true); }), 0);
-  ASSERT_EQ(run([] {
-              return exchange(11001,
-                              {request(kSetInc, 1, 0), request(kSetInc, 1, 0),
-                               request(kSetInc, 1, 0), request(kSetReset, 1, 0)},
-                              false, 300);
-            }),
-            0);
-  ASSERT_TRUE(am_test::wait_for([this] { return log_has("reset to value:600"); }, 3000));
-  EXPECT_TRUE(am_test::wait_for([this] { return log_has("reset to value:300"); }, 6000));
-  EXPECT_TRUE(am_test::wait_for([this] { return log_has("reset to value:0"); }, 6000));
-  EXPECT_TRUE(regs_become(42, MsRegs{0x01, 0x00, 0x00, 0x10, 0x4F, 0x00, 0x00, 0x80}));
-  const size_t writes = bus_lines().size();
-  usleep(2500 * 1000);  // one more silent period: nothing left to do
-  EXPECT_EQ(bus_lines().size(), writes);
-}
-
-// The calls a playback engine makes, against the running service.
-TEST_F(GenlockService, ClientCallsOfAPlaybackEngine) {
-  const int rc = run([] {
-    const int fd = udp_socket_create("127.0.0.1", 11002);
-    if (fd < 0) return 1;
-    if (send_set_param(fd, 2, 96000) != 0) return 2;
-    if (set_fifo_status(fd, 2, 9600, 0) != 0) return 3;
-    if (set_decrease(fd, 2) != 0 || set_decrease(fd, 2) != 0) return 4;
-    if (set_increase(fd, 2) != 0) return 5;
-    if (set_reset(fd, 2) != 0) return 6;
-    close(fd);
-    return 0;
-  });
-  ASSERT_EQ(rc, 0);
-  EXPECT_TRUE(am_test::wait_for([this] { return log_has("si5351 ch:2 rate:96000 reset to value:0"); },
-                                3000));
-  EXPECT_TRUE(regs_become(50, MsRegs{0x01, 0x00, 0x10, 0x10, 0x4F, 0x00, 0x00, 0x80}));
-  EXPECT_NE(am_test::read_file(root_->at("/tmp/genlock.json"))
-                .find("\"analog\":{\"fifoTotal\":9600,\"fifoUsed\":0,\"ppmAdjusted\":0,"),
-            std::string::npos);
-}
-
-TEST_F(GenlockService, StopsCleanlyOnSigterm) { expect_clean_exit(SIGTERM); }
-
-TEST_F(GenlockService, StopsCleanlyOnSigint) { expect_clean_exit(SIGINT); }
 
 }  // namespace

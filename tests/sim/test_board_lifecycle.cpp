@@ -18,7 +18,6 @@
 
 #include "am_test_env.h"
 #include "am_test_paths.h"
-#include "test_sim_net.h"
 
 namespace {
 
@@ -132,7 +131,7 @@ off_t file_size(const std::string& path) {
 
 // ---- the board root (no privileges needed) --------------------------------------------------
 
-TEST(BoardRoot, CreateMakesEveryBoardFile) {
+TEST(BoardRoot, CreateMakesEveryBoardFileWithTheChosenModelAndRefusesMistakes) {
   Bench bench;
   ASSERT_TRUE(bench.ok());
   const std::string root = bench.create("root", "--model TX-A");
@@ -149,11 +148,6 @@ TEST(BoardRoot, CreateMakesEveryBoardFile) {
     EXPECT_EQ(am_test::read_file(root + "/config/logconf/" + name),
               am_test::read_file(std::string(am_test::kSourceDir) + "/config/logconf/" + name));
   }
-}
-
-TEST(BoardRoot, ModelChoicesAndRefusals) {
-  Bench bench;
-  ASSERT_TRUE(bench.ok());
   const std::string custom = bench.dir() + "/custom.json";
   ASSERT_TRUE(am_test::write_file(custom, "{\"modelNumber\": 4}"));
   const std::pair<std::string, std::string> rows[] = {  // options, boardInfo.json ("": none)
@@ -163,11 +157,10 @@ TEST(BoardRoot, ModelChoicesAndRefusals) {
       {"--board-info " + custom, "{\"modelNumber\": 4}"}};
   int n = 0;
   for (const auto& [options, info] : rows) {
-    const std::string root = bench.create("b" + std::to_string(n++), options);
-    EXPECT_EQ(am_test::read_file(root + "/misc/boardInfo.json"), info) << options;
+    const std::string other = bench.create("b" + std::to_string(n++), options);
+    EXPECT_EQ(am_test::read_file(other + "/misc/boardInfo.json"), info) << options;
   }
   // An existing, non-empty root is only reused on request.
-  const std::string root = bench.dir() + "/b0";
   EXPECT_NE(bench.run("create " + root).status, 0);
   EXPECT_EQ(bench.run("create " + root + " --force --model TR-A").status, 0);
   EXPECT_TRUE(contains(am_test::read_file(root + "/misc/boardInfo.json"), "\"TR-A\""));
@@ -271,12 +264,12 @@ TEST_F(BoardBench, LinkedAndBridgedBoardsShareMulticast) {
   };
   const Row rows[] = {{"a", {"b"}}, {"b", {"a"}}, {"c", {"d", "e"}}, {"e", {"c", "d"}}};
   for (const Row& row : rows) {
-    std::vector<std::unique_ptr<sim_test::NsSocket>> rx;
+    std::vector<std::unique_ptr<am_test::NsSocket>> rx;
     for (const char* name : row.to) {
-      rx.push_back(std::make_unique<sim_test::NsSocket>(bench.ns(name)));
+      rx.push_back(std::make_unique<am_test::NsSocket>(bench.ns(name)));
       ASSERT_TRUE(rx.back()->listen("234.48.0.10", 59300)) << name;
     }
-    sim_test::NsSocket tx(bench.ns(row.from));
+    am_test::NsSocket tx(bench.ns(row.from));
     const std::vector<uint8_t> text(row.from, row.from + 1);
     ASSERT_TRUE(tx.send("234.48.0.10", 59300, text));
     for (size_t i = 0; i < rx.size(); ++i) {

@@ -1,0 +1,336 @@
+// The built daemon as a process under a temporary board root, in a network namespace of its own,
+// with fake peers on the loopback ports of the bridge services (8380, 8382), the video processor
+// (9991), the scaler (8370) and cmd_core's report port (9995). One TR-A daemon walks start-up (the
+// init list's bus writes), refused and accepted commands (FPGA registers, codec calls, peer
+// datagrams), channel reports, a datagram that is no command, and SIGTERM with SIGINT right after
+// it; a second, RX board without log configuration or /tmp gets no DSP routes and ends on SIGTSTP.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "am_test_env.h"
+#include "am_test_paths.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+constexpr int kCmdPort = 9994;
+constexpr int kIt6620Port = 8380;
+constexpr int kIt6621Port = 8382;
+constexpr int kAvpPort = 9991;
+constexpr int kMdinPort = 8370;
+constexpr int kReportPort = 9995;
+constexpr int kPeerPorts[] = {kIt6620Port, kIt6621Port, kAvpPort, kMdinPort, kReportPort};
+constexpr int kFpga = 0x48;
+constexpr int kSet = 2;
+constexpr int kGet = 1;
+constexpr int kNotify = 3;
+constexpr int kExpectMs = 5000;
+constexpr int kQuietMs = 300;
+constexpr int kStartMs = 20000;
+constexpr int kExitMs = 20000;
+
+const std::vector<std::string> kUnmuteAll = {"W 48 52 FF", "W 48 53 FF", "W 48 55 FF", "W 48 56 FF", "W 48 57 FF",
+                                             "W 48 58 FF", "W 48 59 FF", "W 48 5A FF", "W 48 5B FF"};
+const std::vector<std::string> kDspRoutes = {"W 48 17 03", "W 48 11 08"};
+
+Bytes cat(Bytes a, const Bytes& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+Bytes words(std::initializer_list<uint32_t> values) {
+  Bytes out;
+  for (uint32_t v : values) out.insert(out.end(), reinterpret_cast<uint8_t*>(&v), reinterpret_cast<uint8_t*>(&v) + 4);
+  return out;
+}
+Bytes le32(uint32_t v) { return words({v}); }
+Bytes text(const std::string& s) { return Bytes(s.begin(), s.end()); }
+Bytes mac_field(const std::string& mac) {  // a 16-byte MAC field
+  Bytes b = text(mac);
+  b.resize(16, 0);
+  return b;
+}
+// {outer: {key: value}} as the daemon's peers receive it.
+Bytes tlv_message(int32_t outer, int32_t key, const Bytes& value) {
+  return cat(words({static_cast<uint32_t>(outer), static_cast<uint32_t>(8 + value.size()), static_cast<uint32_t>(key),
+                    static_cast<uint32_t>(value.size())}),
+             value);
+}
+// A channel information payload: channel id and a 20-byte format record (audio on, 24 bits).
+Bytes channel_note(int32_t ch, int sf, int validch) {
+  Bytes rec(20, 0);
+  rec[0] = 1;
+  rec[1] = static_cast<uint8_t>(sf);
+  rec[2] = static_cast<uint8_t>(validch);
+  rec[3] = 24;
+  rec[4] = 2;
+  rec[8] = 0x80;
+  return cat(le32(static_cast<uint32_t>(ch)), rec);
+}
+std::string entry(const std::string& port, int channels, int hz) {
+  return "{\"channels\":" + std::to_string(channels) + ",\"encodingType\":\"LPCM\",\"format\":\"LPCM\",\"port\":\"" +
+         port + "\",\"sampleFrequency\":" + std::to_string(hz) + ",\"sampleSize\":24,\"state\":\"on\"}";
+}
+std::vector<std::string> lines_of(const std::string& all) {
+  std::vector<std::string> out;
+  std::istringstream in(all);
+  for (std::string l; std::getline(in, l);)
+    if (!l.empty()) out.push_back(l);
+  return out;
+}
+int count_of(const std::string& all, const std::string& needle) {
+  int n = 0;
+  for (size_t at = all.find(needle); at != std::string::npos; at = all.find(needle, at + 1)) ++n;
+  return n;
+}
+
+// A board root with a register file for the FPGA bus and recording stand-ins for the programs.
+std::unique_ptr<am_test::TempRoot> board_root(const std::string& model, bool log_config) {
+  auto root = std::make_unique<am_test::TempRoot>(
+      log_config ? std::vector<std::string>{"dev", "tmp", "misc", "home"} : std::vector<std::string>{"dev", "misc"});
+  bool ok = root->ok() && root->write("/misc/boardInfo.json", "{\"modelNumber\": \"" + model + "\"}") &&
+            root->write("/dev/i2c-2", std::string(65536, '\0')) && root->write("/dev/i2c-2.log", "");
+  if (log_config) {
+    const std::string conf = am_test::read_file(std::string(am_test::kSourceDir) + "/config/logconf/audio_manager.conf");
+    ok = ok && !conf.empty() && root->write("/config/logconf/audio_manager.conf", conf);
+  }
+  for (const char* prog : {"audio_codec", "myaplay"}) {
+    const std::string path = std::string("/customer/bin/") + prog;
+    ok = ok && root->write(path, "#!/bin/sh\necho \"$*\" >> \"$0.args\"\n") && chmod(root->at(path).c_str(), 0755) == 0;
+  }
+  EXPECT_TRUE(ok);
+  return root;
+}
+
+class Daemon : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!am_test::have_netns()) GTEST_SKIP() << "needs root and network namespaces";
+    ASSERT_TRUE(ns_.ok());
+    // The test thread joins the namespace to play the peers and cmd_core.
+    home_fd_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+    const int ns_fd = open(("/var/run/netns/" + ns_.name()).c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(home_fd_, 0);
+    ASSERT_GE(ns_fd, 0);
+    ASSERT_EQ(setns(ns_fd, CLONE_NEWNET), 0);
+    close(ns_fd);
+    joined_ = true;
+    for (int port : kPeerPorts) {
+      peers_[port] = std::make_unique<am_test::UdpReceiver>(port);
+      ASSERT_TRUE(peers_[port]->ok()) << port;
+    }
+    cmd_fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(cmd_fd_, 0);
+  }
+  void TearDown() override {
+    daemon_.reset();
+    peers_.clear();
+    if (cmd_fd_ >= 0) close(cmd_fd_);
+    if (joined_) setns(home_fd_, CLONE_NEWNET);
+    if (home_fd_ >= 0) close(home_fd_);
+    root_.reset();
+  }
+
+  void start(const std::string& model, bool log_config) {
+    root_ = board_root(model, log_config);
+    daemon_ = std::make_unique<am_test::Process>(
+        std::vector<std::string>{std::string(am_test::kBinDir) + "/audio_manager"},
+        std::vector<std::string>{"AUDIO_MANAGER_ROOT=" + root_->path(), "HOME=" + root_->path() + "/home"}, ns_.name(),
+        root_->path() + "/daemon.out");
+    ASSERT_TRUE(daemon_->started());
+    ASSERT_TRUE(am_test::wait_for([&] { return count_of(log(), "audio manager init done") > 0; }, kStartMs)) << log();
+  }
+  // The log file, or the console output when the board has no log configuration.
+  std::string log() const {
+    const std::string file = am_test::read_file(root_->at("/tmp/audio_manager.log"));
+    return file.empty() ? daemon_->output() : file;
+  }
+  bool wait_log(const std::string& needle, int count = 1) {
+    return am_test::wait_for([&] { return count_of(log(), needle) >= count; }, kExpectMs);
+  }
+  std::vector<std::string> bus() const { return lines_of(am_test::read_file(root_->at("/dev/i2c-2.log"))); }
+  uint8_t fpga(int reg) const {
+    const std::string regs = am_test::read_file(root_->at("/dev/i2c-2"));
+    const size_t at = static_cast<size_t>(kFpga * 256 + reg);
+    return at < regs.size() ? static_cast<uint8_t>(regs[at]) : 0;
+  }
+  std::vector<std::string> codec_calls() const {
+    return lines_of(am_test::read_file(root_->at("/customer/bin/audio_codec.args")));
+  }
+
+  void send_raw(const Bytes& msg) {
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(kCmdPort);
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(sendto(cmd_fd_, msg.data(), msg.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to),
+              static_cast<ssize_t>(msg.size()));
+  }
+  // One command datagram: outer type 2 holding one item of (id << 16 | op) with the payload.
+  void send(int id, int op, const Bytes& payload) {
+    const Bytes item = cat(words({static_cast<uint32_t>(id << 16 | op), static_cast<uint32_t>(payload.size())}), payload);
+    send_raw(cat(words({2, static_cast<uint32_t>(item.size())}), item));
+  }
+  // Sends a command, then a marker command whose log line shows the first one was handled.
+  void send_and_settle(int id, int op, const Bytes& payload) {
+    send(id, op, payload);
+    const std::string marker = "input_src_mac_get," + std::to_string(++marker_);
+    send(1, kGet, Bytes(static_cast<size_t>(marker_), 0));
+    ASSERT_TRUE(wait_log(marker + " --[")) << "command " << id << " not handled";
+  }
+  Bytes next(int port) {
+    Bytes out;
+    if (!peers_[port]->receive(&out, kExpectMs)) out.clear();
+    return out;
+  }
+  bool quiet(int port) {
+    Bytes out;
+    return !peers_[port]->receive(&out, kQuietMs);
+  }
+  std::string next_report() {
+    const Bytes d = next(kReportPort);
+    if (d.size() < 17) return "";
+    EXPECT_EQ(Bytes(d.begin(), d.begin() + 4), le32(2));
+    EXPECT_EQ(Bytes(d.begin() + 8, d.begin() + 12), le32(0x00040502));
+    EXPECT_EQ(d.back(), 0);
+    return std::string(reinterpret_cast<const char*>(d.data() + 16), d.size() - 17);
+  }
+  void expect_exit_zero(std::initializer_list<int> signals) {
+    for (int sig : signals) daemon_->signal(sig);
+    int status = -1;
+    ASSERT_TRUE(daemon_->wait_exit(kExitMs, &status)) << "the daemon was suspended or kept running";
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  }
+
+  am_test::NetNs ns_;
+  std::unique_ptr<am_test::TempRoot> root_;
+  std::unique_ptr<am_test::Process> daemon_;
+  std::map<int, std::unique_ptr<am_test::UdpReceiver>> peers_;
+  int cmd_fd_ = -1;
+  int home_fd_ = -1;
+  bool joined_ = false;
+  int marker_ = 100;
+};
+
+TEST_F(Daemon, StartCommandsReportsAndShutdown) {
+  ASSERT_NO_FATAL_FAILURE(start("TR-A", true));
+  {
+    SCOPED_TRACE("start-up: codec started, every gate opened, then the DSP routes of boards 1 and 3");
+    EXPECT_EQ(codec_calls(), std::vector<std::string>{"--start"});
+    std::vector<std::string> want = kUnmuteAll;
+    want.insert(want.end(), kDspRoutes.begin(), kDspRoutes.end());
+    const std::vector<std::string> got = bus();
+    ASSERT_GE(got.size(), want.size());
+    EXPECT_EQ(std::vector<std::string>(got.begin(), got.begin() + static_cast<long>(want.size())), want);
+    for (int r : {0x52, 0x53, 0x55, 0x56, 0x57, 0x58, 0x59, 0x5A, 0x5B}) EXPECT_EQ(fpga(r), 0xFF) << r;
+    EXPECT_EQ(fpga(0x17), 0x03);
+    EXPECT_EQ(fpga(0x11), 0x08);
+  }
+  {
+    SCOPED_TRACE("refused: wrong record sizes and out-of-range values reach no register, codec or peer");
+    struct Row {
+      int id, op, size;
+    };
+    const Row rows[] = {{14, kSet, 4}, {2, kSet, 12},    {3, kSet, 8},   {4, kGet, 8},  {5, kSet, 8},  {6, kSet, 4},
+                        {7, kSet, 4},  {8, kNotify, 24}, {9, kSet, 12},  {10, kSet, 24}, {11, kSet, 24}, {12, kSet, 4},
+                        {16, kSet, 12}, {17, kGet, 4},   {18, kSet, 12}, {19, kSet, 4}};
+    for (const Row& r : rows)
+      for (int len : {0, 1, r.size - 1, r.size + 1, 1000}) send_and_settle(r.id, r.op, Bytes(static_cast<size_t>(len), 1));
+    send_and_settle(13, kSet, Bytes{});
+    send_and_settle(15, kSet, Bytes{});
+    send_and_settle(1, kSet, text("0011223F445"));
+    send_and_settle(3, kSet, words({4, 0x55}));
+    send_and_settle(3, kSet, words({0xFFFFFFFF, 0x55}));
+    send_and_settle(14, kSet, le32(3));
+    send_and_settle(4, kSet, words({7, 0}));
+    send_and_settle(11, kSet, cat(words({5, 1}), mac_field("001122334455")));
+    send_and_settle(11, kSet, cat(words({0xFFFFFFFF, 1}), mac_field("001122334455")));
+    for (int reg : {0x20, 0x21, 0x22, 0x23, 0x24, 0x25, 0x26, 0x27, 0x50}) EXPECT_EQ(fpga(reg), 0) << reg;
+    EXPECT_EQ(codec_calls(), std::vector<std::string>{"--start"});
+    for (int port : kPeerPorts) EXPECT_TRUE(quiet(port)) << port;
+  }
+  {
+    SCOPED_TRACE("commands: codec calls, FPGA registers and peer requests");
+    send_and_settle(6, kSet, le32(0));  // volume 0 as the first command runs nothing
+    send_and_settle(6, kSet, le32(30));
+    send_and_settle(6, kSet, le32(30));  // a repeat runs nothing
+    send_and_settle(7, kSet, le32(2));
+    EXPECT_EQ(codec_calls(), (std::vector<std::string>{"--start", "-v 30", "-f 2"}));
+    send_and_settle(14, kSet, le32(1));
+    EXPECT_EQ(fpga(0x50), 1);
+    send_and_settle(3, kSet, words({1, 0x1234}));
+    EXPECT_EQ(fpga(0x24), 0x34);
+    EXPECT_EQ(fpga(0x25), 0x12);
+    send_and_settle(4, kSet, words({0, 0}));
+    EXPECT_EQ(fpga(0x11), 2);
+    send_and_settle(18, kSet, words({3, 1, 1}));
+    EXPECT_EQ(next(kIt6621Port), tlv_message(8, 0x00030002, le32(2)));
+    send_and_settle(19, kSet, le32(1));
+    send_and_settle(11, kSet, cat(words({1, 3}), mac_field("AABBCCDDEEFF")));
+    EXPECT_EQ(next(kIt6620Port), tlv_message(7, 0x00030002, le32(2)));
+    send_and_settle(12, kSet, le32(0x1000));
+    EXPECT_EQ(next(kIt6620Port), tlv_message(7, 0x00020002, le32(0x1000)));
+    send_and_settle(9, kSet, words({1, 2, 0}));
+    EXPECT_EQ(next(kAvpPort), tlv_message(3, 0x80802, text("{\"hdmi_out_audio_src\":\"multi-channel-local\"}")));
+    for (int id : {2, 3, 5, 6, 7, 18}) send_and_settle(id, kGet, words({1, 2, 3}));  // gets with nothing to say
+    for (int port : kPeerPorts) EXPECT_TRUE(quiet(port)) << port;
+    EXPECT_EQ(codec_calls().size(), 3u);
+  }
+  {
+    SCOPED_TRACE("reports: a changed input alone, nothing for a repeat, every port on a full request");
+    send(8, kNotify, channel_note(3, 10, 8));
+    EXPECT_EQ(next_report(), "{\"status\":{\"input\":[" + entry("hdmi", 8, 96000) + "]}}\n");
+    send_and_settle(8, kNotify, channel_note(3, 10, 8));
+    EXPECT_TRUE(quiet(kReportPort));
+    send(17, kGet, le32(0xFFFF));
+    const std::string details = next_report();
+    EXPECT_EQ(details.find("{\"status\":{\"input\":[" + entry("analog", 2, 48000) + ","), 0u) << details;
+    EXPECT_NE(details.find(entry("hdmi", 8, 96000)), std::string::npos) << details;
+    size_t at = details.find("\"output\":[");
+    ASSERT_NE(at, std::string::npos) << details;
+    for (const char* port : {"\"analog\"", "\"earc\"", "\"hdmi\"", "\"spdif\""}) {
+      at = details.find(port, at);
+      EXPECT_NE(at, std::string::npos) << port;
+    }
+    send_and_settle(8, kNotify, channel_note(7, 2, 2));  // a network input: nothing new to report
+    send_and_settle(8, kNotify, channel_note(9, 2, 2));  // no such channel
+    EXPECT_TRUE(quiet(kReportPort));
+  }
+  {
+    SCOPED_TRACE("a datagram that is no command message");
+    send_raw({0x03, 0, 0, 0, 0x14, 0, 0, 0, 0x02, 0, 0x02, 0, 0x0C, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0});
+    EXPECT_TRUE(wait_log("invalid cmd --[")) << log();
+  }
+  {
+    SCOPED_TRACE("SIGTERM and, right after it, SIGINT: one shutdown with status 0");
+    ASSERT_TRUE(daemon_->running()) << log();
+    expect_exit_zero({SIGTERM, SIGINT});
+  }
+}
+
+TEST_F(Daemon, RxBoardWithoutLogConfigurationGetsNoDspRoutesAndStopsOnSigtstp) {
+  ASSERT_NO_FATAL_FAILURE(start("RX", false));
+  const std::vector<std::string> got = bus();
+  ASSERT_GE(got.size(), kUnmuteAll.size());
+  EXPECT_EQ(std::vector<std::string>(got.begin(), got.begin() + static_cast<long>(kUnmuteAll.size())), kUnmuteAll);
+  EXPECT_TRUE(got.size() == kUnmuteAll.size() || got[kUnmuteAll.size()] != kDspRoutes[0]) << got[kUnmuteAll.size()];
+  expect_exit_zero({SIGTSTP});  // ends the daemon for good: it is not suspended
+}
+
+}  // namespace

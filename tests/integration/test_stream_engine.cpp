@@ -1,0 +1,261 @@
+// The streaming engines on the virtual sound card. End to end: a capture engine in one network
+// namespace streams the card's test pattern through the impairing relay to a playback engine in
+// another. A dropped, a truncated and a corrupted datagram are each played as exactly their 1408
+// bytes of silence with the stream kept aligned and the loss counted; a gap above 5120 bytes ends
+// the run; then a new format is adopted and ends the run. On the card alone: the playback
+// negotiation and a short write padded to a whole chunk.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "am_test_env.h"
+#include "am_test_paths.h"
+#include "audio_packet_loss_statistics.h"
+#include "qb_audio_buf.h"
+#include "qb_audio_main.h"
+#include "qb_audio_misc.h"
+#include "qb_audio_oper.h"
+#include "qb_audio_oper_playback.h"
+
+namespace {
+
+constexpr const char* kGroup = "239.77.0.2";
+constexpr uint32_t kFrameMask = 0x1FFFFF;  // the pattern's frame counter in S24_LE samples
+constexpr int kRate48k = 2;                // sample frequency codes of the format record
+constexpr int kRate96k = 10;
+constexpr int kLossUnit = 128;
+constexpr int kEndedByItself = 100;
+constexpr size_t kDatagramFrames = 176;  // 1408 bytes of stereo 32-bit audio
+constexpr uint32_t kChunkFrames = 240;
+
+std::string amsim_conf() { return std::string(am_test::kLibDir) + "/asound.conf"; }
+bool have_card() { return access(amsim_conf().c_str(), R_OK) == 0; }
+// ALSA through the virtual card, with a private HOME under the board root.
+void use_card(const am_test::TempRoot& root) {
+  setenv("ALSA_CONFIG_PATH", ("/usr/share/alsa/alsa.conf:" + amsim_conf()).c_str(), 1);
+  setenv("HOME", root.at("/home").c_str(), 1);
+}
+
+// Answers every request on 127.0.0.1:11000, as the genlock service does.
+void fake_genlock(std::atomic<bool>* stop) {
+  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  struct sockaddr_in addr {};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(11000);
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+  struct timeval tv = {0, 100000};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+  while (!stop->load()) {
+    char buf[64];
+    struct sockaddr_in from;
+    socklen_t len = sizeof(from);
+    const ssize_t n = recvfrom(fd, buf, sizeof(buf), 0, reinterpret_cast<sockaddr*>(&from), &len);
+    if (n > 0) sendto(fd, buf, static_cast<size_t>(n), 0, reinterpret_cast<sockaddr*>(&from), len);
+  }
+  close(fd);
+}
+
+// One engine run of at most `ms` (inside a namespace). Capture: the run's result (100 - result
+// when negative). Playback at 48 kHz: the loss recorded for stream 0 in units of 128 bytes (99 at
+// most), plus 100 when the run ended by itself. Playback at another rate: 0 when the run ended on
+// the 48 kHz header and the channel now holds that format.
+int run_engine(bool capture, int ms, int rate_code = kRate48k) {
+  audio_board_id_set(1);
+  qb_audio_misc_init();
+  qb_audio_info r;
+  std::memset(&r, 0, sizeof(r));
+  r.Audio_On = 1;
+  r.SampleFrequency = static_cast<qb_s8_t>(capture ? kRate48k : rate_code);
+  r.ValidCh = 2;
+  r.SampleSize = 24;
+  r.io_in_use = 2;
+  r.Audio_Type = static_cast<qb_s8_t>(0x80);
+  r.ChStat[2] = 2;
+  qb_audio_channel_state_set(capture ? QB_AUDIO_CHN_NSO1 : QB_AUDIO_CHN_NSI1, &r);
+  static qb_audio_oper_ctrl_t ctrl;
+  std::atomic<bool> stop{false};
+  std::thread genlock(fake_genlock, &stop);
+  std::atomic<int> result{99};
+  std::thread engine([&] {
+    result = capture ? qb_audio_oper_capture(&ctrl, "hw:1,0", kGroup) : qb_audio_oper_playback(&ctrl, "hw:1,0", kGroup);
+  });
+  for (int waited = 0; waited < ms && result.load() == 99; waited += 10) usleep(10000);
+  const bool ended_by_itself = result.load() != 99;
+  qb_audio_oper_abort(&ctrl);
+  engine.join();
+  stop = true;
+  genlock.join();
+  if (capture) return result.load() < 0 ? 100 - result.load() : result.load();
+  if (rate_code != kRate48k) {
+    qb_audio_info now;
+    qb_audio_channel_state_copy(QB_AUDIO_CHN_NSI1, &now);
+    return now.SampleFrequency == kRate48k && ctrl.audio_info_head.Sample_Frequency == kRate48k ? 0 : 98;
+  }
+  AUDIO_LOSS_INFO_T info;
+  std::memset(&info, 0, sizeof(info));
+  audio_loss_info_get(0, &info);
+  const int units = info.lossBytesTotal % kLossUnit != 0 ? 99 : static_cast<int>(info.lossBytesTotal / kLossUnit);
+  return (ended_by_itself ? kEndedByItself : 0) + std::min(units, 99);
+}
+
+// The played file: the pattern in order, with `gaps` runs of exactly one datagram's zero frames
+// that keep the frame count; an underrun may drop whole chunks, anything else is a fault.
+void expect_bridged_gaps(const std::string& played, size_t gaps) {
+  const auto* s = reinterpret_cast<const uint8_t*>(played.data());
+  const size_t frames = played.size() / 8;
+  auto sample = [&](size_t f, int ch) {
+    uint32_t v;
+    std::memcpy(&v, s + f * 8 + ch * 4, 4);
+    return v;
+  };
+  auto silent = [&](size_t f) { return sample(f, 0) == 0 && sample(f, 1) == 0; };
+  size_t f = 0;
+  while (f < frames && silent(f)) ++f;
+  ASSERT_LT(f, frames) << "nothing played";
+  uint32_t want = sample(f, 0) & kFrameMask;
+  size_t zero_runs = 0, good = 0;
+  while (f < frames) {
+    if (silent(f)) {
+      size_t n = 0;
+      while (f + n < frames && silent(f + n)) ++n;
+      if (f + n == frames) break;  // the end of the stream
+      EXPECT_EQ(kDatagramFrames, n) << "zero frames at frame " << f;
+      ++zero_runs;
+      want = (want + static_cast<uint32_t>(n)) & kFrameMask;
+      f += n;
+      continue;
+    }
+    if ((sample(f, 0) & kFrameMask) != want) {
+      ASSERT_EQ(0u, ((sample(f, 0) & kFrameMask) - want) % kChunkFrames) << "frame " << f;
+      want = sample(f, 0) & kFrameMask;
+    }
+    ASSERT_EQ(want | (1u << 21) | (0x20u << 24), sample(f, 1)) << "channel 1 aligned at frame " << f;  // tag 0x20
+    want = (want + 1) & kFrameMask;
+    ++good;
+    ++f;
+  }
+  EXPECT_EQ(gaps, zero_runs);
+  EXPECT_GT(good, 48000u) << "a second of audio";
+}
+
+TEST(StreamEngine, ThroughTheRelayLossIsBridgedALongGapEndsTheRunANewFormatIsAdopted) {
+  if (!am_test::have_netns()) GTEST_SKIP() << "needs root and network namespaces";
+  if (!have_card()) GTEST_SKIP() << "the virtual sound card is not built";
+  const std::string relay_bin = std::string(am_test::kBinDir) + "/netrelay";
+  if (access(relay_bin.c_str(), X_OK) != 0) GTEST_SKIP() << "no netrelay";
+  am_test::TempRoot root({"dev", "tmp", "home", "misc"});
+  am_test::NetNs tx, mid, rx;
+  ASSERT_TRUE(root.ok() && tx.ok() && mid.ok() && rx.ok());
+  // tx.eth0 <-> mid.vt and mid.vr <-> rx.eth0; the relay in mid forwards vt to vr.
+  const std::string t = "ip -n " + tx.name() + " ", m = "ip -n " + mid.name() + " ", r = "ip -n " + rx.name() + " ";
+  for (const std::string& cmd :
+       {t + "link add eth0 type veth peer name vt netns " + mid.name(),
+        r + "link add eth0 type veth peer name vr netns " + mid.name(), t + "addr add 10.78.1.1/24 dev eth0",
+        m + "addr add 10.78.1.2/24 dev vt", r + "addr add 10.78.2.1/24 dev eth0", m + "addr add 10.78.2.2/24 dev vr",
+        t + "link set eth0 up", r + "link set eth0 up", m + "link set vt up", m + "link set vr up",
+        t + "route add 224.0.0.0/4 dev eth0", r + "route add 224.0.0.0/4 dev eth0"})
+    ASSERT_EQ(0, am_test::shell(cmd)) << cmd;
+  use_card(root);
+  setenv("AMSIM_OUTFILE_PLAY1", "/tmp/play1.raw", 1);
+  // Datagrams alternate 1408 and 512 bytes (chunks of 1920): 300, 500 and 700 carry 1408 each;
+  // 900-907 are 4 x 1408 + 4 x 512 = 7680 bytes. 500 is cut below its header, 700 has its
+  // Packet_Size field inverted.
+  am_test::Process relay({relay_bin, "--group", kGroup, "--in", "vt", "--out", "vr", "--ready", root.at("/tmp/ready"),
+                          "--drop", "300,900-907", "--truncate", "500", "--truncate-to", "40", "--corrupt", "700",
+                          "--corrupt-offset", "12", "--corrupt-len", "2"},
+                         {}, mid.name(), root.at("/tmp/relay.out"));
+  ASSERT_TRUE(am_test::wait_for([&] { return access(root.at("/tmp/ready").c_str(), F_OK) == 0; }, 10000));
+  // The receiver joins the group first; the sender runs long enough to pass datagram 907 however
+  // slowly it starts.
+  auto stream = [&](int rate_code) {
+    std::atomic<int> code{-1};
+    std::thread receiver([&] { code = rx.run([&] { return run_engine(false, 12000, rate_code); }, 30000); });
+    usleep(1500 * 1000);
+    tx.run([] { return run_engine(true, 5000); }, 30000);
+    receiver.join();
+    return code.load();
+  };
+  {
+    SCOPED_TRACE("loss bridged by exactly the lost bytes, malformed datagrams dropped, a gap above 5120 ends the run");
+    EXPECT_EQ(kEndedByItself + (3 * 1408 + 7680) / kLossUnit, stream(kRate48k)) << am_test::read_file(root.at("/tmp/relay.out"));
+    expect_bridged_gaps(am_test::read_file(root.at("/tmp/play1.raw")), 3);
+  }
+  {
+    SCOPED_TRACE("a receiver expecting 96 kHz adopts the 48 kHz header, which ends its run");
+    EXPECT_EQ(0, stream(kRate96k));
+  }
+  unsetenv("AMSIM_OUTFILE_PLAY1");
+}
+
+// ---- the playback engine on the card alone ----------------------------------------------------
+
+class Card : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!have_card()) GTEST_SKIP() << "the virtual sound card is not built";
+    use_card(root);
+  }
+  // Opens the card and negotiates; set_params_play's result (-100 when the card did not open).
+  int open_and_set() {
+    qb_audio_oper_default(&ctrl);
+    ctrl.pcm_name = "hw:1,0";
+    ctrl.stream = SND_PCM_STREAM_PLAYBACK;
+    ctrl.open_mode = SND_PCM_NONBLOCK;
+    ctrl.file_param_num = 1;
+    return qb_audio_oper_general_init(&ctrl) != 0 ? -100 : set_params_play(&ctrl);
+  }
+  void TearDown() override {
+    if (ctrl.init || ctrl.handle != nullptr) qb_audio_oper_general_uninit(&ctrl);
+    unsetenv("AMSIM_MAX_BUFFER_BYTES_PLAY1");
+  }
+  am_test::TempRoot root{{"dev", "tmp", "home"}};
+  qb_audio_oper_ctrl_t ctrl;
+};
+
+TEST_F(Card, NegotiationFollowsTheLargestBufferTheCardOffers) {
+  struct Row {
+    const char* max_buffer_bytes;  // the card's limit ("" none)
+    int result;
+    unsigned buffer_time, period_time, chunk_size;
+  };
+  const Row rows[] = {
+      {"", 0, 200000, 5000, 240},
+      {"13440", 0, 30000, 7500, 360},  // 35 ms: rounded down to 30 ms, with longer periods
+      {"3832", -1, 0, 0, 0},           // 9979 us: below 10 ms nothing can play
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.max_buffer_bytes);
+    if (*row.max_buffer_bytes != '\0') setenv("AMSIM_MAX_BUFFER_BYTES_PLAY1", row.max_buffer_bytes, 1);
+    EXPECT_EQ(row.result, open_and_set());
+    if (row.result == 0) {
+      EXPECT_EQ(row.buffer_time, ctrl.buffer_time);
+      EXPECT_EQ(row.period_time, ctrl.period_time);
+      EXPECT_EQ(row.chunk_size, ctrl.chunk_size);
+    }
+    qb_audio_oper_general_uninit(&ctrl);
+  }
+  // A short write is padded with silence to a whole chunk.
+  unsetenv("AMSIM_MAX_BUFFER_BYTES_PLAY1");
+  ASSERT_EQ(0, open_and_set());
+  EXPECT_EQ(1440, ctrl.start_delay);
+  EXPECT_EQ(70u, ctrl.pAudBuf->slot_count());
+  std::vector<uint8_t> chunk(ctrl.chunk_bytes, 0x11);
+  EXPECT_EQ(static_cast<snd_pcm_sframes_t>(ctrl.chunk_size), pcm_write(&ctrl, chunk.data(), 100));
+  EXPECT_EQ(0x11, chunk[100 * 8 - 1]);
+  EXPECT_EQ(0x00, chunk[100 * 8]);  // S24_LE silence is zero
+  EXPECT_EQ(0, pcm_write(&ctrl, chunk.data(), 0));
+}
+
+}  // namespace
