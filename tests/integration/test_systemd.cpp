@@ -2,17 +2,18 @@
 // installed program (systemd-analyze verify accepts them), and both daemons tell the service
 // manager READY=1 once they serve and STOPPING=1 when a termination signal arrives, then exit 0.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <netinet/in.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <memory>
 #include <ostream>
 #include <string>
 
@@ -42,9 +43,8 @@ TEST(SystemdInstall, UnitsPointAtTheInstalledProgramsAndVerify) {
   std::string out;
   // A staged install (DESTDIR) for the prefix /usr: files under the stage, paths for the board.
   ASSERT_EQ(0, shell("DESTDIR=" + tmp.path() + "/stage cmake --install " + kBuildDir + " --prefix /usr", &out)) << out;
-  for (const char* f : {"/usr/bin/audio_manager", "/usr/bin/qb_genlock", "/usr/bin/amctl",
-                        "/usr/share/audio_manager/wireshark/audio_manager.lua"})
-    EXPECT_EQ(0, access((tmp.path() + "/stage" + f).c_str(), R_OK)) << f;
+  for (const char* f : {"bin/audio_manager", "bin/qb_genlock", "bin/amctl", "share/audio_manager/wireshark/audio_manager.lua"})
+    EXPECT_EQ(0, access((tmp.path() + "/stage/usr/" + f).c_str(), R_OK)) << f;
   const std::string unit = am_test::read_file(tmp.path() + "/stage/usr/lib/systemd/system/audio_manager.service");
   EXPECT_NE(std::string::npos, unit.find("\nExecStart=/usr/bin/audio_manager\n")) << unit;
   EXPECT_NE(std::string::npos, unit.find("\nWants=qb_genlock.service\n"));
@@ -61,44 +61,33 @@ TEST(SystemdInstall, UnitsPointAtTheInstalledProgramsAndVerify) {
   }
 }
 
-// A datagram socket standing in for the service manager's notification socket.
-class NotifySocket {
- public:
-  explicit NotifySocket(const std::string& path) : path_(path) {
-    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    path.copy(addr.sun_path, sizeof addr.sun_path - 1);
-    if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-      close(fd_);
-      fd_ = -1;
-    }
+// The service manager's notification socket: a datagram socket bound at path. -1 on failure.
+int notify_socket(const std::string& path) {
+  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  path.copy(addr.sun_path, sizeof addr.sun_path - 1);
+  timeval tv{0, 100 * 1000};
+  if (fd >= 0 && (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+                  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0)) {
+    close(fd);
+    return -1;
   }
-  ~NotifySocket() {
-    if (fd_ >= 0) close(fd_);
-    unlink(path_.c_str());
-  }
-  bool ok() const { return fd_ >= 0; }
-  // Messages until one holds `want` (true) or timeout_ms passes; *seen collects them all.
-  bool wait_for(const std::string& want, int timeout_ms, std::string* seen) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (std::chrono::steady_clock::now() < end) {
-      timeval tv{0, 100 * 1000};
-      setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-      char buf[256];
-      const ssize_t n = recv(fd_, buf, sizeof buf, 0);
-      if (n <= 0) continue;
-      const std::string msg(buf, static_cast<size_t>(n));
-      *seen += msg + "|";
-      if (msg.find(want) != std::string::npos) return true;
-    }
-    return false;
-  }
+  return fd;
+}
 
- private:
-  std::string path_;
-  int fd_ = -1;
-};
+// Notices until one holds `want` (true) or timeout_ms passes; *seen collects them all.
+bool wait_notice(int fd, const std::string& want, int timeout_ms, std::string* seen) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (std::chrono::steady_clock::now() < end) {
+    char buf[256];
+    const ssize_t n = recv(fd, buf, sizeof buf, 0);
+    if (n <= 0) continue;
+    *seen += std::string(buf, static_cast<size_t>(n)) + "|";
+    if (std::string(buf, static_cast<size_t>(n)).find(want) != std::string::npos) return true;
+  }
+  return false;
+}
 
 // True when 127.0.0.1:port is taken inside the namespace.
 bool port_taken(const am_test::NetNs& ns, int port) {
@@ -128,16 +117,15 @@ TEST_P(SystemdNotify, ReadyAfterStartStoppingOnSignalThenExitZero) {
   am_test::TempRoot root({"dev", "tmp", "misc", "home", "customer/bin", "config/logconf"});
   ASSERT_TRUE(root.ok());
   const std::string conf = "log4cpp.rootCategory=INFO, file\nlog4cpp.appender.file=FileAppender\n"
-                           "log4cpp.appender.file.fileName=/tmp/daemon.log\n"
-                           "log4cpp.appender.file.layout=PatternLayout\n"
-                           "log4cpp.appender.file.layout.ConversionPattern=[%p] %m%n\n";
+                           "log4cpp.appender.file.fileName=/tmp/daemon.log\nlog4cpp.appender.file.layout=BasicLayout\n";
   ASSERT_TRUE(root.write(std::string("/config/logconf/") + d.program + ".conf", conf));
   ASSERT_TRUE(root.write("/misc/boardInfo.json", "{\"modelNumber\": \"TR-A\"}"));
   ASSERT_TRUE(root.write("/dev/i2c-1.log", "") && root.write("/dev/i2c-2", std::string(65536, '\0')));
   ASSERT_TRUE(root.write("/customer/bin/audio_codec", "#!/bin/sh\nexit 0\n"));
   ASSERT_EQ(0, chmod(root.at("/customer/bin/audio_codec").c_str(), 0755));
-  NotifySocket notify(root.path() + "/notify.sock");
-  ASSERT_TRUE(notify.ok());
+  const int notify = notify_socket(root.path() + "/notify.sock");
+  ASSERT_GE(notify, 0);
+  const std::unique_ptr<const int, void (*)(const int*)> closer(&notify, [](const int* fd) { close(*fd); });
   am_test::NetNs ns;
   ASSERT_TRUE(ns.ok());
   am_test::Process daemon({std::string(am_test::kBinDir) + "/" + d.program},
@@ -146,7 +134,7 @@ TEST_P(SystemdNotify, ReadyAfterStartStoppingOnSignalThenExitZero) {
                           ns.name(), root.path() + "/daemon.out");
   ASSERT_TRUE(daemon.started());
   std::string seen;
-  ASSERT_TRUE(notify.wait_for("READY=1", 20000, &seen)) << seen << daemon.output();
+  ASSERT_TRUE(wait_notice(notify, "READY=1", 20000, &seen)) << seen << daemon.output();
   EXPECT_NE(std::string::npos, am_test::read_file(root.at("/tmp/daemon.log")).find(d.ready_log))
       << "READY=1 came before start-up was complete";
   if (std::string(d.program) == "qb_genlock") {
@@ -155,7 +143,7 @@ TEST_P(SystemdNotify, ReadyAfterStartStoppingOnSignalThenExitZero) {
   EXPECT_EQ(std::string::npos, seen.find("STOPPING=1"));
 
   ASSERT_TRUE(daemon.signal(d.stop_signal));
-  EXPECT_TRUE(notify.wait_for("STOPPING=1", 10000, &seen)) << seen;
+  EXPECT_TRUE(wait_notice(notify, "STOPPING=1", 10000, &seen)) << seen;
   int status = 0;
   ASSERT_TRUE(daemon.wait_exit(10000, &status)) << daemon.output();
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
