@@ -291,7 +291,11 @@ for _, f in pairs(pf) do cmd_fields[#cmd_fields + 1] = f end
 amcmd.fields = cmd_fields
 amcmd.experts = { ce.truncated, ce.short, ce.not_cmd }
 
-local json_dissector = Dissector.get("json")
+-- The JSON dissector of Wireshark, when this build has one (Dissector.get raises an error otherwise).
+local json_found, json_dissector = pcall(Dissector.get, "json")
+if not json_found then
+  json_dissector = nil
+end
 
 local function add_record(tree, tvb, id)
   local record = records[id]
