@@ -5,8 +5,16 @@ BUILD ?= build
 ASAN_BUILD ?= build-asan
 CROSS_BUILD ?= build-aarch64
 CMAKE_FLAGS ?= -DAM_WERROR=ON
+# make install: programs, log configurations, systemd units and the dissector under PREFIX, staged
+# under DESTDIR when given (make install DESTDIR=/tmp/image PREFIX=/usr).
+PREFIX ?= /usr/local
+DESTDIR ?=
+# Where Wireshark looks for personal Lua plugins (tshark -G folders), ~/.local/lib/wireshark/plugins
+# when tshark is not installed.
+WIRESHARK_PLUGIN_DIR ?= $(or $(shell tshark -G folders 2>/dev/null | sed -n 's/^Personal Lua Plugins:[[:space:]]*//p'),$(HOME)/.local/lib/wireshark/plugins)
 
-.PHONY: all setup build test test-host test-asan test-cross cross asan demo bench coverage mutants clean
+.PHONY: all setup build test test-host test-asan test-cross cross asan demo bench coverage mutants clean \
+        install wireshark-plugin
 
 all: build
 
@@ -64,6 +72,15 @@ coverage:
 
 mutants:
 	python3 scripts/mutants
+
+install: $(BUILD)/CMakeCache.txt
+	cmake -S . -B $(BUILD) -DCMAKE_INSTALL_PREFIX=$(PREFIX)
+	cmake --build $(BUILD) -j $(JOBS) --target audio_manager qb_genlock amctl
+	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix $(PREFIX)
+
+wireshark-plugin:
+	install -D -m 0644 tools/wireshark/audio_manager.lua $(WIRESHARK_PLUGIN_DIR)/audio_manager.lua
+	@echo "installed $(WIRESHARK_PLUGIN_DIR)/audio_manager.lua"
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(CROSS_BUILD) build-coverage build-mutants

@@ -11,6 +11,7 @@
 #include <mutex>
 
 #include "am_log.h"
+#include "am_notify.h"
 #include "audio_packet_loss_statistics.h"
 #include "i2c_device.h"
 #include "posix_system.h"
@@ -90,6 +91,7 @@ void* shutdown_task(void*) {
       return nullptr;  // the pipe is gone: no signal can arrive through it any more
     }
   }
+  am_notify_stopping();
   std::lock_guard<std::mutex> init_done(g_init_walk_mutex);
   if (qb_audio_shutdown_steps(global_list, kGlobalListRows) == 1) {
     std::cout.flush();
@@ -175,6 +177,9 @@ int main(int argc, char* argv[]) {
   if (pthread_create(&debug_tid, nullptr, qb_debug_task, nullptr) != 0) {
     AM_LOG_ERROR("create qb_debug_audio_task err");
   }
+  // The init list has run and the request threads are started: the service manager may start
+  // the units that wait for the daemon.
+  am_notify_ready();
 
   for (;;) {
     audio_loss_proc();

@@ -1,6 +1,7 @@
 // qb_genlock: the genlock service process. It owns the Si5351 clock synthesiser, programs its
 // power-up table and serves the genlock requests of the audio playback engines on
-// 127.0.0.1:11000 until SIGTERM or SIGINT.
+// 127.0.0.1:11000 until SIGTERM, SIGINT or SIGTSTP. Under systemd it says READY=1 once the chip is
+// initialised and the service socket is bound, and STOPPING=1 when a signal ends it.
 #include <signal.h>
 #include <unistd.h>
 
@@ -9,12 +10,16 @@
 #include <ctime>
 
 #include "am_log.h"
+#include "am_notify.h"
 #include "qb_si5351.h"
 
 namespace {
 
 constexpr const char* QB_GENLOCK_LOG_CONF = "/config/logconf/qb_genlock.conf";
 constexpr long QB_GENLOCK_EXIT_POLL_NS = 100L * 1000L * 1000L;
+
+// Signals that end the service, as they end audio_manager.
+constexpr int kTerminationSignals[] = {SIGTERM, SIGINT, SIGTSTP};
 
 std::atomic<bool> g_exit_requested{false};
 
@@ -27,8 +32,9 @@ void install_handlers() {
   sigemptyset(&action.sa_mask);
   action.sa_flags = 0;
   action.sa_handler = on_terminate;
-  sigaction(SIGTERM, &action, nullptr);
-  sigaction(SIGINT, &action, nullptr);
+  for (const int signo : kTerminationSignals) {
+    sigaction(signo, &action, nullptr);
+  }
 }
 
 }  // namespace
@@ -41,9 +47,16 @@ int main() {
     return 1;
   }
   const timespec pause = {0, QB_GENLOCK_EXIT_POLL_NS};
+  bool ready = false;
   while (!g_exit_requested.load()) {
+    // qb_si5351_start2 has programmed the chip; the service thread binds its socket soon after.
+    if (!ready && si5351_svr_is_open()) {
+      am_notify_ready();
+      ready = true;
+    }
     nanosleep(&pause, nullptr);
   }
+  am_notify_stopping();
   AM_LOG_INFO("qb_genlock exit");
   fflush(stdout);
   // The service thread has no stop operation and is still running: leave without running static

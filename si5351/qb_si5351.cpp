@@ -41,6 +41,8 @@ SI5351_CONF_T stSi5351Conf[SI5351_CHANNEL_NUM] = {
 
 pthread_t si5351tidp;
 std::atomic<qb_s64_t> si5351pid{0};
+// Set once the service socket is bound (read by the service program for its readiness notice).
+std::atomic<bool> g_svr_open{false};
 
 // Receive buffer of the service, zeroed once when the service socket opens. Requests are not
 // length-checked: a short datagram leaves the earlier bytes in place, and the set-param reply
@@ -574,9 +576,14 @@ void si5351_svr_start(void) {
     sleep(SI5351_SVR_REOPEN_S);
     fd = si5351_svr_open(SI5351_SVR_ADDR, SI5351_SVR_PORT);
   }
+  g_svr_open.store(true);
   for (;;) {
     si5351_svr_poll(fd, SI5351_SVR_IDLE_MS);
   }
+}
+
+bool si5351_svr_is_open(void) {
+  return g_svr_open.load();
 }
 
 int si5351_svr_open(const char* addr, int port) {

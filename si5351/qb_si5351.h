@@ -183,6 +183,8 @@ int qb_si5351_start(void);
 // The service thread's body and loop; neither returns.
 void* si5351_task(void* arg);
 void si5351_svr_start(void);
+// True once the service loop's socket is bound on 127.0.0.1:11000.
+bool si5351_svr_is_open(void);
 // Opens the service socket (bound, not connected) on addr:port; the socket or -1.
 int si5351_svr_open(const char* addr, int port);
 // One turn of the service loop on socket fd: wait up to wait_ms, then run the idle step or serve
