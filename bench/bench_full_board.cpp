@@ -152,8 +152,8 @@ bool ends_with(const std::string& s, const std::string& end) {
 }
 
 // The counting allocator's report: allocations per thread name (threads of one name summed), and
-// per thread and place in the daemon (the innermost daemon frame outside the logging module) with
-// what allocated there (the innermost frame).
+// per thread and place in the daemon (the innermost daemon frame outside the logging module and the
+// standard library) with what allocated there (a log line, or the innermost frame).
 struct AllocReport {
   unsigned long ignored = 0;  // those of the virtual sound card
   std::map<std::string, unsigned long> threads;
@@ -165,9 +165,14 @@ struct AllocReport {
     std::map<std::string, std::string> thread_names;  // tid -> name
     std::string line, inner, ours, tid;
     unsigned long count = 0;
+    bool logging = false;
     auto flush = [&] {
-      if (count > 0) places[thread_names[tid] + ": " + (ours.empty() ? "?" : ours) + "  (" + inner + ")"] += count;
+      if (count > 0) {
+        places[thread_names[tid] + ": " + (ours.empty() ? "?" : ours) + (logging ? "  (a log line)" : "  (" + inner + ")")] +=
+            count;
+      }
       count = 0;
+      logging = false;
       inner.clear();
       ours.clear();
     };
@@ -188,7 +193,8 @@ struct AllocReport {
         inner = resolve(kind, a);
       } else if (count > 0 && ours.empty() && ends_with(kind, "/audio_manager")) {
         const std::string where = resolve(kind, a);
-        if (where.find(" am_log.cpp:") == std::string::npos) ours = where;
+        logging = logging || where.find(" am_log.cpp:") != std::string::npos;
+        if (where.find(" am_log.cpp:") == std::string::npos && where.compare(0, 5, "std::") != 0) ours = where;
       }
     }
     flush();
