@@ -62,8 +62,12 @@ test: setup
 demo: setup build
 	bash scripts/demo
 
-bench: build
-	bash scripts/bench
+# Builds what the benchmarks run (build output in $(BUILD)/bench-build.log), then prints figures.
+bench:
+	@mkdir -p $(BUILD) && { cmake -S . -B $(BUILD) $(CMAKE_FLAGS) && \
+	  cmake --build $(BUILD) -j $(JOBS) --target benchmarks; } >$(BUILD)/bench-build.log 2>&1 || \
+	  { tail -n 30 $(BUILD)/bench-build.log; echo "build failed: $(BUILD)/bench-build.log"; exit 1; }
+	@bash scripts/bench
 
 # Measuring the tests (not part of `make test`): coverage of every test run, and how many seeded
 # small faults the unit tests catch.
