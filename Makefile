@@ -59,8 +59,9 @@ test: setup
 	$(MAKE) test-asan
 	$(MAKE) test-cross
 
+# make demo [DEMO_SECONDS=N] [RECEIVERS=1..3] [DEMO_ARGS="--ppm 200 --loss 1"]
 demo: setup build
-	bash scripts/demo
+	bash scripts/demo $(if $(DEMO_SECONDS),--seconds $(DEMO_SECONDS)) $(if $(RECEIVERS),--receivers $(RECEIVERS))
 
 # Builds what the benchmarks run (build output in $(BUILD)/bench-build.log), then prints figures.
 bench:
