@@ -19,27 +19,32 @@ std::string attribute_path(const char* attribute) {
   return am_path((std::string(MCAST_ROUTE_SYSFS_DIR) + attribute).c_str());
 }
 
+// Writes "<group><suffix>" to the attribute through the shell; -1 when the command line does not
+// fit (a long board root), rather than running a cut-off command.
+int write_attribute(const char* attribute, const char* ipaddr, const char* suffix) {
+  char command[kCommandSize] = {};
+  const int n = std::snprintf(command, sizeof command, "echo %s%s > %s", ipaddr, suffix,
+                              attribute_path(attribute).c_str());
+  if (n < 0 || static_cast<size_t>(n) >= sizeof command) {
+    return -1;
+  }
+  posix_system(command);
+  return 0;
+}
+
 }  // namespace
 
 int set_mcast_route_rtl8364(const char* ipaddr) {
   if (ipaddr == nullptr || ipaddr[0] == '\0') {
     return -1;
   }
-  char command[kCommandSize] = {};
-  std::snprintf(command, sizeof command, "echo %s 1 > %s", ipaddr,
-                attribute_path(kSetAttribute).c_str());
   // The switch driver's answer is not checked: the group is asked for again on the next run.
-  posix_system(command);
-  return 0;
+  return write_attribute(kSetAttribute, ipaddr, " 1");
 }
 
 int del_mcast_route_rtl8364(const char* ipaddr) {
   if (ipaddr == nullptr || ipaddr[0] == '\0') {
     return -1;
   }
-  char command[kCommandSize] = {};
-  std::snprintf(command, sizeof command, "echo %s > %s", ipaddr,
-                attribute_path(kDelAttribute).c_str());
-  posix_system(command);
-  return 0;
+  return write_attribute(kDelAttribute, ipaddr, "");
 }

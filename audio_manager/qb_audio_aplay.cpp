@@ -15,9 +15,6 @@
 #include "qb_audio_misc_spdif.h"
 #include "qb_audio_misc_stream.h"
 
-// The bridge module is referenced weakly so that a program without it still links this module.
-int audio_hdmi_audio_on(void) __attribute__((weak));
-
 namespace {
 
 qb_audio_aplay_main_ctrl_t g_aplay;
@@ -90,13 +87,7 @@ const char* capture2_device() {
   return (is_qb_net_second_stream_select_spdif() || is_qb_net_second_stream_select_arc()) ? "hw:0,0" : "hw:3,0";
 }
 
-bool hdmi_input_audio_on() {
-  if (audio_hdmi_audio_on != nullptr) {
-    return audio_hdmi_audio_on() != 0;
-  }
-  qb_audio_info hdmi;
-  return qb_audio_channel_state_copy(QB_AUDIO_CHN_VIDEO, &hdmi) == 1 && hdmi.Audio_On != 0;
-}
+bool hdmi_input_audio_on() { return audio_hdmi_audio_on() != 0; }
 
 void* playback_worker(void* arg) {
   const int i = *static_cast<const qb_s32_t*>(arg);

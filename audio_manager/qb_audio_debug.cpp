@@ -191,7 +191,7 @@ void write_sections(FILE* file, unsigned sections) {
 
 void dump_to_file(unsigned sections) {
   const std::string path = am_path(QB_DEBUG_DUMP_FILE);
-  FILE* file = std::fopen(path.c_str(), "w");
+  FILE* file = std::fopen(path.c_str(), "we");
   // a dump file that cannot be opened skips the dump; nothing is closed that was never opened
   if (file == nullptr) {
     AM_LOG_ERROR("open %s fail, errno %d:%s", path.c_str(), errno, std::strerror(errno));
@@ -238,7 +238,7 @@ void dump_fpga_status(FILE* file) {
     return;
   }
   const std::string bus = am_path(QB_DEBUG_FPGA_BUS);
-  const int fd = open(bus.c_str(), O_RDWR);
+  const int fd = open(bus.c_str(), O_RDWR | O_CLOEXEC);
   if (fd < 0) {
     AM_LOG_ERROR("open /dev/i2c-2 err");
     return;
@@ -274,7 +274,7 @@ int handle_cmd(void) {
   }
   // opened for reading and writing: the daemon keeps a writer, so reads block instead of
   // returning end-of-file when a requester closes its end
-  const int fd = open(fifo.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0774);
+  const int fd = open(fifo.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0774);
   if (fd < 0) {
     AM_LOG_ERROR("open %s fail, errno %d:%s", fifo.c_str(), errno, std::strerror(errno));
     return 0;

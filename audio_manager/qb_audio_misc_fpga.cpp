@@ -2,6 +2,8 @@
 // the channel-status bytes of the eARC and S/PDIF transmitters.
 #include "qb_audio_misc_fpga.h"
 
+#include <mutex>
+
 #include "am_log.h"
 #include "i2c_device.h"
 #include "qb_audio_misc.h"
@@ -43,6 +45,9 @@ constexpr input_gate_t kInputGates[] = {
 // The three network-output capture paths, muted and unmuted in this order.
 constexpr qb_u8_t kStreamOutputRoutes[] = {FPGA_REG_ROUTE_SAO1, FPGA_REG_ROUTE_SAO3,
                                            FPGA_REG_ROUTE_SAO5};
+
+// Serialises the read-modify-writes of the output-enable registers.
+std::mutex g_enable_lock;
 
 const sink_enable_bit_t* sink_enable_bit(qb_u8_t reg) {
   for (const sink_enable_bit_t& row : kSinkEnableBits) {
@@ -118,9 +123,11 @@ int qb_audio_fpga_ch_route_set(qb_u8_t reg, qb_u8_t src) {
   return qb_audio_fpga_i2c_write(reg, src);
 }
 
-// The read-modify-write of 0x52/0x53 is not serialised against another writer of the same
-// register; each selection writes its own bit again on the next change.
+// The output-enable registers 0x52/0x53 hold one bit per sink; the command thread and the
+// stream workers both change bits, so each read-modify-write holds this module's lock throughout.
+// Register 0x52 is read first in every case; the S/PDIF bit's 0x53 is read over it.
 int output_mute_ctrl(qb_u8_t reg, int mute) {
+  std::lock_guard<std::mutex> hold(g_enable_lock);
   qb_u8_t value = 0;
   if (!qb_audio_fpga_i2c_read(FPGA_REG_OUTPUT_ENABLE, &value)) {
     return 0;

@@ -83,7 +83,7 @@ std::atomic<bool> g_mapped{false};
 }  // namespace
 
 void qb_misc_nxp_spdif_register_map_init() {
-  const int fd = open(am_path(NXP_SPDIF_MEM_DEV).c_str(), O_RDWR | O_NONBLOCK);
+  const int fd = open(am_path(NXP_SPDIF_MEM_DEV).c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) {
     AM_LOG_ERROR("open(/dev/mem) failed.");
     return;

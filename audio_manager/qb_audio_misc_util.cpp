@@ -50,7 +50,7 @@ int audio_info_to_flash(const char* path, const void* data, int count) {
   if (path == nullptr || data == nullptr || count <= 0) {
     return -1;
   }
-  FILE* fp = open_file(path, "w+");
+  FILE* fp = open_file(path, "w+e");
   if (fp == nullptr) {
     return -1;
   }
@@ -64,7 +64,7 @@ int audio_info_from_flash(const char* path, void* data, int count) {
   if (path == nullptr || data == nullptr || count <= 0) {
     return -1;
   }
-  FILE* fp = open_file(path, "r");
+  FILE* fp = open_file(path, "re");
   if (fp == nullptr) {
     return -1;
   }
@@ -78,7 +78,7 @@ int get_mac(char* buf, size_t size) {
   if (buf == nullptr || size == 0) {
     return -1;
   }
-  scoped_fd sock(socket(AF_INET, SOCK_STREAM, 0));
+  scoped_fd sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (sock.get() < 0) {
     AM_LOG_ERROR("socket err");
     return -1;

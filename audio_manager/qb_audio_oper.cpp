@@ -409,6 +409,12 @@ int set_buffer_param(qb_audio_oper_ctrl_t* ctrl) {
   delete ctrl->pAudBuf;
   ctrl->pAudBuf = new (std::nothrow) CAudioBuf(static_cast<int>(ctrl->chunk_bytes), slots);
   AM_LOG_INFO("pobjAudBuf=%p", static_cast<void*>(ctrl->pAudBuf));
+  if (ctrl->pAudBuf == nullptr || !ctrl->pAudBuf->is_valid()) {
+    AM_LOG_ERROR("not enough memory");
+    delete ctrl->pAudBuf;
+    ctrl->pAudBuf = nullptr;
+    return -1;
+  }
   memset(ctrl->latency_history, 0, sizeof(ctrl->latency_history));
   ctrl->arrChunkNum = ctrl->latency_history;
   ctrl->maxFrmNum = slots;
@@ -492,7 +498,9 @@ int set_params_play(qb_audio_oper_ctrl_t* ctrl) {
     }
     ctrl->net_audiobuf_capacity = net_need;
   }
-  set_buffer_param(ctrl);
+  if (set_buffer_param(ctrl) < 0) {
+    return -1;
+  }
   set_fifo_status(ctrl->clifd, ctrl->file_param_num, static_cast<int>(ctrl->buffer_frames), 0);
   return 0;
 }

@@ -188,6 +188,10 @@ typedef struct qb_audio_oper_ctrl_t {
   size_t net_audiobuf_capacity;
   // Storage of the latency sample history arrChunkNum points to while a playback run lasts.
   size_t latency_history[QB_AUDIO_LATENCY_HISTORY];
+  // A header whose format change could not be applied in this run (the codec program failed):
+  // datagrams that carry it again play on as before, without another attempt.
+  audio_transport_head_t refused_head;
+  int refused_head_valid;
 } qb_audio_oper_ctrl_t;
 
 // ---- Engine-wide stop: set by the thread manager while the daemon shuts down, so that a run

@@ -90,6 +90,12 @@ void wait_for_capture_data(qb_audio_oper_ctrl_t* ctrl, size_t frames) {
   snd_pcm_wait(ctrl->handle, kCaptureWaitMs);
 }
 
+// Read errors after which the device will not come back within this run: the run ends and the
+// thread manager starts the next one.
+bool capture_device_gone(snd_pcm_sframes_t err) {
+  return err == -EIO || err == -ENODEV || err == -EBADFD;
+}
+
 }  // namespace
 
 // Reads one chunk of `frames` frames into data; frames read, or -1 when the chunk was dropped.
@@ -121,6 +127,12 @@ snd_pcm_sframes_t capture_read_chunk(qb_audio_oper_ctrl_t* ctrl, qb_u8_t* data, 
       handle_suspend(ctrl);
       continue;
     } else if (r < 0) {
+      if (capture_device_gone(r)) {
+        AM_LOG_ERROR("read error: %s,%s, aborting", ctrl->pcm_name, snd_strerror(static_cast<int>(r)));
+        qb_audio_oper_abort(ctrl);
+      } else {
+        sleep_ms(static_cast<unsigned>(kCaptureWaitMs));  // the chunk is dropped; a failing device is not read again at once
+      }
       return -1;
     }
     if (r > 0) {

@@ -1,5 +1,7 @@
 // Record dumps of an engine: every field in record order, as name=value lines, to the log or to a
 // status dump file.
+#include <arpa/inet.h>
+
 #include <cstdarg>
 #include <cstdio>
 
@@ -67,17 +69,23 @@ void dump_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
        "dump_hw_params=%d,fd=%d,pbrec_count=%lld,fdcount=%d,vocmajor=%d,vocminor=%d\n",
        c->max_file_size, c->max_file_time, c->use_strftime, c->recycle_capture_file, c->term_c_lflag,
        c->dump_hw_params, c->fd, c->pbrec_count, c->fdcount, c->vocmajor, c->vocminor);
-  emit(out, "audio_net_addr=%s,audio_tx=%d,tx_fd=%d,rx_fd=%d,net_port=%d,audio_group_ip=%d\n",
-       text(c->audio_net_addr), c->audio_tx, c->tx_fd, c->rx_fd, c->net_port, c->audio_group_ip);
+  char svr[INET_ADDRSTRLEN] = "";
+  inet_ntop(AF_INET, &c->svr_addr.sin_addr, svr, sizeof svr);
+  emit(out, "audio_net_addr=%s,audio_tx=%d,tx_fd=%d,rx_fd=%d,svr_addr=%s:%u,net_port=%d,audio_group_ip=%d\n",
+       text(c->audio_net_addr), c->audio_tx, c->tx_fd, c->rx_fd, svr, static_cast<unsigned>(ntohs(c->svr_addr.sin_port)),
+       c->net_port, c->audio_group_ip);
   emit(out, "file_param=%d,file_param_num=%d,pidfile_name=%s,pidf=%d,pidfile_written=%d,channel_map=%p,hw_map=%p\n",
        c->file_param, c->file_param_num, text(c->pidfile_name), c->pidf, c->pidfile_written, c->channel_map,
        static_cast<void*>(c->hw_map));
   const audio_transport_head_t& h = c->audio_info_head;
   emit(out,
-       "Magic=0x%x,From=%u,Cfg_Change_Number=0x%x,Packet_Size=%u,cts=%u,HDCP2_Encrypted=%u,Audio_On=%u,"
+       "Magic=0x%x,From=%u,Cfg_Change_Number=0x%x,Packet_Size=%u,cts=%u,HDCP2_Encrypted=%u,"
+       "Input_Controller=[%02x,%02x,%02x,%02x,%02x,%02x,%02x,%02x],Audio_On=%u,"
        "Sample_Frequency=%u,Channels=%u,Sample_Size=%u,IO_In_Use=%u,Enable_Upstream=%u,Down_Sampling=%u,"
        "Mode_16bits=%u,Audio_Type=%u,SPDIF=%u\n",
-       h.Magic, h.From, h.Cfg_Change_Number, h.Packet_Size, h.cts, h.HDCP2_Encrypted, h.Audio_On,
+       h.Magic, h.From, h.Cfg_Change_Number, h.Packet_Size, h.cts, h.HDCP2_Encrypted, h.Input_Controller[0],
+       h.Input_Controller[1], h.Input_Controller[2], h.Input_Controller[3], h.Input_Controller[4],
+       h.Input_Controller[5], h.Input_Controller[6], h.Input_Controller[7], h.Audio_On,
        h.Sample_Frequency, h.Channels, h.Sample_Size, h.IO_In_Use, h.Enable_Upstream, h.Down_Sampling,
        h.Mode_16bits, h.Audio_Type, h.SPDIF);
   emit(out,
@@ -100,16 +108,19 @@ void dump_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
        c->totalIOLatency, c->availFrmInRingBuf, c->maxFrmNum, c->minFrmNum, c->incStartNum, c->incStopNum,
        c->decStartNum, c->decStopNum);
   emit(out,
-       "sumLatency=%llu,latencyCnt=%llu,clifd=%d,mclkState=%s,lastAdjustAvg=%llu,lastAdjustCnt=%llu,"
+       "mutexLatency=%p,sumLatency=%llu,latencyCnt=%llu,clifd=%d,mclkState=%s,lastAdjustAvg=%llu,lastAdjustCnt=%llu,"
        "adjustWaitCnt=%llu,oneSecondCnt=%llu\n",
-       static_cast<unsigned long long>(c->sumLatency), static_cast<unsigned long long>(c->latencyCnt), c->clifd,
+       static_cast<const void*>(&c->mutexLatency), static_cast<unsigned long long>(c->sumLatency), static_cast<unsigned long long>(c->latencyCnt), c->clifd,
        get_mclk_status(c->mclkState), static_cast<unsigned long long>(c->lastAdjustAvg),
        static_cast<unsigned long long>(c->lastAdjustCnt), static_cast<unsigned long long>(c->adjustWaitCnt),
        static_cast<unsigned long long>(c->oneSecondCnt));
-  if (c->arrChunkNum != nullptr) {
+  // A stopping run clears the pointer while a dump may be under way: it is read once, and it only
+  // ever points at the record's own history, which lives as long as the record.
+  const size_t* history = c->arrChunkNum;
+  if (history != nullptr) {
     const size_t shown = c->latencyCnt < QB_AUDIO_LATENCY_HISTORY ? c->latencyCnt : QB_AUDIO_LATENCY_HISTORY;
     for (size_t i = 0; i < shown; ++i) {
-      emit(out, "arrChunkNum[%zu]=%zu\n", i, c->arrChunkNum[i]);
+      emit(out, "arrChunkNum[%zu]=%zu\n", i, history[i]);
     }
   }
   emit(out, "pAudBuf=%p,asyncStart=%d,asyncStartNum=%d,ahandler=%p,startRecv=%d,syncSend=%d\n",

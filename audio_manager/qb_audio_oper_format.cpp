@@ -16,17 +16,6 @@
 #include "qb_audio_parse.h"
 #include "qb_audio_stream.h"
 
-// The bridge, stream-switch and report modules are referenced weakly, so that a program that does
-// not link them still links this module; a missing one is skipped.
-void set_update_chs_or(int bit) __attribute__((weak));
-int set_avp_hdmi_out_audio_param(qb_audio_info_t* rec) __attribute__((weak));
-int get_it6621_status(void) __attribute__((weak));
-int it6621_channel_state_set(qb_u8_t* buf, int len) __attribute__((weak));
-int set_output_hdmi_stream(int mode, unsigned sid) __attribute__((weak));
-int set_output_earc_stream(int mode, unsigned sid) __attribute__((weak));
-int set_output_spdif_stream(int mode, unsigned sid) __attribute__((weak));
-int reportDetailsAudioStatus(int inputs) __attribute__((weak));
-
 namespace {
 
 constexpr const char* kCodecMute = "/customer/bin/audio_codec -v 0";
@@ -44,6 +33,8 @@ int load_edid_file(T_Edid_Audio_Info_* list) {
   return 1;
 }
 
+// The decision's collaborators, bound at link time: a missing one is a link error. Tests install
+// a record of their own with qb_audio_new_format_ops_set.
 qb_audio_new_format_ops_t default_ops() {
   qb_audio_new_format_ops_t o;
   o.set_update_chs_or = set_update_chs_or;

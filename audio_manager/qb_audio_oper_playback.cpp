@@ -27,6 +27,9 @@ constexpr const char* kGenlockAddress = "127.0.0.1";
 constexpr unsigned kEpollAfterRecvCalls = 10;
 constexpr int kEpollWaitMs = 1;
 constexpr size_t kMaxRxMessages = 128;
+// Receive calls in one pass of the loop: a flood of datagrams (valid or not) is read in slices, and
+// the device writes of each pass still happen.
+constexpr unsigned kRxCallsPerPass = 8;
 constexpr unsigned kMaxChannels = 8;
 
 std::atomic<playback_new_format_fn> g_new_format_hook{nullptr};
@@ -124,11 +127,15 @@ playback_rx_e playback_handle_datagram(qb_audio_oper_ctrl_t* ctrl, const qb_u8_t
     return PLAYBACK_RX_DROPPED;
   }
   const playback_change_e change = playback_head_change(&ctrl->audio_info_head, &head);
-  if (change != PLAYBACK_CHANGE_NONE) {
+  const bool refused_before =
+      ctrl->refused_head_valid != 0 && playback_head_change(&ctrl->refused_head, &head) == PLAYBACK_CHANGE_NONE;
+  if (change != PLAYBACK_CHANGE_NONE && !refused_before) {
     AM_LOG_INFO("%s", change == PLAYBACK_CHANGE_HEAD ? "New audio information head" : "New audio information frame");
     if (run_new_format_handler(ctrl, &head) != 0) {
       return PLAYBACK_RX_ABORT;
     }
+    ctrl->refused_head = head;  // the handler could not apply it: once per format change is enough
+    ctrl->refused_head_valid = 1;
   }
   return playback_append(ctrl, head, payload, len);
 }
@@ -280,26 +287,28 @@ void rx_vector_build(qb_audio_oper_ctrl_t* ctrl, playback_run_t* run) {
   }
 }
 
-// Receives until the socket is empty, the run is aborted, or the staging room runs short.
-void rx_drain_socket(qb_audio_oper_ctrl_t* ctrl, playback_run_t* run) {
+// Receives until the socket is empty, the run is aborted, the staging room runs short or the
+// pass has made its share of receive calls. True when the socket may still hold datagrams.
+bool rx_drain_socket(qb_audio_oper_ctrl_t* ctrl, playback_run_t* run) {
   const size_t room_needed = playback_rx_room_needed(run->messages);
-  while (!qb_audio_oper_is_aborting(ctrl)) {
-    if (ctrl->audiobuf_capacity - ctrl->audiobuf_datalen < room_needed) {
-      break;
+  for (unsigned calls = 0; !qb_audio_oper_is_aborting(ctrl); ++calls) {
+    if (calls == kRxCallsPerPass || ctrl->audiobuf_capacity - ctrl->audiobuf_datalen < room_needed) {
+      return true;
     }
     rx_vector_build(ctrl, run);
     const int got = recvmmsg(ctrl->rx_fd, run->msgs, static_cast<unsigned>(run->messages), MSG_DONTWAIT, nullptr);
     run->steer.recv_calls += 1;
     if (got < 0) {
-      break;
+      return false;
     }
     for (int i = 0; i < got; ++i) {
       const qb_u8_t* dgram = static_cast<const qb_u8_t*>(run->iov[i].iov_base);
       if (playback_handle_datagram(ctrl, dgram, run->msgs[i].msg_len) == PLAYBACK_RX_ABORT) {
-        return;
+        return false;
       }
     }
   }
+  return false;
 }
 
 void flush_socket(qb_audio_oper_ctrl_t* ctrl) {
@@ -331,15 +340,14 @@ int playback_loop(qb_audio_oper_ctrl_t* ctrl, const char* group) {
   flush_socket(ctrl);
   clock_gettime(CLOCK_MONOTONIC, &ctrl->tsStartPlay);
 
+  bool backlog = false;  // the last pass left datagrams queued: no new edge will announce them
   while (!qb_audio_oper_is_aborting(ctrl)) {
     bool receive = true;
-    if (run.steer.recv_calls > kEpollAfterRecvCalls && run.epfd >= 0) {
+    if (!backlog && run.steer.recv_calls > kEpollAfterRecvCalls && run.epfd >= 0) {
       struct epoll_event ev;
       receive = epoll_wait(run.epfd, &ev, 1, kEpollWaitMs) > 0;
     }
-    if (receive) {
-      rx_drain_socket(ctrl, &run);
-    }
+    backlog = receive && rx_drain_socket(ctrl, &run);
     if (qb_audio_oper_is_aborting(ctrl)) {
       break;
     }

@@ -200,19 +200,12 @@ int output_mute_ctrl_set(const void* buf, int len) {
   if (row == nullptr) {
     return 0;  // the network stream output and unknown ports have no mute of their own
   }
-  if (req.mute == kMuteOn) {
-    row->mute();
-    if (req.ch == kPortAnalog) {
-      set_output_analog_mute(1);
-    }
-    AM_LOG_INFO("%s", row->mute_log);
-  } else {
-    row->unmute();
-    if (req.ch == kPortAnalog) {
-      set_output_analog_mute(0);
-    }
-    AM_LOG_INFO("%s", row->unmute_log);
+  const bool mute = req.mute == kMuteOn;
+  // The recorded analog mute follows the bus: it changes only once the register took the bit.
+  if ((mute ? row->mute() : row->unmute()) == 1 && req.ch == kPortAnalog) {
+    set_output_analog_mute(mute ? 1 : 0);
   }
+  AM_LOG_INFO("%s", mute ? row->mute_log : row->unmute_log);
   return 1;
 }
 
@@ -349,7 +342,7 @@ int input_analog_volume_set(const void* buf, int len) {
     return 0;
   }
   const qb_u8_t value = req.vrms == kInputVrmsHigh ? kInputVrmsHighReg : kInputVrmsLowReg;
-  if (qb_audio_fpga_i2c_write(FPGA_REG_ANALOG_IN_VOLUME, value) != 1) {
+  if (I2C_Device_Write(kFpgaI2cBus, kFpgaI2cAddr, FPGA_REG_ANALOG_IN_VOLUME, &value, 1) != 0) {
     AM_LOG_ERROR("set input analog vrms:%d fpga fail", vrms);
     return 0;
   }

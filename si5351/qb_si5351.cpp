@@ -651,7 +651,7 @@ int dump2json(void) {
     return -1;
   }
   const std::string tmp_path = am_path(SI5351_STATUS_TMP_FILE);
-  FILE* fp = fopen(tmp_path.c_str(), "w+");
+  FILE* fp = fopen(tmp_path.c_str(), "w+e");
   if (fp == nullptr) {
     return 0;
   }

@@ -2,8 +2,10 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <mutex>
+#include <set>
 #include <string>
 
 #include <log4cpp/Category.hh>
@@ -13,6 +15,8 @@
 
 #include "am_platform.h"
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -77,7 +81,7 @@ bool relocate_appender_files(const std::string& path, std::string* text) {
 // Configures log4cpp from the text of a property file (written to a private temporary file).
 void configure_from_text(const std::string& text) {
   char tmp[] = "/tmp/am_logconf_XXXXXX";
-  const int fd = mkstemp(tmp);
+  const int fd = mkostemp(tmp, O_CLOEXEC);
   if (fd < 0) {
     throw log4cpp::ConfigureFailure("cannot create a temporary configuration");
   }
@@ -96,10 +100,43 @@ void configure_from_text(const std::string& text) {
   unlink(tmp);
 }
 
+// The descriptors this process has open now.
+std::set<int> open_descriptors() {
+  std::set<int> fds;
+  DIR* dir = opendir("/proc/self/fd");
+  if (dir == nullptr) {
+    return fds;
+  }
+  const int own = dirfd(dir);
+  for (const dirent* entry = readdir(dir); entry != nullptr; entry = readdir(dir)) {
+    char* end = nullptr;
+    const long fd = std::strtol(entry->d_name, &end, 10);
+    if (end != entry->d_name && *end == '\0' && fd != own) {
+      fds.insert(static_cast<int>(fd));
+    }
+  }
+  closedir(dir);
+  return fds;
+}
+
+// The appenders open their files without close-on-exec; a program the daemon starts must not
+// inherit them, so every descriptor the configuration opened gets the flag.
+void close_on_exec_since(const std::set<int>& before) {
+  for (const int fd : open_descriptors()) {
+    if (fd > STDERR_FILENO && before.count(fd) == 0) {
+      const int flags = fcntl(fd, F_GETFD);
+      if (flags >= 0) {
+        fcntl(fd, F_SETFD, flags | FD_CLOEXEC);
+      }
+    }
+  }
+}
+
 }  // namespace
 
 int am_log_configure(const char* property_file) {
   const std::string path = am_path(property_file);
+  const std::set<int> before = open_descriptors();
   try {
     std::string relocated;
     if (!am_root().empty() && relocate_appender_files(path, &relocated)) {
@@ -107,6 +144,7 @@ int am_log_configure(const char* property_file) {
     } else {
       log4cpp::PropertyConfigurator::configure(path);
     }
+    close_on_exec_since(before);
     g_configured.store(true, std::memory_order_release);
     return 0;
   } catch (const log4cpp::ConfigureFailure& failure) {

@@ -195,9 +195,15 @@ int i2c_transfer(const char* path, struct i2c_msg* msgs, int nmsgs, int reg_widt
   }
   const std::string resolved = am_path(path);
   struct stat st;
-  const bool is_device = stat(resolved.c_str(), &st) == 0 && S_ISCHR(st.st_mode);
+  const bool exists = stat(resolved.c_str(), &st) == 0;
+  const bool is_device = exists && S_ISCHR(st.st_mode);
+  // A register file stands in for the bus only on a board root, where it is created on first
+  // use, or where one was put in place on purpose. On the board a missing bus device is an error,
+  // never a new file that silently accepts every transfer.
+  const bool emulate = !is_device && ((exists && S_ISREG(st.st_mode)) || (!exists && !am_root().empty()));
   const int fd = is_device ? open(resolved.c_str(), O_RDWR | O_CLOEXEC)
-                           : open(resolved.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+                 : emulate ? open(resolved.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)
+                           : -1;
   if (fd < 0) {
     say("Unable to open i2c control file\n");
     return AM_I2C_OPEN_FAILED;

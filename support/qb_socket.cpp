@@ -116,7 +116,7 @@ int first_ready(const int* fds, int count, const fd_set* set, int code) {
 int qb_create_sock(int kind) {
   const int family = (kind >= -2 && kind <= 2) ? AF_INET : AF_UNIX;
   const int type = (kind % 2 != 0) ? SOCK_STREAM : SOCK_DGRAM;
-  return socket(family, type, 0);
+  return socket(family, type | SOCK_CLOEXEC, 0);
 }
 
 int qb_bind_sock(int fd, qb_u32_t ip, int port) {

@@ -61,7 +61,7 @@ bool LoadEdid(const char* path, Array_EDID<EDID_MAX_SIZE>& store) {
   char resolved[EDID_PATH_BUF_SIZE];
   FilePtr file;
   if (path != nullptr && am_path_buf(path, resolved, sizeof(resolved)) != nullptr) {
-    file.reset(std::fopen(resolved, "rb"));
+    file.reset(std::fopen(resolved, "rbe"));
   }
   if (!file) {
     std::printf("[ERROR] open file: %s fail !\n", shown);
