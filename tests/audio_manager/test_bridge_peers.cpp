@@ -2,7 +2,7 @@
 // decisions; the stream switchers of the HDMI, eARC and S/PDIF outputs.
 #include <chrono>
 
-#include "../edid/edid_test_util.h"
+#include "am_test_edid.h"
 #include "am_unit.h"
 #include "qb_audio_oper_switch.h"
 #include "qb_audio_stream.h"
@@ -17,8 +17,8 @@ class BridgeTest : public ControlTest {
     ControlTest::TearDown();
   }
   // The monitor's EDID with one audio data block.
-  void write_edid(const edid_test::Bytes& audio_block) {
-    const edid_test::Bytes edid = edid_test::edid_with(edid_test::cea_block(audio_block));
+  void write_edid(const am_test::EdidBytes& audio_block) {
+    const am_test::EdidBytes edid = am_test::edid_with(audio_block);
     ASSERT_TRUE(root.write("/tmp/tv.edid.bin", std::string(edid.begin(), edid.end())));
   }
   static std::string avp_format(int hz, int ch, int alloc, const char* enc) {
