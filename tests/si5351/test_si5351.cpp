@@ -1,6 +1,6 @@
 // Clock synthesiser: the register bytes the chip receives for nominal and adjusted rates, stepping
-// limits and the walk back to nominal; the genlock service's replies and status file; the requests
-// of the client calls. Power-up and the service process are exercised by the integration tests.
+// limits; the genlock service's replies and status file; the requests of the client calls. Power-up
+// and the reset walk of the running service are exercised by the integration tests.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <unistd.h>
@@ -186,7 +186,7 @@ TEST_F(Si5351Driver, RefusalsWriteNothing) {
   }
   EXPECT_FALSE(qb_si5351_conf_get(1, nullptr));
   EXPECT_EQ(qb_si5351_conf_inc(nullptr), -1);
-  EXPECT_EQ(qb_si5351_param_inc_dec2(nullptr), -1);
+  EXPECT_EQ(qb_si5351_param_inc_dec(1, 0, 300), 0);
   SI5351_CONF_T bad[] = {{4, 48000, 0, 0, 0, 0}, {1, 32000, 0, 0, 0, 0}, {2, 48000, 150, 0, 0, 0}, {3, 48000, -2700, 0, 0, 0}};
   for (SI5351_CONF_T& rec : bad) EXPECT_EQ(rec.value < 0 ? qb_si5351_conf_dec(&rec) : qb_si5351_conf_inc(&rec), -1);
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
@@ -262,7 +262,6 @@ TEST_F(Si5351Service, RepliesAndStatusFile) {
   EXPECT_TRUE(std::equal(req.begin(), req.end(), got.begin()));
   EXPECT_EQ(std::count(got.begin() + 12, got.end(), 0), 52);
   EXPECT_EQ(regs_of(bus_, 1), kNominal48k);
-  EXPECT_EQ(conf(1).value, 0);
   EXPECT_EQ(conf(1).state, static_cast<int>(QB_SI5351_SET_PARAM));
   serve(request(QB_SI5351_SET_INC, {1, 0}));
   EXPECT_FALSE(client_.receive(&got, 100)) << "steps are not answered";
@@ -274,27 +273,6 @@ TEST_F(Si5351Service, RepliesAndStatusFile) {
             "\"analog\":{\"fifoTotal\":0,\"fifoUsed\":0,\"ppmAdjusted\":0,\"ppmMaxStep\":300},"
             "\"earc/spdif\":{\"fifoTotal\":4096,\"fifoUsed\":1024,\"ppmAdjusted\":0,\"ppmMaxStep\":300}}}");
   EXPECT_EQ(conf(3).state, static_cast<int>(QB_SI5351_SET_PARAM)) << "a report changes no state";
-}
-
-// A reset steps once at once and once per idle period, then turns into set-param; channels not in
-// reset keep their offset; a step request ends the walk.
-TEST_F(Si5351Service, ResetWalksBackOnIdlePeriods) {
-  for (int i = 0; i < 3; ++i) serve(request(QB_SI5351_SET_INC, {1, 0}));
-  serve(request(QB_SI5351_SET_INC, {2, 0}));
-  serve(request(QB_SI5351_SET_RESET, {1, 0}));
-  for (int want : {600, 300, 0}) {
-    EXPECT_EQ(conf(1).value, want);
-    EXPECT_EQ(conf(1).state, static_cast<int>(want == 0 ? QB_SI5351_SET_PARAM : QB_SI5351_SET_RESET));
-    idle();
-  }
-  EXPECT_EQ(regs_of(bus_, 1), kNominal48k);
-  EXPECT_EQ(conf(2).value, 300) << "only channels in reset walk back";
-  for (uint32_t cmd : {QB_SI5351_SET_DEC, QB_SI5351_SET_DEC, QB_SI5351_SET_RESET, QB_SI5351_SET_DEC}) {
-    serve(request(cmd, {3, 0}));
-  }
-  idle();
-  EXPECT_EQ(conf(3).value, -600);
-  EXPECT_EQ(conf(3).state, static_cast<int>(QB_SI5351_SET_DEC));
 }
 
 // Unknown commands are logged, not answered; a datagram longer than the buffer is cut, not left
@@ -316,22 +294,20 @@ TEST_F(Si5351Service, OddDatagramsAndTextDump) {
                                       "ch:2 rate:44100 value:0 status:set param\nch:3 rate:48000 value:300 status:increase\n\n");
 }
 
-// Client calls on a socket connected to the service: step requests are twelve bytes, a set-param
+// Client calls on a socket connected to the service: a step request is twelve bytes, a set-param
 // waits for the reply; failed sends are logged with the reason.
 TEST_F(Si5351Service, ClientCalls) {
   const sockaddr_in dest = loopback(local_port(svr_));
   ASSERT_EQ(connect(client_.fd(), reinterpret_cast<const sockaddr*>(&dest), sizeof dest), 0);
   LogCapture log;
-  for (const auto& c : {std::make_pair(set_increase, QB_SI5351_SET_INC), std::make_pair(set_reset, QB_SI5351_SET_RESET)}) {
-    EXPECT_EQ(c.first(client_.fd(), 2), 0);
-    uint8_t buf[64];
-    ASSERT_EQ(qb_select(&svr_, 1, QB_SELECT_READ, 1000), svr_ + QB_SOCK_READABLE);
-    ASSERT_EQ(recv(svr_, buf, sizeof buf, 0), 12);
-    EXPECT_EQ(Bytes(buf, buf + 12), request(c.second, {2, 0}));
-    EXPECT_EQ(c.first(-1, 1), -1);
-  }
+  EXPECT_EQ(set_reset(client_.fd(), 2), 0);
+  uint8_t buf[64];
+  ASSERT_EQ(qb_select(&svr_, 1, QB_SELECT_READ, 1000), svr_ + QB_SOCK_READABLE);
+  ASSERT_EQ(recv(svr_, buf, sizeof buf, 0), 12);
+  EXPECT_EQ(Bytes(buf, buf + 12), request(QB_SI5351_SET_RESET, {2, 0}));
+  EXPECT_EQ(set_increase(-1, 1), -1);
   EXPECT_EQ(send_set_param(-1, 1, 48000), -1);
-  EXPECT_EQ(log.count(std::string("to<127.0.0.1:11000> fd:-1 error:") + strerror(EBADF)), 3);
+  EXPECT_EQ(log.count(std::string("to<127.0.0.1:11000> fd:-1 error:") + strerror(EBADF)), 2);
   std::thread service([this] { si5351_svr_poll(svr_, 5000); });
   EXPECT_EQ(send_set_param(client_.fd(), 2, 88200), 0);
   service.join();
