@@ -210,34 +210,28 @@ TEST(EdidParser, ValidationOfFiles) {
   }
 }
 
-// Unreadable paths are refused. A failed new reading forgets the old EDID; basic audio follows the
-// extension's flag; a store claiming more than it holds is refused.
+// A missing file or a store claiming more than it holds is refused; a failed new reading forgets
+// the old EDID; basic audio follows the extension's flag.
 TEST(EdidParser, ParserLife) {
-  am_test::TempRoot root({"tmp"});
-  const std::string long_path = "/" + std::string(99, 'a');  // 100 characters
   EdidParser parser;
   testing::internal::CaptureStdout();
-  for (const char* path : {"/tmp/none.bin", "/tmp", long_path.c_str(), static_cast<const char*>(nullptr)}) {
-    EXPECT_EQ(parser.init(path), 0) << (path != nullptr ? path : "null");
-  }
+  EXPECT_EQ(parser.init("/no/such/edid.bin"), 0);
+  EXPECT_EQ(parser.init(("/" + std::string(99, 'a')).c_str()), 0);  // 100 characters: too long a path
   ASSERT_EQ(parser.init(to_data(edid_with({}, -1, 0x30))), 1);
   EXPECT_FALSE(parser.isSupportBaseAudio());
   ASSERT_EQ(parser.init(to_data(edid_with({}, -1, 0x40))), 1);
   EXPECT_TRUE(parser.isSupportBaseAudio());
-  EXPECT_EQ(parser.init(to_data(Bytes(64, 0))), 0);
+  EDID_Data data = to_data(edid_with(kTwoSads));
+  data.m_length = 384;
+  EXPECT_EQ(parser.init(data), 0);
   EXPECT_FALSE(parser.isEdidVaild());
   EXPECT_FALSE(parser.isSupportBaseAudio());
   T_Edid_Audio_Info info = sentinel();
   parser.getEdidAudioInfo(&info);
   EXPECT_EQ(info.u8AudioInfoNum, 0xA5);
-  EDID_Data data = to_data(edid_with(kTwoSads));
-  data.m_length = 384;
-  EXPECT_EQ(parser.init(data), 0);
   const std::string out = testing::internal::GetCapturedStdout();
-  for (const std::string& line : {std::string("[ERROR] open file: /tmp/none.bin fail !\n"), "[ERROR] open file: " + long_path + " fail !\n",
-                                  std::string("[ERROR] won't fit in edid")}) {
-    EXPECT_NE(out.find(line), std::string::npos) << out;
-  }
+  EXPECT_NE(out.find("[ERROR] open file: /no/such/edid.bin fail !\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("[ERROR] won't fit in edid"), std::string::npos) << out;
 }
 
 // Random extensions against an independent walk: the audio list holds the first ten descriptors

@@ -1,6 +1,7 @@
 // Clock synthesiser: the register bytes the chip receives for nominal and adjusted rates, stepping
-// limits; the genlock service's replies and status file; the requests of the client calls. Power-up
-// and the reset walk of the running service are exercised by the integration tests.
+// limits; the genlock service's replies and status file; client calls against a silent service and
+// the dump query. Power-up, the reset walk and the client calls against the running service are
+// exercised by the integration tests.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <unistd.h>
@@ -9,7 +10,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -292,27 +292,6 @@ TEST_F(Si5351Service, OddDatagramsAndTextDump) {
   set_chn_stat(3, QB_SI5351_SET_INC);
   EXPECT_EQ(printed(qb_si5351_dump2), "si5351 pid:0 \nch:1 rate:48000 value:0 status:set param\n"
                                       "ch:2 rate:44100 value:0 status:set param\nch:3 rate:48000 value:300 status:increase\n\n");
-}
-
-// Client calls on a socket connected to the service: a step request is twelve bytes, a set-param
-// waits for the reply; failed sends are logged with the reason.
-TEST_F(Si5351Service, ClientCalls) {
-  const sockaddr_in dest = loopback(local_port(svr_));
-  ASSERT_EQ(connect(client_.fd(), reinterpret_cast<const sockaddr*>(&dest), sizeof dest), 0);
-  LogCapture log;
-  EXPECT_EQ(set_reset(client_.fd(), 2), 0);
-  uint8_t buf[64];
-  ASSERT_EQ(qb_select(&svr_, 1, QB_SELECT_READ, 1000), svr_ + QB_SOCK_READABLE);
-  ASSERT_EQ(recv(svr_, buf, sizeof buf, 0), 12);
-  EXPECT_EQ(Bytes(buf, buf + 12), request(QB_SI5351_SET_RESET, {2, 0}));
-  EXPECT_EQ(set_increase(-1, 1), -1);
-  EXPECT_EQ(send_set_param(-1, 1, 48000), -1);
-  EXPECT_EQ(log.count(std::string("to<127.0.0.1:11000> fd:-1 error:") + strerror(EBADF)), 2);
-  std::thread service([this] { si5351_svr_poll(svr_, 5000); });
-  EXPECT_EQ(send_set_param(client_.fd(), 2, 88200), 0);
-  service.join();
-  EXPECT_EQ(conf(2).rate, 88200);
-  EXPECT_EQ(log.count("get 5351 set param ret=64 --[qb_si5351.cpp:"), 1);
 }
 
 // ---- calls on the fixed ports, in a private network namespace ---------------------------------
