@@ -52,24 +52,21 @@ Regs regs_of(const am_test::I2cFake& bus, int ch) {
 }
 
 // Counts the log lines that contain a text, from every thread, while alive.
-class LogCapture {
- public:
+struct LogCapture {
   LogCapture() { am_log_set_observer(&LogCapture::observe, this); }
   ~LogCapture() { am_log_set_observer(nullptr, nullptr); }
-  int count(const std::string& text) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return static_cast<int>(std::count_if(lines_.begin(), lines_.end(),
-                                          [&](const std::string& l) { return l.find(text) != std::string::npos; }));
-  }
-
- private:
   static void observe(int, const char* message, void* ctx) {
     auto* self = static_cast<LogCapture*>(ctx);
-    std::lock_guard<std::mutex> lock(self->mutex_);
-    self->lines_.emplace_back(message);
+    std::lock_guard<std::mutex> lock(self->mutex);
+    self->lines.emplace_back(message);
   }
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
+  int count(const std::string& text) {
+    std::lock_guard<std::mutex> lock(mutex);
+    return static_cast<int>(std::count_if(lines.begin(), lines.end(),
+                                          [&](const std::string& l) { return l.find(text) != std::string::npos; }));
+  }
+  std::mutex mutex;
+  std::vector<std::string> lines;
 };
 
 // Puts channel ch back to (rate, value 0, state set-param, no fifo figures).
