@@ -1,10 +1,9 @@
-// The EDID reader: the audio lists of real sinks, descriptor decoding, the data block walk and its
-// ten-entry limit, validation of files, hostile extensions and the reader's life cycle.
+// The EDID reader: the audio lists of real sinks, the data block walk and its ten-entry limit,
+// validation of files and the reader's life cycle.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -170,15 +169,20 @@ INSTANTIATE_TEST_SUITE_P(RealSinks, EdidCorpus, testing::ValuesIn(kCorpus), [](c
 // ---- EDIDs built in memory ------------------------------------------------------------------------
 
 // Files that load or not, through the TV's board path; a refused one leaves the caller's record
-// untouched, a valid one without a usable CEA extension has an empty list.
+// untouched, a valid one without a usable CEA extension has an empty list. The list holds the
+// first ten descriptors of the audio blocks lying wholly before the offset in extension byte 2.
 TEST(EdidParser, ValidationOfFiles) {
   const Bytes good = edid_with(kTwoSads);
   auto with = [](Bytes b, size_t at, qb_u8_t v, bool rechecksum) {
     b[at] = v;
     return rechecksum ? fix_checksum(b, at / 128 * 128) : b;
   };
-  Bytes zero_ext = base_block(1), two_ext = base_block(2), long_file = good;
+  Bytes zero_ext = base_block(1), two_ext = base_block(2), long_file = good, eleven;
   zero_ext.resize(256, 0x00);
+  for (int i = 0; i < 11; ++i) {  // two audio blocks of five and six descriptors
+    if (i == 0 || i == 5) eleven.push_back(static_cast<qb_u8_t>(0x20 | (i == 0 ? 15 : 18)));
+    eleven.insert(eleven.end(), {0x09, 0x07, 0x01});
+  }
   two_ext.insert(two_ext.end(), good.begin() + 128, good.end());
   long_file.push_back(0);
   const struct {
@@ -192,6 +196,8 @@ TEST(EdidParser, ValidationOfFiles) {
       {"extension count 2", two_ext, 1, 0, ",\r\n0x"},
       {"extension tag not CEA", with(good, 128, 0x70, true), 1, 0, nullptr},
       {"no audio block", edid_with({0x44, 0x10, 0x04, 0x03, 0x01}), 1, 0, nullptr},
+      {"eleven descriptors, ten kept", edid_with(eleven), 1, 10, nullptr},
+      {"audio block ending past byte 2", edid_with(kTwoSads, 4 + 6), 1, 0, nullptr},
       {"empty file", {}, 0, 0, "[ERROR] ediddata size is 0 "},
       {"short file", Bytes(good.begin(), good.begin() + 100), 0, 0, "[ERROR] ediddata less than 128 byte "},
       {"257 bytes", long_file, 0, 0, "[ERROR] won't fit in edid"},
@@ -232,40 +238,6 @@ TEST(EdidParser, ParserLife) {
   const std::string out = testing::internal::GetCapturedStdout();
   EXPECT_NE(out.find("[ERROR] open file: /no/such/edid.bin fail !\n"), std::string::npos) << out;
   EXPECT_NE(out.find("[ERROR] won't fit in edid"), std::string::npos) << out;
-}
-
-// Random extensions against an independent walk: the audio list holds the first ten descriptors
-// of the audio blocks that lie wholly inside the data block collection (from byte 4 to byte 2, at
-// most the checksum byte), in EDID order; the third byte means the sample sizes, the bit rate / 8
-// for codes 2-8, or the format-dependent byte >> 3 for code 15. The sanitizer build catches any
-// read outside the EDID.
-TEST(EdidWalk, RandomExtensions) {
-  std::mt19937 rng(20261122);
-  for (int round = 0; round < 5000; ++round) {
-    Bytes blocks(123);
-    for (qb_u8_t& b : blocks) b = static_cast<qb_u8_t>(rng());
-    for (size_t i = 0; i < blocks.size(); i += 7) {  // bias the headers towards audio blocks
-      if (rng() % 256 < 96) blocks[i] = static_cast<qb_u8_t>(0x20 | (blocks[i] & 0x1F));
-    }
-    const Bytes e = edid_with(blocks, static_cast<int>(rng() % 256), static_cast<qb_u8_t>(rng()));
-    std::vector<std::vector<qb_u32_t>> want;
-    const size_t end = std::min<size_t>(e[128 + 2], 127);
-    for (size_t at = 128 + 4, len; at < 128 + end && at + 1 + (len = e[at] & 0x1F) <= 128 + end; at += 1 + len) {
-      for (size_t d = at + 1; (e[at] >> 5) == 1 && d + 3 <= at + 1 + len; d += 3) {
-        const qb_u32_t code = e[d] >> 3, b2 = e[d + 2];
-        want.push_back({code, (e[d] & 7u) + 1, e[d + 1], code >= 2 && code <= 8 ? b2 * 8 : code == 15 ? b2 >> 3 : b2});
-      }
-    }
-    want.resize(std::min<size_t>(want.size(), EDID_AUDIO_INFO_MAX_NUM));
-    const Loaded l = load(e);
-    ASSERT_EQ(l.result, 1);
-    ASSERT_EQ(l.info.u8AudioInfoNum, want.size()) << "round " << round;
-    for (size_t i = 0; i < want.size(); ++i) {
-      const T_Audio_Info& got = l.info.ptAudioInfo[i];
-      ASSERT_EQ((std::vector<qb_u32_t>{got.eAudioFomat, got.u8MaxChannels, got.eSampleRateFlags, got.u8BitFlag}), want[i])
-          << "round " << round << " entry " << i;
-    }
-  }
 }
 
 }  // namespace
