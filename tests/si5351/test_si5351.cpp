@@ -1,7 +1,6 @@
 // Clock synthesiser: the register bytes the chip receives for nominal and adjusted rates, stepping
-// limits; the genlock service's replies and status file; client calls against a silent service and
-// the dump query. Power-up, the reset walk and the client calls against the running service are
-// exercised by the integration tests.
+// limits; the genlock service's replies and status file; the requests of the client calls. Power-up
+// and the reset walk of the running service are exercised by the integration tests.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <unistd.h>
@@ -10,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -272,6 +272,20 @@ TEST_F(Si5351Service, RepliesAndStatusFile) {
   EXPECT_EQ(conf(3).state, static_cast<int>(QB_SI5351_SET_PARAM)) << "a report changes no state";
 }
 
+// A reset steps once at once and once per idle period, then turns into set-param; channels not in
+// reset keep their offset.
+TEST_F(Si5351Service, ResetWalksBackOnIdlePeriods) {
+  for (uint32_t cmd : {QB_SI5351_SET_DEC, QB_SI5351_SET_DEC, QB_SI5351_SET_RESET}) serve(request(cmd, {1, 0}));
+  serve(request(QB_SI5351_SET_DEC, {2, 0}));
+  for (int want : {-300, 0}) {
+    EXPECT_EQ(conf(1).value, want);
+    EXPECT_EQ(conf(1).state, static_cast<int>(want == 0 ? QB_SI5351_SET_PARAM : QB_SI5351_SET_RESET));
+    idle();
+  }
+  EXPECT_EQ(regs_of(bus_, 1), kNominal48k);
+  EXPECT_EQ(conf(2).value, -300) << "only channels in reset walk back";
+}
+
 // Unknown commands are logged, not answered; a datagram longer than the buffer is cut, not left
 // blocking the socket; an empty one is ignored. The text dump lists the channel table.
 TEST_F(Si5351Service, OddDatagramsAndTextDump) {
@@ -289,6 +303,31 @@ TEST_F(Si5351Service, OddDatagramsAndTextDump) {
   set_chn_stat(3, QB_SI5351_SET_INC);
   EXPECT_EQ(printed(qb_si5351_dump2), "si5351 pid:0 \nch:1 rate:48000 value:0 status:set param\n"
                                       "ch:2 rate:44100 value:0 status:set param\nch:3 rate:48000 value:300 status:increase\n\n");
+}
+
+// Client calls on a socket connected to the service: a step request is twelve bytes, a set-param
+// waits for the reply; failed sends (bad or unconnected socket) are logged with the reason.
+TEST_F(Si5351Service, ClientCalls) {
+  const sockaddr_in dest = loopback(local_port(svr_));
+  ASSERT_EQ(connect(client_.fd(), reinterpret_cast<const sockaddr*>(&dest), sizeof dest), 0);
+  LogCapture log;
+  EXPECT_EQ(set_reset(client_.fd(), 2), 0);
+  uint8_t buf[64];
+  ASSERT_EQ(qb_select(&svr_, 1, QB_SELECT_READ, 1000), svr_ + QB_SOCK_READABLE);
+  ASSERT_EQ(recv(svr_, buf, sizeof buf, 0), 12);
+  EXPECT_EQ(Bytes(buf, buf + 12), request(QB_SI5351_SET_RESET, {2, 0}));
+  am_test::UdpReceiver unconnected(0);
+  EXPECT_EQ(set_decrease(unconnected.fd(), 1), -1);
+  EXPECT_EQ(log.count("send QB_SI5351_SET_DEC to<127.0.0.1:11000> fd:" + std::to_string(unconnected.fd()) + " error:"), 1);
+  EXPECT_EQ(set_increase(-1, 1), -1);
+  EXPECT_EQ(set_fifo_status(-1, 1, 2, 3), -1);
+  EXPECT_EQ(send_set_param(-1, 1, 48000), -1);
+  EXPECT_EQ(log.count(std::string("to<127.0.0.1:11000> fd:-1 error:") + strerror(EBADF)), 3);
+  std::thread service([this] { si5351_svr_poll(svr_, 5000); });
+  EXPECT_EQ(send_set_param(client_.fd(), 2, 88200), 0);
+  service.join();
+  EXPECT_EQ(conf(2).rate, 88200);
+  EXPECT_EQ(log.count("get 5351 set param ret=64 --[qb_si5351.cpp:"), 1);
 }
 
 // ---- calls on the fixed ports, in a private network namespace ---------------------------------

@@ -131,6 +131,7 @@ TEST(QbUdp, ReceiveAndSend) {
   EXPECT_EQ(qb_udp_recv(rx.fd, buf, 1024, 0, &from, &from_len), 100);
   EXPECT_EQ(from.sin_port, tx.addr.sin_port);
   ASSERT_EQ(qb_set_sock_noblock(rx.fd), 0);
+  EXPECT_EQ(qb_udp_recv(rx.fd, buf, 1024, 0, nullptr, nullptr), 0);
   EXPECT_EQ(qb_udp_recv2(rx.fd, buf, 1024, 0, nullptr, nullptr), 0);
   for (int n : {4, 4}) tx.send_to(rx, n);
   ASSERT_TRUE(rx.readable());
