@@ -1,6 +1,7 @@
 // Clock synthesiser: the register bytes the chip receives for nominal and adjusted rates, stepping
-// limits; the genlock service's replies and status file; the requests of the client calls. Power-up
-// and the reset walk of the running service are exercised by the integration tests.
+// limits; the genlock service's replies and status file; the requests of the client calls. The
+// running service (power-up with its thread, the reset walk from above) is exercised by the
+// integration tests.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <unistd.h>
@@ -220,6 +221,16 @@ TEST_F(Si5351Driver, StepsStopAtTheLimitsAndReset) {
   EXPECT_EQ(log.count("si5351 ch:2 rate:96000 reset --[qb_si5351.cpp:"), 1);
   qb_si5351_reset_chn(2);
   EXPECT_EQ(writes(), 8u) << "a channel at nominal is left alone";
+}
+
+// Power-up without the service thread: 71 one-byte writes that start with the outputs off and end
+// with them on.
+TEST_F(Si5351Driver, PowerUp) {
+  EXPECT_EQ(qb_si5351_start(), 0);
+  const auto w = bus_.writes(kBus, kAddr);
+  ASSERT_EQ(w.size(), 71u);
+  EXPECT_EQ(w.front(), (std::pair<uint16_t, uint8_t>{3, 0xFF}));
+  EXPECT_EQ(w.back(), (std::pair<uint16_t, uint8_t>{3, 0x00}));
 }
 
 // ---- the service loop on an ephemeral loopback port, a client socket and a fake chip ----------
