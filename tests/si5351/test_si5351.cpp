@@ -173,12 +173,17 @@ TEST_F(Si5351Driver, RefusalsWriteNothing) {
     EXPECT_EQ(qb_si5351_param_inc_set(1, 48000, step), 0) << step;
     EXPECT_EQ(qb_si5351_param_dec_set(1, 44100, step), 0) << step;
   }
+  EXPECT_EQ(qb_si5351_param_inc_set(1, 32000, 300), 0);
   for (int ch : {0, 4}) {
     EXPECT_EQ(qb_si5351_set(ch, 48000), 1);
+    EXPECT_EQ(qb_si5351_param_inc_set(ch, 48000, 300), 1);
     qb_si5351_increase(ch);
+    qb_si5351_decrease(ch);
     qb_si5351_set_param(ch, 96000);
     qb_si5351_reset_chn(ch);
+    qb_si5351_reset_chn2(ch);
     set_fifo_stat(ch, 1, 2);
+    set_chn_stat(ch, QB_SI5351_SET_INC);
     SI5351_CONF_T out{};
     EXPECT_FALSE(qb_si5351_conf_get(ch, &out));
   }
@@ -359,7 +364,9 @@ TEST_F(Si5351ClientNetns, SilentService) {
     LogCapture log;
     am_test::UdpReceiver service(11000);
     const int fd = udp_socket_create("127.0.0.1", 11003);
-    if (!service.ok() || fd < 0 || udp_socket_create("10.9.8.7", 11002) != -1) return 1;
+    if (!service.ok() || fd < 0 || udp_socket_create("10.9.8.7", 11002) != -1 || udp_socket_create(nullptr, 11002) != -1) {
+      return 1;
+    }
     Bytes got;
     if (set_fifo_status(fd, 2, 4096, 7) != 0 || !service.receive(&got, 1000)) return 2;
     if (got != request(QB_FIFO_REPORT, {2, 4096, 7}) || send_set_param(fd, 3, 44100) != -1) return 3;
