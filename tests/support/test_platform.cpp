@@ -129,6 +129,7 @@ TEST(I2cDevice, FailuresAndTheirTexts) {
       {[&] { return I2C_Device_Write(kBus, 0x80, 0x10, &v, 1); }, -2, kFailed + "I2c_Write Failed at addr=[0x80]\n"},
       {[&] { return I2C_Device_Read(kBus, 0x85, 0x10, &got, 1); }, -1, kFailed + "I2c_Read Failed at addr=[0x85]\n"},
       {[&] { return I2C_Device_Write("/no/such/dir/i2c-9", 0x48, 0x10, &v, 1); }, -1, "Unable to open i2c control file\n"},
+      {[&] { return I2C_Device_Read("/no/such/dir/i2c-9", 0x48, 0x10, &got, 1); }, -1, "Unable to open i2c control file\n"},
       {[&] { return I2C_Device_Write(nullptr, 0x48, 0x10, &v, 1); }, -1, "filepath is null\n"},
       {[&] { return I2C_Device_Read_Word_Reg(nullptr, 0x48, 0x10, &got, 1); }, -1, "filepath is null\n"},
       {[&] { return I2C_Device_Write("/dev/i2c-7", 0x05, 0x10, &v, 1); }, -2, kFailed + "I2c_Write Failed at addr=[0x 5]\n"},

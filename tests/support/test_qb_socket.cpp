@@ -65,6 +65,7 @@ TEST(QbSocket, KindsOptionsAndAddresses) {
     EXPECT_EQ(qb_close_socket(&fd), 0);
     EXPECT_EQ(qb_close_socket(&fd), -1);
   }
+  EXPECT_EQ(qb_close_socket(nullptr), -1);
   int fd = qb_create_sock(QB_UDP_SOCK);
   EXPECT_EQ(qb_bind_sock(fd, 0x7F000001, 0), 0);
   EXPECT_EQ(sock_opt(fd, SOL_SOCKET, SO_REUSEADDR), 1);
@@ -79,14 +80,17 @@ TEST(QbSocket, KindsOptionsAndAddresses) {
   EXPECT_EQ(qb_set_sock_attr(s.fd, 1, 1500, 250, 65536, 0), 0);
   EXPECT_NEAR(timeout_us(s.fd, SO_SNDTIMEO), 1500000, 10000);  // the kernel rounds to its clock tick
   EXPECT_NEAR(timeout_us(s.fd, SO_RCVTIMEO), 250000, 10000);
+  EXPECT_EQ(qb_set_sock_attr(s.fd, 0, 0, 700, 0, 0), 0);
   EXPECT_EQ(qb_set_sock_noblock(s.fd), 0);
   EXPECT_NE(fcntl(s.fd, F_GETFL) & O_NONBLOCK, 0);
   EXPECT_EQ(qb_set_sock_multicast_noloop(s.fd), 0);
   EXPECT_EQ(sock_opt(s.fd, IPPROTO_IP, IP_MULTICAST_LOOP), 0);
   EXPECT_EQ(qb_set_sock_attr(0, 1, 0, 0, 0, 0), -1);
+  EXPECT_EQ(qb_set_sock_noblock(0), -1);
 
   EXPECT_EQ(qb_ip_a2n("239.255.1.3"), 0xEFFF0103U);
   EXPECT_EQ(qb_ip_a2n("localhost"), 0x7F000001U);
+  EXPECT_EQ(qb_ip_a2n(nullptr), 0xFFFFFFFFU);
   testing::internal::CaptureStdout();
   EXPECT_NE(qb_set_sock_rm_multi_membership(s.fd, "239.1.2.3"), 0);  // never joined
   EXPECT_EQ(qb_ip_a2n(""), 0xFFFFFFFFU);
@@ -139,7 +143,12 @@ TEST(QbUdp, ReceiveAndSend) {
   tx.send_to(rx, 4);
   ASSERT_TRUE(rx.readable());
   EXPECT_EQ(qb_udp_recv(rx.fd, buf, 1024, 8, nullptr, nullptr), 4);
+  tx.send_to(rx, 10);
+  ASSERT_TRUE(rx.readable());
+  EXPECT_EQ(qb_udp_recv2(rx.fd, buf, 1024, 6, nullptr, nullptr), 6);
   EXPECT_EQ(qb_udp_recv(rx.fd, buf, 0, 0, nullptr, nullptr), -1);
+  EXPECT_EQ(qb_udp_recv2(rx.fd, nullptr, 6, 6, nullptr, nullptr), -1);
+  EXPECT_EQ(qb_udp_recv2(-1, buf, 1024, 0, nullptr, nullptr), -1);
 
   EXPECT_EQ(qb_udp_send(0, buf, 4, &rx.addr), 0);
   EXPECT_EQ(qb_udp_send(tx.fd, buf, 4, nullptr), 0);
@@ -147,6 +156,8 @@ TEST(QbUdp, ReceiveAndSend) {
   EXPECT_EQ(recv(rx.fd, buf, sizeof(buf), 0), 5);
   EXPECT_EQ(std::string(buf, 5), "hello");
   EXPECT_EQ(qb_udp_send_data(nullptr, rx.port(), "x", 1), -1);
+  EXPECT_EQ(qb_udp_send_data("127.0.0.1", rx.port(), nullptr, 1), -1);
+  EXPECT_EQ(qb_udp_send_data("127.0.0.1", rx.port(), "x", 0), -1);
   for (int port : {1023, 65536}) EXPECT_EQ(qb_udp_send_data("127.0.0.1", port, "x", 1), -1) << port;
 }
 
