@@ -35,11 +35,6 @@ void I2cFake::set_read_value(const std::string& path, uint16_t addr, uint16_t re
   read_values_[Key(path, addr, reg)] = value;
 }
 
-void I2cFake::clear_read_value(const std::string& path, uint16_t addr, uint16_t reg) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  read_values_.erase(Key(path, addr, reg));
-}
-
 std::vector<I2cRecord> I2cFake::records() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return records_;

@@ -46,7 +46,6 @@ class I2cFake {
   void fail_next_reads(int n);
   // Reads of this register return `value` whatever was written (a device whose read-back differs).
   void set_read_value(const std::string& path, uint16_t addr, uint16_t reg, uint8_t value);
-  void clear_read_value(const std::string& path, uint16_t addr, uint16_t reg);
 
   // Every transfer so far, in order (failed ones included).
   std::vector<I2cRecord> records() const;

@@ -1,28 +1,10 @@
 // Integration test environment: temporary roots, namespaces, child processes, loopback UDP.
-#include "am_test_env.h"
-
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sched.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <thread>
 
+#include "am_test_sys.h"
 #include "am_platform.h"
 
 namespace am_test {

@@ -1,6 +1,7 @@
 // The qb_genlock program under a temporary root in its own network namespace, driven with raw UDP
 // requests and a playback engine's client calls; observed through the emulated I2C bus file,
-// "/tmp/genlock.json", its log (the reset walk) and its exit status on SIGTERM.
+// "/tmp/genlock.json" and its exit status on SIGTERM (the reset walk and the other requests are
+// unit-tested against the service loop).
 #include "am_test_sys.h"
 #include <array>
 #include "qb_si5351.h"
@@ -9,8 +10,6 @@ namespace {
 
 constexpr uint32_t kSetParam = 0x1234;
 constexpr uint32_t kSetInc = 0x1235;
-constexpr uint32_t kSetDec = 0x1236;
-constexpr uint32_t kSetReset = 0x1237;
 constexpr int kChipAddr = 0x60;
 constexpr uint16_t kServicePort = 11000;
 constexpr const char* kLogFile = "/tmp/qb_genlock.log";
@@ -45,7 +44,7 @@ int exchange(int port, const std::vector<Bytes>& requests, bool want_reply, int 
   return n == 64 && std::memcmp(buf, requests.back().data(), 12) == 0 ? 0 : 13;
 }
 
-TEST(GenlockService, PowerUpRequestsClientCallsResetWalkAndSigterm) {
+TEST(GenlockService, PowerUpRequestsClientCallsAndSigterm) {
   if (!am_test::have_netns()) GTEST_SKIP() << "needs root and network namespaces";
   am_test::TempRoot root({"dev", "tmp"});
   ASSERT_TRUE(root.ok());
@@ -97,9 +96,6 @@ TEST(GenlockService, PowerUpRequestsClientCallsResetWalkAndSigterm) {
     ASSERT_GE(lines.size(), 8u);
     EXPECT_EQ(lines[lines.size() - 8], "W 60 2A B9");
     EXPECT_EQ(lines.back(), "W 60 31 5F");
-    EXPECT_EQ(ns.run([] { return exchange(11003, {request(kSetParam, 3, 192000)}, true); }), 0);
-    EXPECT_EQ(ns.run([] { return exchange(11003, {request(kSetDec, 3, 0)}, false, 300); }), 0);
-    EXPECT_TRUE(regs_become(58, MsRegs{0x3F, 0xFF, 0x00, 0x10, 0x4F, 0x10, 0xB2, 0x4F}));
   }
   {
     SCOPED_TRACE("a playback engine's client calls");
@@ -117,30 +113,11 @@ TEST(GenlockService, PowerUpRequestsClientCallsResetWalkAndSigterm) {
         },
         5000));
   }
-  {
-    SCOPED_TRACE("+900, then a reset: +600 at once, then one step per 2-second silence down to nominal");
-    ASSERT_EQ(ns.run([] { return exchange(11001, {request(kSetParam, 1, 192000)}, true); }), 0);
-    ASSERT_EQ(ns.run([] {
-                return exchange(11001, {request(kSetInc, 1, 0), request(kSetInc, 1, 0), request(kSetInc, 1, 0),
-                                        request(kSetReset, 1, 0)},
-                                false, 300);
-              }),
-              0);
-    EXPECT_TRUE(am_test::wait_for([&] { return log_has("ch:1 rate:192000 reset to value:600"); }, 3000));
-    EXPECT_TRUE(am_test::wait_for([&] { return log_has("ch:1 rate:192000 reset to value:300"); }, 6000));
-    EXPECT_TRUE(am_test::wait_for([&] { return log_has("ch:1 rate:192000 reset to value:0"); }, 6000));
-    EXPECT_TRUE(regs_become(42, MsRegs{0x01, 0x00, 0x00, 0x10, 0x4F, 0x00, 0x00, 0x80}));
-    const size_t writes = bus_lines().size();
-    usleep(2500 * 1000);  // one more silent period: nothing left to do
-    EXPECT_EQ(bus_lines().size(), writes);
-  }
-  {
-    SCOPED_TRACE("SIGTERM: exit status 0");
-    ASSERT_TRUE(service.signal(SIGTERM));
-    int status = 0;
-    ASSERT_TRUE(service.wait_exit(5000, &status));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  }
+  SCOPED_TRACE("SIGTERM: exit status 0");
+  ASSERT_TRUE(service.signal(SIGTERM));
+  int status = 0;
+  ASSERT_TRUE(service.wait_exit(5000, &status));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 }  // namespace

@@ -11,17 +11,12 @@
 
 namespace {
 
-constexpr double kRate = 48000.0;
+constexpr double kRate = 48000.0, kChunkFrames = 240.0, kBufferFrames = 9600.0;  // 200 ms device buffer
 constexpr int kCardPpm = 300;
 constexpr double kPpmPerStep = 300.0 / 6144000.0 * 1e6;
-constexpr double kBufferFrames = 9600.0;  // 200 ms device buffer
-constexpr double kChunkFrames = 240.0;
-constexpr double kMaxRunS = 150.0;
-constexpr double kPaceTolerancePpm = 10.0;
-constexpr double kSecondsPerUnderrun = 20.0;
+constexpr double kMaxRunS = 150.0, kPaceTolerancePpm = 10.0, kSecondsPerUnderrun = 20.0;
 constexpr int kStallMs = 300;  // longer than the device buffer can bridge
-constexpr int kStopLimitMs = 2000;
-constexpr int kDumpTimeoutMs = 30000;
+constexpr int kStopLimitMs = 2000, kDumpTimeoutMs = 30000;
 constexpr long kFpgaRegisterBase = 0x48 * 256;
 constexpr const char* kTxMac = "02000000a001";
 const std::string kBin = std::string(am_test::kBinDir) + "/";
@@ -34,14 +29,10 @@ class Bench {
     env_ = "AM_SIM_STATE=" + work_ + "/state AM_SIM_PREFIX=amb" + std::to_string(getpid()) + "- AM_BIN_DIR=" +
            am_test::kBinDir + " AM_LIB_DIR=" + am_test::kLibDir;
   }
-  ~Bench() {
-    board("teardown");
-    if (!work_.empty()) std::system(("rm -rf " + work_).c_str());
-  }
+  ~Bench() { board("teardown; rm -rf " + work_); }
   std::string root(const std::string& name) const { return work_ + "/" + name; }
   std::string log(const std::string& name) const { return am_test::read_file(root(name) + "/tmp/audio_manager.log"); }
   std::string played_path() const { return root("rx") + "/tmp/bench/played.raw"; }
-  std::string board_out() const { return am_test::read_file(work_ + "/board.out"); }
   int board(const std::string& args) const {
     const int rc = std::system(
         ("env " + env_ + " bash " + am_test::kSourceDir + "/sim/board " + args + " >>" + work_ + "/board.out 2>&1").c_str());
@@ -256,7 +247,7 @@ TEST(StreamBoards, BitExactDebugPipeFastCardSteeredXrunAndSigterm) {
   const auto t_blocked = std::chrono::steady_clock::now();
   ASSERT_EQ("", bench.start(" --env AMSIM_RATE_PPM_PLAY1=300 --env AMSIM_TIMELOG_PLAY1=/tmp/bench/played.timelog",
                             [&] { am_test::make_dirs(bench.root("tx") + "/tmp/request/blocked"); }))
-      << bench.board_out();
+      << am_test::read_file(bench.root("board.out"));
   const int runs_at_start = bench.runs();
   ASSERT_GE(runs_at_start, 1);
   {
