@@ -66,9 +66,7 @@ class Daemon : public ::testing::Test {
     // The test thread joins the namespace to play the peers and cmd_core.
     home_fd_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
     const int ns_fd = open(("/var/run/netns/" + ns_.name()).c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_GE(home_fd_, 0);
-    ASSERT_GE(ns_fd, 0);
-    ASSERT_EQ(setns(ns_fd, CLONE_NEWNET), 0);
+    ASSERT_TRUE(home_fd_ >= 0 && ns_fd >= 0 && setns(ns_fd, CLONE_NEWNET) == 0);
     close(ns_fd);
     joined_ = true;
     for (int port : kPeerPorts) {
@@ -159,10 +157,8 @@ class Daemon : public ::testing::Test {
   std::unique_ptr<am_test::TempRoot> root_;
   std::unique_ptr<am_test::Process> daemon_;
   std::map<int, std::unique_ptr<am_test::UdpReceiver>> peers_;
-  int cmd_fd_ = -1;
-  int home_fd_ = -1;
+  int cmd_fd_ = -1, home_fd_ = -1, marker_ = 100;
   bool joined_ = false;
-  int marker_ = 100;
 };
 
 TEST_F(Daemon, StartCommandsReportsAndShutdown) {

@@ -17,12 +17,11 @@ void put32(Bytes* b, size_t at, uint32_t v) { std::memcpy(b->data() + at, &v, 4)
 Bytes stream_datagram(uint32_t total) {
   Bytes b(56 + kPayload, 0x11);
   std::memset(b.data(), 0, 56);
-  for (const auto& [at, v] : {std::pair<size_t, uint32_t>{0, 0x49325344}, {4, 3900}, {8, 0x123457}, {12, kPayload}})
+  for (const auto& [at, v] :
+       {std::pair<size_t, uint32_t>{0, 0x49325344}, {4, 3900}, {8, 0x123457}, {12, kPayload}, {52, total}})
     put32(&b, at, v);
   b[32] = 1, b[33] = 2, b[34] = 2, b[35] = 24, b[36] = 2, b[40] = 128;
-  const uint8_t ch_stat[5] = {0x04, 0x00, 0x00, 0x02, 0x0b};
-  std::memcpy(b.data() + 47, ch_stat, 5);
-  put32(&b, 52, total);
+  b[47] = 0x04, b[50] = 0x02, b[51] = 0x0b;  // IEC 60958 channel status
   return b;
 }
 
@@ -30,9 +29,7 @@ Bytes stream_datagram(uint32_t total) {
 bool send_udp(int from_port, int to_port, const Bytes& data) {
   const int fd = socket(AF_INET, SOCK_DGRAM, 0);
   sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  a.sin_port = htons(static_cast<uint16_t>(from_port));
+  a.sin_family = AF_INET, a.sin_addr.s_addr = htonl(INADDR_LOOPBACK), a.sin_port = htons(static_cast<uint16_t>(from_port));
   bool ok = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
   a.sin_port = htons(static_cast<uint16_t>(to_port));
   ok = ok && sendto(fd, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof a) ==
@@ -92,13 +89,9 @@ TEST(Wireshark, DissectorDecodesStreamsCommandsReportsAndGenlock) {
   am_test::Process capture({"dumpcap", "-i", "lo", "-f", "udp", "-P", "-w", pcap}, {}, ns.name(),
                            tmp.path() + "/dumpcap.out");
   // dumpcap says "Capturing on" a moment before it captures: probe until it counts a packet.
-  ASSERT_TRUE(am_test::wait_for(
-      [&] {
-        ns.run([] { return send_udp(0, kProbePort, Bytes(1)) ? 0 : 1; });
-        return capture.output().find("Packets:") != std::string::npos;
-      },
-      10000, 100))
-      << capture.output();
+  auto probe = [&] { return ns.run([] { return send_udp(0, kProbePort, Bytes(1)) ? 0 : 1; }) == 0 &&
+                           capture.output().find("Packets:") != std::string::npos; };
+  ASSERT_TRUE(am_test::wait_for(probe, 10000, 100)) << capture.output();
   ASSERT_EQ(0, ns.run(send_all));
   ASSERT_TRUE(am_test::wait_for(
       [&] { return fields(tmp.path(), pcap, "-Y " + kNoProbe, {"frame.number"}).size() == kDatagrams; }, 10000, 200))
