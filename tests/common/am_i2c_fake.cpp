@@ -35,11 +35,6 @@ void I2cFake::set_read_value(const std::string& path, uint16_t addr, uint16_t re
   read_values_[Key(path, addr, reg)] = value;
 }
 
-void I2cFake::clear_read_value(const std::string& path, uint16_t addr, uint16_t reg) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  read_values_.erase(Key(path, addr, reg));
-}
-
 std::vector<I2cRecord> I2cFake::records() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return records_;
@@ -49,12 +44,8 @@ I2cFake::RegWrites I2cFake::writes(const std::string& path, uint16_t addr) const
   std::lock_guard<std::mutex> lock(mutex_);
   RegWrites out;
   for (const I2cRecord& r : records_) {
-    if (r.is_read || !r.ok || r.path != path || r.addr != addr) {
-      continue;
-    }
-    for (size_t i = 0; i < r.bytes.size(); ++i) {
-      out.emplace_back(static_cast<uint16_t>(r.reg + i), r.bytes[i]);
-    }
+    if (r.is_read || !r.ok || r.path != path || r.addr != addr) continue;
+    for (size_t i = 0; i < r.bytes.size(); ++i) out.emplace_back(static_cast<uint16_t>(r.reg + i), r.bytes[i]);
   }
   return out;
 }
@@ -62,11 +53,7 @@ I2cFake::RegWrites I2cFake::writes(const std::string& path, uint16_t addr) const
 size_t I2cFake::transfer_count(const std::string& path, uint16_t addr) const {
   std::lock_guard<std::mutex> lock(mutex_);
   size_t n = 0;
-  for (const I2cRecord& r : records_) {
-    if (r.path == path && r.addr == addr) {
-      ++n;
-    }
-  }
+  for (const I2cRecord& r : records_) if (r.path == path && r.addr == addr) ++n;
   return n;
 }
 
@@ -80,25 +67,17 @@ int I2cFake::transfer_hook(const char* path, struct i2c_msg* msgs, int nmsgs, vo
 }
 
 int I2cFake::transfer(const char* path, struct i2c_msg* msgs, int nmsgs) {
-  if (path == nullptr || msgs == nullptr || nmsgs < 1) {
-    return -1;
-  }
+  if (path == nullptr || msgs == nullptr || nmsgs < 1) return -1;
   const int width = am_i2c_current_reg_width();
   I2cRecord rec;
   rec.path = path;
   rec.addr = msgs[0].addr;
   const struct i2c_msg* read_msg = nullptr;
-  for (int i = 0; i < nmsgs; ++i) {
-    if ((msgs[i].flags & I2C_M_RD) != 0) {
-      read_msg = &msgs[i];
-    }
-  }
+  for (int i = 0; i < nmsgs; ++i) if ((msgs[i].flags & I2C_M_RD) != 0) read_msg = &msgs[i];
   rec.is_read = read_msg != nullptr;
   const struct i2c_msg& first = msgs[0];
   const bool has_reg = (first.flags & I2C_M_RD) == 0 && first.len >= width;
-  if (has_reg) {
-    rec.reg = width == 2 ? static_cast<uint16_t>((first.buf[0] << 8) | first.buf[1]) : first.buf[0];
-  }
+  if (has_reg) rec.reg = width == 2 ? static_cast<uint16_t>((first.buf[0] << 8) | first.buf[1]) : first.buf[0];
 
   std::lock_guard<std::mutex> lock(mutex_);  // guards the maps, records and counters
   int& fail_counter = rec.is_read ? fail_reads_ : fail_writes_;

@@ -2,12 +2,6 @@
 // lifetime of the object (one at a time). It keeps one register map per (bus path, address),
 // records every transfer and can inject failures and wrong read-back values.
 //
-// Usage:
-//   am_test::I2cFake bus;                                  // I2C_Device_* now talk to the fake
-//   bus.set_reg("/dev/i2c-2", 0x48, 0x52, 0xFF);            // preset a register
-//   ... code under test ...
-//   EXPECT_EQ(bus.writes("/dev/i2c-2", 0x48), (am_test::I2cFake::RegWrites{{0x52, 0xBF}}));
-//
 // A transfer is a write when it has only write messages ([reg, data...]) and a read when it has a
 // read message (register write [reg] then the read). Registers are one byte wide, or two for the
 // word-register functions. Unknown registers read as 0. Thread safe.
@@ -44,7 +38,6 @@ class I2cFake {
   I2cFake(const I2cFake&) = delete;
   I2cFake& operator=(const I2cFake&) = delete;
 
-  // Register map.
   void set_reg(const std::string& path, uint16_t addr, uint16_t reg, uint8_t value);
   uint8_t reg(const std::string& path, uint16_t addr, uint16_t reg) const;
 
@@ -53,7 +46,6 @@ class I2cFake {
   void fail_next_reads(int n);
   // Reads of this register return `value` whatever was written (a device whose read-back differs).
   void set_read_value(const std::string& path, uint16_t addr, uint16_t reg, uint8_t value);
-  void clear_read_value(const std::string& path, uint16_t addr, uint16_t reg);
 
   // Every transfer so far, in order (failed ones included).
   std::vector<I2cRecord> records() const;

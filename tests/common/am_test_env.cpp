@@ -1,66 +1,20 @@
 // Integration test environment: temporary roots, namespaces, child processes, loopback UDP.
-#include "am_test_env.h"
-
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sched.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <thread>
 
+#include "am_test_sys.h"
 #include "am_platform.h"
 
 namespace am_test {
 namespace {
 
-constexpr const char* kNetnsDir = "/var/run/netns/";
-
-// Joins the named network namespace (in a child). False on failure.
 bool join_netns(const std::string& name) {
-  const int fd = open((kNetnsDir + name).c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    return false;
-  }
-  const bool ok = setns(fd, CLONE_NEWNET) == 0;
-  close(fd);
+  const int fd = open(("/var/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC);
+  const bool ok = fd >= 0 && setns(fd, CLONE_NEWNET) == 0;
+  if (fd >= 0) close(fd);
   return ok;
-}
-
-// Waits for a child up to timeout_ms; kills it when it overstays. Returns the waitpid status or
-// -1 when it had to be killed.
-int reap_with_timeout(pid_t pid, int timeout_ms) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  int status = 0;
-  for (;;) {
-    const pid_t r = waitpid(pid, &status, WNOHANG);
-    if (r == pid) {
-      return status;
-    }
-    if (r < 0 && errno != EINTR) {
-      return -1;
-    }
-    if (std::chrono::steady_clock::now() >= deadline) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      return -1;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
 }
 
 std::string unique_netns_name() {
@@ -68,9 +22,15 @@ std::string unique_netns_name() {
   return "amt" + std::to_string(getpid()) + "_" + std::to_string(counter++);
 }
 
-}  // namespace
+sockaddr_in address(const std::string& ip, int port) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(static_cast<uint16_t>(port));
+  if (!ip.empty()) inet_pton(AF_INET, ip.c_str(), &a.sin_addr);
+  return a;
+}
 
-// ---- files ------------------------------------------------------------------------------------
+}  // namespace
 
 bool make_dirs(const std::string& path) {
   std::error_code ec;
@@ -80,33 +40,21 @@ bool make_dirs(const std::string& path) {
 
 std::string read_file(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    return "";
-  }
   std::ostringstream out;
-  out << in.rdbuf();
+  if (in) out << in.rdbuf();
   return out.str();
 }
 
 bool write_file(const std::string& path, const std::string& content) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  if (!out) {
-    return false;
-  }
-  out << content;
-  return static_cast<bool>(out);
+  return out && (out << content);
 }
 
 bool wait_for(const std::function<bool()>& cond, int timeout_ms, int poll_ms) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  for (;;) {
-    if (cond()) {
-      return true;
-    }
-    if (std::chrono::steady_clock::now() >= deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(poll_ms));
+  for (;; std::this_thread::sleep_for(std::chrono::milliseconds(poll_ms))) {
+    if (cond()) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
   }
 }
 
@@ -115,17 +63,49 @@ int shell(const std::string& cmd) {
   return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
 }
 
-// ---- TempRoot ---------------------------------------------------------------------------------
+std::string output_of(const std::string& cmd, int* status) {
+  std::string out;
+  FILE* p = popen(cmd.c_str(), "r");
+  if (p == nullptr) return out;
+  char buf[4096];
+  for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+  const int rc = pclose(p);
+  if (status != nullptr) *status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+  return out;
+}
+
+int count(const std::string& text, const std::string& needle) {
+  int n = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + needle.size())) ++n;
+  return n;
+}
+
+std::map<std::string, std::string> key_values(const std::string& text, const std::string& tag) {
+  std::map<std::string, std::string> out;
+  const std::string all = "\n" + text;
+  const size_t at = all.find("\n" + tag);
+  if (at == std::string::npos) return out;
+  std::istringstream line(all.substr(at + 1, all.find('\n', at + 1) - at - 1));
+  for (std::string kv; line >> kv;)
+    if (kv.find('=') != std::string::npos) out[kv.substr(0, kv.find('='))] = kv.substr(kv.find('=') + 1);
+  return out;
+}
+
+bool write_board(const TempRoot& root, const std::string& model) {
+  constexpr size_t kBusFileBytes = 65536;
+  bool ok = root.ok() && root.write("/misc/boardInfo.json", "{\"modelNumber\": \"" + model + "\"}") &&
+            root.write("/dev/i2c-2", std::string(kBusFileBytes, '\0')) && root.write("/dev/i2c-2.log", "") &&
+            root.write("/dev/i2c-1.log", "");
+  for (const char* prog : {"/customer/bin/audio_codec", "/customer/bin/myaplay"})
+    ok = ok && root.write(prog, "#!/bin/sh\necho \"$*\" >> \"$0.args\"\n") && chmod(root.at(prog).c_str(), 0755) == 0;
+  return ok;
+}
 
 TempRoot::TempRoot(const std::vector<std::string>& subdirs) {
   char tmpl[] = "/tmp/am_test_XXXXXX";
-  if (mkdtemp(tmpl) == nullptr) {
-    return;
-  }
+  if (mkdtemp(tmpl) == nullptr) return;
   path_ = tmpl;
-  for (const std::string& sub : subdirs) {
-    make_dirs(path_ + "/" + sub);
-  }
+  for (const std::string& sub : subdirs) make_dirs(path_ + "/" + sub);
   const char* old = getenv(AM_ROOT_ENV);
   had_old_ = old != nullptr;
   if (had_old_) old_value_ = old;
@@ -134,14 +114,9 @@ TempRoot::TempRoot(const std::vector<std::string>& subdirs) {
 }
 
 TempRoot::~TempRoot() {
-  if (path_.empty()) {
-    return;
-  }
-  if (had_old_) {
-    setenv(AM_ROOT_ENV, old_value_.c_str(), 1);
-  } else {
-    unsetenv(AM_ROOT_ENV);
-  }
+  if (path_.empty()) return;
+  if (had_old_) setenv(AM_ROOT_ENV, old_value_.c_str(), 1);
+  else unsetenv(AM_ROOT_ENV);
   am_platform_reload();
   std::error_code ec;
   std::filesystem::remove_all(path_, ec);
@@ -149,30 +124,20 @@ TempRoot::~TempRoot() {
 
 bool TempRoot::write(const std::string& board_path, const std::string& content) const {
   const std::string host = at(board_path);
-  const size_t slash = host.rfind('/');
-  if (slash != std::string::npos && !make_dirs(host.substr(0, slash))) {
-    return false;
-  }
-  return write_file(host, content);
+  return make_dirs(host.substr(0, host.rfind('/'))) && write_file(host, content);
 }
-
-// ---- namespaces -------------------------------------------------------------------------------
 
 bool have_netns() {
   static const bool available = [] {
-    if (geteuid() != 0) {
-      return false;
-    }
-    // Runs under user-mode emulation (the aarch64 build under qemu) leave namespaces to the host
-    // build: a child that joins a namespace does not come back there.
+    if (geteuid() != 0) return false;
+    // Under user-mode emulation (the aarch64 build under qemu) a child that joins a namespace
+    // does not come back: those runs leave namespaces to the host build.
     if (getenv("AM_TEST_NO_NETNS") != nullptr) {
       fprintf(stderr, "network namespaces disabled for this run (AM_TEST_NO_NETNS)\n");
       return false;
     }
     const std::string name = unique_netns_name();
-    if (shell("ip netns add " + name) != 0) {
-      return false;
-    }
+    if (shell("ip netns add " + name) != 0) return false;
     shell("ip netns delete " + name);
     return true;
   }();
@@ -188,55 +153,40 @@ NetNs::~NetNs() { shell("ip netns delete " + name_); }
 int NetNs::run(const std::function<int()>& fn, int timeout_ms) const {
   fflush(nullptr);
   const pid_t pid = fork();
-  if (pid < 0) {
-    return -1;
-  }
   if (pid == 0) {
-    if (!join_netns(name_)) {
-      _exit(255);
-    }
+    if (!join_netns(name_)) _exit(255);
     const int rc = fn();
     fflush(nullptr);
     _exit(rc & 0xFF);
   }
-  const int status = reap_with_timeout(pid, timeout_ms);
-  if (status < 0 || !WIFEXITED(status)) {
-    return -1;
+  int status = 0;
+  const bool exited = pid > 0 && wait_for([&] { return waitpid(pid, &status, WNOHANG) == pid; }, timeout_ms, 5);
+  if (pid > 0 && !exited) {
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
   }
-  return WEXITSTATUS(status);
+  return exited && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
-
-// ---- Process ----------------------------------------------------------------------------------
 
 Process::Process(const std::vector<std::string>& argv, const std::vector<std::string>& env,
                  const std::string& netns, const std::string& output_path)
     : output_path_(output_path) {
-  if (argv.empty()) {
-    return;
-  }
+  if (argv.empty()) return;
   fflush(nullptr);
   pid_ = fork();
-  if (pid_ != 0) {
-    return;
-  }
+  if (pid_ != 0) return;
   setpgid(0, 0);
-  if (!output_path.empty()) {
-    const int fd = open(output_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd >= 0) {
-      dup2(fd, 1);
-      dup2(fd, 2);
-      close(fd);
-    }
+  const int fd = output_path.empty() ? -1 : open(output_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  if (fd >= 0) {
+    dup2(fd, 1);
+    dup2(fd, 2);
+    close(fd);
   }
   for (const std::string& entry : env) {
     const size_t eq = entry.find('=');
-    if (eq != std::string::npos) {
-      setenv(entry.substr(0, eq).c_str(), entry.substr(eq + 1).c_str(), 1);
-    }
+    if (eq != std::string::npos) setenv(entry.substr(0, eq).c_str(), entry.substr(eq + 1).c_str(), 1);
   }
-  if (!netns.empty() && !join_netns(netns)) {
-    _exit(126);
-  }
+  if (!netns.empty() && !join_netns(netns)) _exit(126);
   std::vector<char*> args;
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
@@ -245,96 +195,50 @@ Process::Process(const std::vector<std::string>& argv, const std::vector<std::st
 }
 
 Process::~Process() {
-  if (pid_ <= 0 || reaped_) {
-    return;
-  }
+  if (pid_ <= 0 || reaped_) return;
   kill(-pid_, SIGKILL);
   kill(pid_, SIGKILL);
-  int status = 0;
-  while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+  while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
   }
 }
 
 bool Process::wait_exit(int timeout_ms, int* status) {
-  if (pid_ <= 0) {
-    return false;
-  }
-  if (!reaped_) {
-    reaped_ = wait_for(
-        [this] {
-          int st = 0;
-          if (waitpid(pid_, &st, WNOHANG) == pid_) {
-            status_ = st;
-            return true;
-          }
-          return false;
-        },
-        timeout_ms, 10);
-  }
-  if (reaped_ && status != nullptr) {
-    *status = status_;
-  }
+  if (pid_ <= 0) return false;
+  if (!reaped_) reaped_ = wait_for([this] { return waitpid(pid_, &status_, WNOHANG) == pid_; }, timeout_ms, 10);
+  if (reaped_ && status != nullptr) *status = status_;
   return reaped_;
 }
 
-bool Process::signal(int sig) {
-  if (pid_ <= 0 || reaped_) {
-    return false;
-  }
-  return kill(pid_, sig) == 0;
-}
+bool Process::signal(int sig) { return pid_ > 0 && !reaped_ && kill(pid_, sig) == 0; }
 
 bool Process::running() { return pid_ > 0 && !wait_exit(0, nullptr); }
 
-// ---- UdpReceiver --------------------------------------------------------------------------------
-
 UdpReceiver::UdpReceiver(int port, const std::string& ip) {
   fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd_ < 0) {
-    return;
-  }
   const int on = 1;
-  setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-  struct sockaddr_in addr;
-  memset(&addr, 0, sizeof(addr));
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  if (inet_pton(AF_INET, ip.c_str(), &addr.sin_addr) != 1 ||
-      bind(fd_, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) != 0) {
+  const sockaddr_in addr = address(ip, port);
+  if (fd_ >= 0 && (ip.empty() || setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0 ||
+                   bind(fd_, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) != 0)) {
     close(fd_);
     fd_ = -1;
   }
 }
 
 UdpReceiver::~UdpReceiver() {
-  if (fd_ >= 0) {
-    close(fd_);
-  }
+  if (fd_ >= 0) close(fd_);
 }
 
 bool UdpReceiver::receive(std::vector<uint8_t>* out, int timeout_ms) {
-  if (fd_ < 0 || out == nullptr) {
-    return false;
-  }
-  struct pollfd pfd = {fd_, POLLIN, 0};
+  pollfd pfd = {fd_, POLLIN, 0};
   int rc = 0;
-  do {
-    rc = poll(&pfd, 1, timeout_ms);
-  } while (rc < 0 && errno == EINTR);
-  if (rc <= 0) {
-    return false;
+  while (fd_ >= 0 && (rc = poll(&pfd, 1, timeout_ms)) < 0 && errno == EINTR) {
   }
+  if (fd_ < 0 || out == nullptr || rc <= 0) return false;
   out->resize(65536);
   const ssize_t n = recv(fd_, out->data(), out->size(), 0);
-  if (n < 0) {
-    out->clear();
-    return false;
-  }
-  out->resize(static_cast<size_t>(n));
-  return true;
+  out->resize(n < 0 ? 0 : static_cast<size_t>(n));
+  return n >= 0;
 }
-
-// ---- NsSocket -----------------------------------------------------------------------------------
 
 NsSocket::NsSocket(const std::string& netns) {
   std::thread t([&] {  // a thread of its own joins the namespace, the socket stays there
@@ -348,35 +252,26 @@ NsSocket::~NsSocket() {
 }
 
 bool NsSocket::listen(const std::string& group, int port) {
-  const int one = 1;
-  const int zero = 0;
-  struct sockaddr_in addr;
-  memset(&addr, 0, sizeof(addr));
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  struct ip_mreqn mreq;
-  memset(&mreq, 0, sizeof(mreq));
+  const int one = 1, zero = 0;
+  const sockaddr_in addr = address("", port);
+  ip_mreqn mreq{};
   return fd_ >= 0 && inet_pton(AF_INET, group.c_str(), &mreq.imr_multiaddr) == 1 &&
          setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one)) == 0 &&
          setsockopt(fd_, IPPROTO_IP, IP_MULTICAST_ALL, &zero, sizeof(zero)) == 0 &&
-         bind(fd_, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == 0 &&
+         bind(fd_, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) == 0 &&
          setsockopt(fd_, IPPROTO_IP, IP_ADD_MEMBERSHIP, &mreq, sizeof(mreq)) == 0;
 }
 
 bool NsSocket::send(const std::string& group, int port, const std::vector<uint8_t>& datagram) {
-  struct sockaddr_in to;
-  memset(&to, 0, sizeof(to));
-  to.sin_family = AF_INET;
-  to.sin_port = htons(static_cast<uint16_t>(port));
-  return inet_pton(AF_INET, group.c_str(), &to.sin_addr) == 1 &&
-         sendto(fd_, datagram.data(), datagram.size(), 0, reinterpret_cast<struct sockaddr*>(&to), sizeof(to)) ==
-             static_cast<ssize_t>(datagram.size());
+  const sockaddr_in to = address(group, port);
+  return sendto(fd_, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to)) ==
+         static_cast<ssize_t>(datagram.size());
 }
 
 std::vector<std::vector<uint8_t>> NsSocket::drain(int idle_ms) {
   std::vector<std::vector<uint8_t>> got;
   uint8_t buf[2048];
-  struct pollfd p = {fd_, POLLIN, 0};
+  pollfd p = {fd_, POLLIN, 0};
   while (poll(&p, 1, idle_ms) > 0) {
     const ssize_t n = recv(fd_, buf, sizeof(buf), MSG_DONTWAIT);
     if (n >= 0) got.emplace_back(buf, buf + n);

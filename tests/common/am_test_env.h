@@ -1,19 +1,13 @@
 // Utilities for integration tests: a temporary board root, network namespaces, child processes
 // and loopback UDP. Every object cleans up after itself in its destructor, so a failed ASSERT
 // leaves no directory, namespace or process behind.
-//
-//   am_test::TempRoot root({"dev", "tmp", "misc"});     // AUDIO_MANAGER_ROOT=/tmp/am_test_XXXXXX
-//   if (!am_test::have_netns()) GTEST_SKIP() << "needs root and network namespaces";
-//   am_test::NetNs ns;                                   // fresh namespace with lo up
-//   am_test::Process daemon({bin + "/audio_manager"}, {"AUDIO_MANAGER_ROOT=" + root.path()},
-//                           ns.name(), root.path() + "/daemon.out");
-//   int rc = ns.run([] { /* socket code inside the namespace */ return 0; });  // exit status
 #pragma once
 
 #include <sys/types.h>
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -25,14 +19,11 @@ class TempRoot {
  public:
   explicit TempRoot(const std::vector<std::string>& subdirs = {});
   ~TempRoot();
-  TempRoot(const TempRoot&) = delete;
-  TempRoot& operator=(const TempRoot&) = delete;
 
   bool ok() const { return !path_.empty(); }
   const std::string& path() const { return path_; }
   // The host path of an absolute board path ("/tmp/x" -> "<root>/tmp/x").
   std::string at(const std::string& board_path) const { return path_ + board_path; }
-  // Writes a file at a board path, creating its folders. False on failure.
   bool write(const std::string& board_path, const std::string& content) const;
 
  private:
@@ -41,20 +32,27 @@ class TempRoot {
   std::string old_value_;
 };
 
-// Folders (like mkdir -p). False on failure.
 bool make_dirs(const std::string& path);
-// Whole file as text ("" when it cannot be read).
 std::string read_file(const std::string& path);
 bool write_file(const std::string& path, const std::string& content);
 // Polls cond every poll_ms until it holds (true) or timeout_ms passes (false).
 bool wait_for(const std::function<bool()>& cond, int timeout_ms, int poll_ms = 20);
 
-// Runs a shell command with its output discarded; its exit status (-1 when it did not exit).
 int shell(const std::string& cmd);
 
 // True when running as root, a network namespace can be created and AM_TEST_NO_NETNS is unset
 // (checked once).
 bool have_netns();
+
+// Output of a shell command (stdout only unless it redirects); its exit status in *status.
+std::string output_of(const std::string& cmd, int* status = nullptr);
+int count(const std::string& text, const std::string& needle);
+// The "key=value" words of the first line of text that starts with tag.
+std::map<std::string, std::string> key_values(const std::string& text, const std::string& tag);
+// A board of the given model under root: boardInfo.json, the FPGA bus's register file and bus
+// logs, and stand-ins for the codec and player programs that append their arguments to
+// "<program>.args".
+bool write_board(const TempRoot& root, const std::string& model);
 
 // A network namespace with a unique name (pid + counter) and its loopback up; deleted on
 // destruction.
@@ -62,12 +60,9 @@ class NetNs {
  public:
   NetNs();
   ~NetNs();
-  NetNs(const NetNs&) = delete;
-  NetNs& operator=(const NetNs&) = delete;
 
   bool ok() const { return ok_; }
   const std::string& name() const { return name_; }
-  // "ip netns exec <name> " for shell commands.
   std::string exec_prefix() const { return "ip netns exec " + name_ + " "; }
   // Runs fn in a forked child that has joined the namespace; returns fn's result as the child's
   // exit status (0..255), or -1 when the child could not join, crashed or ran past timeout_ms
@@ -88,17 +83,12 @@ class Process {
   Process(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
           const std::string& netns = "", const std::string& output_path = "");
   ~Process();
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
 
   bool started() const { return pid_ > 0; }
   pid_t pid() const { return pid_; }
-  // Waits up to timeout_ms for the exit; true and the waitpid status when it exited.
   bool wait_exit(int timeout_ms, int* status = nullptr);
-  // Sends sig to the child; false when it is gone.
   bool signal(int sig);
   bool running();
-  // The captured output so far ("" without an output file).
   std::string output() const { return output_path_.empty() ? "" : read_file(output_path_); }
 
  private:
@@ -108,17 +98,13 @@ class Process {
   std::string output_path_;
 };
 
-// A UDP socket bound to ip:port that receives datagrams.
 class UdpReceiver {
  public:
   explicit UdpReceiver(int port, const std::string& ip = "127.0.0.1");
   ~UdpReceiver();
-  UdpReceiver(const UdpReceiver&) = delete;
-  UdpReceiver& operator=(const UdpReceiver&) = delete;
 
   bool ok() const { return fd_ >= 0; }
   int fd() const { return fd_; }
-  // Next datagram within timeout_ms; false on time-out.
   bool receive(std::vector<uint8_t>* out, int timeout_ms);
 
  private:
@@ -130,13 +116,10 @@ class NsSocket {
  public:
   explicit NsSocket(const std::string& netns);
   ~NsSocket();
-  NsSocket(const NsSocket&) = delete;
-  NsSocket& operator=(const NsSocket&) = delete;
   int fd() const { return fd_; }
   // Receiver: port bound, member of the multicast group through the namespace's route.
   bool listen(const std::string& group, int port);
   bool send(const std::string& group, int port, const std::vector<uint8_t>& datagram);
-  // Datagrams until none arrives for idle_ms.
   std::vector<std::vector<uint8_t>> drain(int idle_ms);
 
  private:

@@ -1,50 +1,21 @@
-// The built daemon as a process under a temporary board root, in a network namespace of its own,
-// with fake peers on the loopback ports of the bridge services (8380, 8382), the video processor
-// (9991), the scaler (8370) and cmd_core's report port (9995). One TR-A daemon walks start-up (the
-// init list's bus writes), refused and accepted commands (FPGA registers, codec calls, peer
-// datagrams), channel reports, a datagram that is no command, and SIGTERM with SIGINT right after
-// it; a second, RX board without log configuration or /tmp gets no DSP routes and ends on SIGTSTP.
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
+// The built daemon under a temporary board root in a network namespace of its own, with fake peers
+// on the loopback ports of the bridge services, the video processor, the scaler and cmd_core's
+// report port: start-up bus writes, refused and accepted commands, channel reports, a datagram
+// that is no command, SIGTERM with SIGINT after it; an RX board without log configuration or /tmp
+// gets no DSP routes and ends on SIGTSTP.
+#include "am_test_sys.h"
 #include <sched.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdint>
-#include <cstring>
-#include <map>
-#include <memory>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include "am_test_env.h"
-#include "am_test_paths.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-constexpr int kCmdPort = 9994;
-constexpr int kIt6620Port = 8380;
-constexpr int kIt6621Port = 8382;
-constexpr int kAvpPort = 9991;
-constexpr int kMdinPort = 8370;
-constexpr int kReportPort = 9995;
+constexpr int kCmdPort = 9994, kIt6620Port = 8380, kIt6621Port = 8382, kAvpPort = 9991, kMdinPort = 8370,
+              kReportPort = 9995;
 constexpr int kPeerPorts[] = {kIt6620Port, kIt6621Port, kAvpPort, kMdinPort, kReportPort};
 constexpr int kFpga = 0x48;
-constexpr int kSet = 2;
-constexpr int kGet = 1;
-constexpr int kNotify = 3;
-constexpr int kExpectMs = 5000;
-constexpr int kQuietMs = 300;
-constexpr int kStartMs = 20000;
-constexpr int kExitMs = 20000;
+constexpr int kGet = 1, kSet = 2, kNotify = 3;
+constexpr int kExpectMs = 5000, kQuietMs = 300, kStartMs = 20000, kExitMs = 20000;
 
 const std::vector<std::string> kUnmuteAll = {"W 48 52 FF", "W 48 53 FF", "W 48 55 FF", "W 48 56 FF", "W 48 57 FF",
                                              "W 48 58 FF", "W 48 59 FF", "W 48 5A FF", "W 48 5B FF"};
@@ -61,27 +32,20 @@ Bytes words(std::initializer_list<uint32_t> values) {
 }
 Bytes le32(uint32_t v) { return words({v}); }
 Bytes text(const std::string& s) { return Bytes(s.begin(), s.end()); }
-Bytes mac_field(const std::string& mac) {  // a 16-byte MAC field
+Bytes mac_field(const std::string& mac) {  // 16 bytes
   Bytes b = text(mac);
   b.resize(16, 0);
   return b;
 }
 // {outer: {key: value}} as the daemon's peers receive it.
-Bytes tlv_message(int32_t outer, int32_t key, const Bytes& value) {
-  return cat(words({static_cast<uint32_t>(outer), static_cast<uint32_t>(8 + value.size()), static_cast<uint32_t>(key),
-                    static_cast<uint32_t>(value.size())}),
-             value);
+Bytes tlv_message(uint32_t outer, uint32_t key, const Bytes& value) {
+  return cat(words({outer, static_cast<uint32_t>(8 + value.size()), key, static_cast<uint32_t>(value.size())}), value);
 }
-// A channel information payload: channel id and a 20-byte format record (audio on, 24 bits).
-Bytes channel_note(int32_t ch, int sf, int validch) {
+// Channel information: channel id and a 20-byte format record (audio on, 24 bits).
+Bytes channel_note(uint32_t ch, uint8_t sf, uint8_t validch) {
   Bytes rec(20, 0);
-  rec[0] = 1;
-  rec[1] = static_cast<uint8_t>(sf);
-  rec[2] = static_cast<uint8_t>(validch);
-  rec[3] = 24;
-  rec[4] = 2;
-  rec[8] = 0x80;
-  return cat(le32(static_cast<uint32_t>(ch)), rec);
+  rec[0] = 1, rec[1] = sf, rec[2] = validch, rec[3] = 24, rec[4] = 2, rec[8] = 0x80;
+  return cat(le32(ch), rec);
 }
 std::string entry(const std::string& port, int channels, int hz) {
   return "{\"channels\":" + std::to_string(channels) + ",\"encodingType\":\"LPCM\",\"format\":\"LPCM\",\"port\":\"" +
@@ -89,33 +53,9 @@ std::string entry(const std::string& port, int channels, int hz) {
 }
 std::vector<std::string> lines_of(const std::string& all) {
   std::vector<std::string> out;
-  std::istringstream in(all);
-  for (std::string l; std::getline(in, l);)
-    if (!l.empty()) out.push_back(l);
+  for (size_t at = 0, nl; (nl = all.find('\n', at)) != std::string::npos; at = nl + 1)
+    if (nl > at) out.push_back(all.substr(at, nl - at));
   return out;
-}
-int count_of(const std::string& all, const std::string& needle) {
-  int n = 0;
-  for (size_t at = all.find(needle); at != std::string::npos; at = all.find(needle, at + 1)) ++n;
-  return n;
-}
-
-// A board root with a register file for the FPGA bus and recording stand-ins for the programs.
-std::unique_ptr<am_test::TempRoot> board_root(const std::string& model, bool log_config) {
-  auto root = std::make_unique<am_test::TempRoot>(
-      log_config ? std::vector<std::string>{"dev", "tmp", "misc", "home"} : std::vector<std::string>{"dev", "misc"});
-  bool ok = root->ok() && root->write("/misc/boardInfo.json", "{\"modelNumber\": \"" + model + "\"}") &&
-            root->write("/dev/i2c-2", std::string(65536, '\0')) && root->write("/dev/i2c-2.log", "");
-  if (log_config) {
-    const std::string conf = am_test::read_file(std::string(am_test::kSourceDir) + "/config/logconf/audio_manager.conf");
-    ok = ok && !conf.empty() && root->write("/config/logconf/audio_manager.conf", conf);
-  }
-  for (const char* prog : {"audio_codec", "myaplay"}) {
-    const std::string path = std::string("/customer/bin/") + prog;
-    ok = ok && root->write(path, "#!/bin/sh\necho \"$*\" >> \"$0.args\"\n") && chmod(root->at(path).c_str(), 0755) == 0;
-  }
-  EXPECT_TRUE(ok);
-  return root;
 }
 
 class Daemon : public ::testing::Test {
@@ -126,9 +66,7 @@ class Daemon : public ::testing::Test {
     // The test thread joins the namespace to play the peers and cmd_core.
     home_fd_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
     const int ns_fd = open(("/var/run/netns/" + ns_.name()).c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_GE(home_fd_, 0);
-    ASSERT_GE(ns_fd, 0);
-    ASSERT_EQ(setns(ns_fd, CLONE_NEWNET), 0);
+    ASSERT_TRUE(home_fd_ >= 0 && ns_fd >= 0 && setns(ns_fd, CLONE_NEWNET) == 0);
     close(ns_fd);
     joined_ = true;
     for (int port : kPeerPorts) {
@@ -141,20 +79,23 @@ class Daemon : public ::testing::Test {
   void TearDown() override {
     daemon_.reset();
     peers_.clear();
-    if (cmd_fd_ >= 0) close(cmd_fd_);
+    close(cmd_fd_);
     if (joined_) setns(home_fd_, CLONE_NEWNET);
-    if (home_fd_ >= 0) close(home_fd_);
+    close(home_fd_);
     root_.reset();
   }
 
   void start(const std::string& model, bool log_config) {
-    root_ = board_root(model, log_config);
+    root_ = std::make_unique<am_test::TempRoot>(log_config ? std::vector<std::string>{"tmp", "home"}
+                                                           : std::vector<std::string>{});
+    ASSERT_TRUE(am_test::write_board(*root_, model));
+    const std::string conf = "/config/logconf/audio_manager.conf";
+    ASSERT_TRUE(!log_config || root_->write(conf, am_test::read_file(am_test::kSourceDir + conf)));
     daemon_ = std::make_unique<am_test::Process>(
         std::vector<std::string>{std::string(am_test::kBinDir) + "/audio_manager"},
         std::vector<std::string>{"AUDIO_MANAGER_ROOT=" + root_->path(), "HOME=" + root_->path() + "/home"}, ns_.name(),
         root_->path() + "/daemon.out");
-    ASSERT_TRUE(daemon_->started());
-    ASSERT_TRUE(am_test::wait_for([&] { return count_of(log(), "audio manager init done") > 0; }, kStartMs)) << log();
+    ASSERT_TRUE(am_test::wait_for([&] { return am_test::count(log(), "audio manager init done") > 0; }, kStartMs)) << log();
   }
   // The log file, or the console output when the board has no log configuration.
   std::string log() const {
@@ -162,7 +103,7 @@ class Daemon : public ::testing::Test {
     return file.empty() ? daemon_->output() : file;
   }
   bool wait_log(const std::string& needle, int count = 1) {
-    return am_test::wait_for([&] { return count_of(log(), needle) >= count; }, kExpectMs);
+    return am_test::wait_for([&] { return am_test::count(log(), needle) >= count; }, kExpectMs);
   }
   std::vector<std::string> bus() const { return lines_of(am_test::read_file(root_->at("/dev/i2c-2.log"))); }
   uint8_t fpga(int reg) const {
@@ -176,9 +117,7 @@ class Daemon : public ::testing::Test {
 
   void send_raw(const Bytes& msg) {
     sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(kCmdPort);
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    to.sin_family = AF_INET, to.sin_port = htons(kCmdPort), to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     ASSERT_EQ(sendto(cmd_fd_, msg.data(), msg.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to),
               static_cast<ssize_t>(msg.size()));
   }
@@ -194,15 +133,11 @@ class Daemon : public ::testing::Test {
     send(1, kGet, Bytes(static_cast<size_t>(marker_), 0));
     ASSERT_TRUE(wait_log(marker + " --[")) << "command " << id << " not handled";
   }
-  Bytes next(int port) {
+  Bytes next(int port, int timeout_ms = kExpectMs) {
     Bytes out;
-    if (!peers_[port]->receive(&out, kExpectMs)) out.clear();
-    return out;
+    return peers_[port]->receive(&out, timeout_ms) ? out : Bytes{};
   }
-  bool quiet(int port) {
-    Bytes out;
-    return !peers_[port]->receive(&out, kQuietMs);
-  }
+  bool quiet(int port) { return next(port, kQuietMs).empty(); }
   std::string next_report() {
     const Bytes d = next(kReportPort);
     if (d.size() < 17) return "";
@@ -222,10 +157,8 @@ class Daemon : public ::testing::Test {
   std::unique_ptr<am_test::TempRoot> root_;
   std::unique_ptr<am_test::Process> daemon_;
   std::map<int, std::unique_ptr<am_test::UdpReceiver>> peers_;
-  int cmd_fd_ = -1;
-  int home_fd_ = -1;
+  int cmd_fd_ = -1, home_fd_ = -1, marker_ = 100;
   bool joined_ = false;
-  int marker_ = 100;
 };
 
 TEST_F(Daemon, StartCommandsReportsAndShutdown) {
@@ -239,8 +172,7 @@ TEST_F(Daemon, StartCommandsReportsAndShutdown) {
     ASSERT_GE(got.size(), want.size());
     EXPECT_EQ(std::vector<std::string>(got.begin(), got.begin() + static_cast<long>(want.size())), want);
     for (int r : {0x52, 0x53, 0x55, 0x56, 0x57, 0x58, 0x59, 0x5A, 0x5B}) EXPECT_EQ(fpga(r), 0xFF) << r;
-    EXPECT_EQ(fpga(0x17), 0x03);
-    EXPECT_EQ(fpga(0x11), 0x08);
+    EXPECT_EQ(fpga(0x17) << 8 | fpga(0x11), 0x0308);
   }
   {
     SCOPED_TRACE("refused: wrong record sizes and out-of-range values reach no register, codec or peer");
@@ -275,8 +207,7 @@ TEST_F(Daemon, StartCommandsReportsAndShutdown) {
     send_and_settle(14, kSet, le32(1));
     EXPECT_EQ(fpga(0x50), 1);
     send_and_settle(3, kSet, words({1, 0x1234}));
-    EXPECT_EQ(fpga(0x24), 0x34);
-    EXPECT_EQ(fpga(0x25), 0x12);
+    EXPECT_EQ(fpga(0x24) | fpga(0x25) << 8, 0x1234);
     send_and_settle(4, kSet, words({0, 0}));
     EXPECT_EQ(fpga(0x11), 2);
     send_and_settle(18, kSet, words({3, 1, 1}));
@@ -304,10 +235,8 @@ TEST_F(Daemon, StartCommandsReportsAndShutdown) {
     EXPECT_NE(details.find(entry("hdmi", 8, 96000)), std::string::npos) << details;
     size_t at = details.find("\"output\":[");
     ASSERT_NE(at, std::string::npos) << details;
-    for (const char* port : {"\"analog\"", "\"earc\"", "\"hdmi\"", "\"spdif\""}) {
-      at = details.find(port, at);
-      EXPECT_NE(at, std::string::npos) << port;
-    }
+    for (const char* port : {"\"analog\"", "\"earc\"", "\"hdmi\"", "\"spdif\""})
+      EXPECT_NE(at = details.find(port, at == std::string::npos ? 0 : at), std::string::npos) << port;
     send_and_settle(8, kNotify, channel_note(7, 2, 2));  // a network input: nothing new to report
     send_and_settle(8, kNotify, channel_note(9, 2, 2));  // no such channel
     EXPECT_TRUE(quiet(kReportPort));
@@ -317,11 +246,9 @@ TEST_F(Daemon, StartCommandsReportsAndShutdown) {
     send_raw({0x03, 0, 0, 0, 0x14, 0, 0, 0, 0x02, 0, 0x02, 0, 0x0C, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0});
     EXPECT_TRUE(wait_log("invalid cmd --[")) << log();
   }
-  {
-    SCOPED_TRACE("SIGTERM and, right after it, SIGINT: one shutdown with status 0");
-    ASSERT_TRUE(daemon_->running()) << log();
-    expect_exit_zero({SIGTERM, SIGINT});
-  }
+  SCOPED_TRACE("SIGTERM and, right after it, SIGINT: one shutdown with status 0");
+  ASSERT_TRUE(daemon_->running()) << log();
+  expect_exit_zero({SIGTERM, SIGINT});
 }
 
 TEST_F(Daemon, RxBoardWithoutLogConfigurationGetsNoDspRoutesAndStopsOnSigtstp) {

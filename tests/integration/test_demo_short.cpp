@@ -1,19 +1,7 @@
 // The two-board demo in its short form (scripts/demo): a few seconds of streaming from a simulated
 // transmitter to a simulated receiver and the summary it prints; its refusal of bad arguments.
 // When the stream does not start at all (exit status 3) the test is skipped with that message.
-#include <gtest/gtest.h>
-
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <map>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include "am_test_env.h"
-#include "am_test_paths.h"
+#include "am_test_sys.h"
 
 namespace {
 
@@ -29,23 +17,13 @@ struct DemoRun {
 DemoRun run_demo(const std::string& out_dir, const std::vector<std::string>& args) {
   std::vector<std::string> argv = {"bash", std::string(am_test::kSourceDir) + "/scripts/demo", "--out", out_dir};
   argv.insert(argv.end(), args.begin(), args.end());
-  const std::string log = out_dir + "/demo.out";
-  am_test::make_dirs(out_dir);
-  am_test::Process demo(argv, {"AM_BIN_DIR=" + std::string(am_test::kBinDir),
-                               "AM_LIB_DIR=" + std::string(am_test::kLibDir)},
-                        "", log);
+  am_test::Process demo(argv, {"AM_BIN_DIR=" + std::string(am_test::kBinDir), "AM_LIB_DIR=" + std::string(am_test::kLibDir)},
+                        "", out_dir + "/demo.out");
   DemoRun run;
   int status = 0;
   if (demo.wait_exit(kDemoTimeoutMs, &status) && WIFEXITED(status)) run.status = WEXITSTATUS(status);
-  run.output = am_test::read_file(log);
-  const size_t at = run.output.find("DEMO_RESULT ");
-  if (at != std::string::npos) {
-    std::istringstream line(run.output.substr(at + 12, run.output.find('\n', at) - at - 12));
-    for (std::string kv; line >> kv;) {
-      const size_t eq = kv.find('=');
-      if (eq != std::string::npos) run.result[kv.substr(0, eq)] = kv.substr(eq + 1);
-    }
-  }
+  run.output = demo.output();
+  run.result = am_test::key_values(run.output, "DEMO_RESULT ");
   return run;
 }
 
@@ -53,18 +31,6 @@ long long number(const DemoRun& r, const std::string& key) {
   const auto it = r.result.find(key);
   return it == r.result.end() ? -1 : std::atoll(it->second.c_str());
 }
-
-// A scratch directory, removed afterwards.
-struct TempDir {
-  TempDir() {
-    char tmpl[] = "/tmp/am-demo-test-XXXXXX";
-    if (mkdtemp(tmpl) != nullptr) path = tmpl;
-  }
-  ~TempDir() {
-    if (!path.empty()) std::system(("rm -rf " + path).c_str());
-  }
-  std::string path;
-};
 
 // The short demo, clean and with 2 % loss through the relay: the clean run is bit-exact with
 // nothing lost and writes the plot; the lossy run plays exactly the lost bytes as silence.
@@ -75,9 +41,9 @@ TEST(DemoShort, CleanRunIsBitExactAndLostDatagramsComeOutAsThatMuchSilence) {
   for (const auto& [name, args] : runs) {
     SCOPED_TRACE(name);
     const bool lossy = std::string(name) == "lossy";
-    TempDir dir;
-    ASSERT_FALSE(dir.path.empty());
-    const DemoRun run = run_demo(dir.path, args);
+    am_test::TempRoot dir;
+    ASSERT_TRUE(dir.ok());
+    const DemoRun run = run_demo(dir.path(), args);
     if (run.status == kStreamDidNotStart) {
       GTEST_SKIP() << "the demo's stream did not start (streaming engine not ready):\n" << run.output;
     }
@@ -101,7 +67,7 @@ TEST(DemoShort, CleanRunIsBitExactAndLostDatagramsComeOutAsThatMuchSilence) {
       const std::string plot = am_test::read_file(run.result.at("plot"));
       ASSERT_GT(plot.size(), 8u) << "plot " << run.result.at("plot");
       EXPECT_EQ(plot.substr(1, 3), "PNG");
-      EXPECT_NE(am_test::read_file(dir.path + "/demo-data.txt").find("\n4 "), std::string::npos);
+      EXPECT_NE(am_test::read_file(dir.path() + "/demo-data.txt").find("\n4 "), std::string::npos);
       EXPECT_EQ(run.output.find("kept in"), std::string::npos) << "board namespaces and processes are gone";
       continue;
     }
@@ -125,8 +91,8 @@ TEST(DemoShort, BadArgumentsFailWithAMessage) {
   for (const std::vector<std::string>& args : cases) {
     std::vector<std::string> argv = {"bash", std::string(am_test::kSourceDir) + "/scripts/demo"};
     argv.insert(argv.end(), args.begin(), args.end());
-    TempDir dir;
-    am_test::Process demo(argv, {}, "", dir.path + "/out");
+    am_test::TempRoot dir;
+    am_test::Process demo(argv, {}, "", dir.path() + "/out");
     int status = 0;
     ASSERT_TRUE(demo.wait_exit(20000, &status));
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << args[0];

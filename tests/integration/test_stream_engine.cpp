@@ -1,26 +1,9 @@
-// The streaming engines on the virtual sound card. End to end: a capture engine in one network
-// namespace streams the card's test pattern through the impairing relay to a playback engine in
-// another. A dropped, a truncated and a corrupted datagram are each played as exactly their 1408
-// bytes of silence with the stream kept aligned and the loss counted; a gap above 5120 bytes ends
-// the run; then a new format is adopted and ends the run. On the card alone: the playback
+// The streaming engines on the virtual card: a capture engine streams the card's pattern through
+// the impairing relay to a playback engine in another namespace. A dropped, a truncated and a
+// corrupted datagram each play as exactly their 1408 bytes of silence, aligned and counted; a gap
+// above 5120 bytes ends the run; a new format is adopted and ends it. On the card alone: playback
 // negotiation and a short write padded to a whole chunk.
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <atomic>
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "am_test_env.h"
-#include "am_test_paths.h"
+#include "am_test_sys.h"
 #include "audio_packet_loss_statistics.h"
 #include "qb_audio_buf.h"
 #include "qb_audio_main.h"
@@ -50,19 +33,15 @@ void use_card(const am_test::TempRoot& root) {
 // Answers every request on 127.0.0.1:11000, as the genlock service does.
 void fake_genlock(std::atomic<bool>* stop) {
   const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  struct sockaddr_in addr {};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(11000);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET, addr.sin_port = htons(11000), addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-  struct timeval tv = {0, 100000};
+  const timeval tv = {0, 100000};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-  while (!stop->load()) {
-    char buf[64];
-    struct sockaddr_in from;
-    socklen_t len = sizeof(from);
-    const ssize_t n = recvfrom(fd, buf, sizeof(buf), 0, reinterpret_cast<sockaddr*>(&from), &len);
-    if (n > 0) sendto(fd, buf, static_cast<size_t>(n), 0, reinterpret_cast<sockaddr*>(&from), len);
+  for (char buf[64]; !stop->load();) {
+    socklen_t len = sizeof(addr);
+    const ssize_t n = recvfrom(fd, buf, sizeof(buf), 0, reinterpret_cast<sockaddr*>(&addr), &len);
+    if (n > 0) sendto(fd, buf, static_cast<size_t>(n), 0, reinterpret_cast<sockaddr*>(&addr), len);
   }
   close(fd);
 }
@@ -74,15 +53,10 @@ void fake_genlock(std::atomic<bool>* stop) {
 int run_engine(bool capture, int ms, int rate_code = kRate48k) {
   audio_board_id_set(1);
   qb_audio_misc_init();
-  qb_audio_info r;
-  std::memset(&r, 0, sizeof(r));
-  r.Audio_On = 1;
+  qb_audio_info r{};
+  r.Audio_On = 1, r.ValidCh = 2, r.SampleSize = 24, r.io_in_use = 2, r.ChStat[2] = 2;
   r.SampleFrequency = static_cast<qb_s8_t>(capture ? kRate48k : rate_code);
-  r.ValidCh = 2;
-  r.SampleSize = 24;
-  r.io_in_use = 2;
   r.Audio_Type = static_cast<qb_s8_t>(0x80);
-  r.ChStat[2] = 2;
   qb_audio_channel_state_set(capture ? QB_AUDIO_CHN_NSO1 : QB_AUDIO_CHN_NSI1, &r);
   static qb_audio_oper_ctrl_t ctrl;
   std::atomic<bool> stop{false};
@@ -103,8 +77,7 @@ int run_engine(bool capture, int ms, int rate_code = kRate48k) {
     qb_audio_channel_state_copy(QB_AUDIO_CHN_NSI1, &now);
     return now.SampleFrequency == kRate48k && ctrl.audio_info_head.Sample_Frequency == kRate48k ? 0 : 98;
   }
-  AUDIO_LOSS_INFO_T info;
-  std::memset(&info, 0, sizeof(info));
+  AUDIO_LOSS_INFO_T info{};
   audio_loss_info_get(0, &info);
   const int units = info.lossBytesTotal % kLossUnit != 0 ? 99 : static_cast<int>(info.lossBytesTotal / kLossUnit);
   return (ended_by_itself ? kEndedByItself : 0) + std::min(units, 99);
@@ -117,8 +90,7 @@ void expect_bridged_gaps(const std::string& played, size_t gaps) {
   const size_t frames = played.size() / 8;
   auto sample = [&](size_t f, int ch) {
     uint32_t v;
-    std::memcpy(&v, s + f * 8 + ch * 4, 4);
-    return v;
+    return *static_cast<uint32_t*>(std::memcpy(&v, s + f * 8 + ch * 4, 4));
   };
   auto silent = [&](size_t f) { return sample(f, 0) == 0 && sample(f, 1) == 0; };
   size_t f = 0;
@@ -199,8 +171,6 @@ TEST(StreamEngine, ThroughTheRelayLossIsBridgedALongGapEndsTheRunANewFormatIsAdo
   unsetenv("AMSIM_OUTFILE_PLAY1");
 }
 
-// ---- the playback engine on the card alone ----------------------------------------------------
-
 class Card : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -218,13 +188,12 @@ class Card : public ::testing::Test {
   }
   void TearDown() override {
     if (ctrl.init || ctrl.handle != nullptr) qb_audio_oper_general_uninit(&ctrl);
-    unsetenv("AMSIM_MAX_BUFFER_BYTES_PLAY1");
   }
   am_test::TempRoot root{{"dev", "tmp", "home"}};
   qb_audio_oper_ctrl_t ctrl;
 };
 
-TEST_F(Card, NegotiationFollowsTheLargestBufferTheCardOffers) {
+TEST_F(Card, NegotiationFollowsTheLargestBufferTheCardOffersAndAShortWriteIsPadded) {
   struct Row {
     const char* max_buffer_bytes;  // the card's limit ("" none)
     int result;
@@ -246,7 +215,6 @@ TEST_F(Card, NegotiationFollowsTheLargestBufferTheCardOffers) {
     }
     qb_audio_oper_general_uninit(&ctrl);
   }
-  // A short write is padded with silence to a whole chunk.
   unsetenv("AMSIM_MAX_BUFFER_BYTES_PLAY1");
   ASSERT_EQ(0, open_and_set());
   EXPECT_EQ(1440, ctrl.start_delay);

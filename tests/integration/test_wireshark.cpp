@@ -1,23 +1,7 @@
-// The Wireshark dissector (tools/wireshark/audio_manager.lua) on a live loopback capture in a
-// network namespace: two interleaved audio streams (one with a dropped datagram and a repeat),
-// commands sent by amctl, a JSON report and a genlock request. tshark must show the header fields
-// by name, flag the gap and the repeat on their stream only (the same on a two-pass read), and
-// name the commands with their fields.
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include "am_test_env.h"
-#include "am_test_paths.h"
+// The Wireshark dissector (tools/wireshark/audio_manager.lua) on a loopback capture in a network
+// namespace: two interleaved audio streams (one with a gap and a repeat, flagged on that stream
+// only, the same on a two-pass read), amctl commands, a JSON report and a genlock request.
+#include "am_test_sys.h"
 
 namespace {
 
@@ -33,14 +17,11 @@ void put32(Bytes* b, size_t at, uint32_t v) { std::memcpy(b->data() + at, &v, 4)
 Bytes stream_datagram(uint32_t total) {
   Bytes b(56 + kPayload, 0x11);
   std::memset(b.data(), 0, 56);
-  put32(&b, 0, 0x49325344);
-  put32(&b, 4, 3900);
-  put32(&b, 8, 0x123457);
-  put32(&b, 12, kPayload);
+  for (const auto& [at, v] :
+       {std::pair<size_t, uint32_t>{0, 0x49325344}, {4, 3900}, {8, 0x123457}, {12, kPayload}, {52, total}})
+    put32(&b, at, v);
   b[32] = 1, b[33] = 2, b[34] = 2, b[35] = 24, b[36] = 2, b[40] = 128;
-  const uint8_t ch_stat[5] = {0x04, 0x00, 0x00, 0x02, 0x0b};
-  std::memcpy(b.data() + 47, ch_stat, 5);
-  put32(&b, 52, total);
+  b[47] = 0x04, b[50] = 0x02, b[51] = 0x0b;  // IEC 60958 channel status
   return b;
 }
 
@@ -48,9 +29,7 @@ Bytes stream_datagram(uint32_t total) {
 bool send_udp(int from_port, int to_port, const Bytes& data) {
   const int fd = socket(AF_INET, SOCK_DGRAM, 0);
   sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  a.sin_port = htons(static_cast<uint16_t>(from_port));
+  a.sin_family = AF_INET, a.sin_addr.s_addr = htonl(INADDR_LOOPBACK), a.sin_port = htons(static_cast<uint16_t>(from_port));
   bool ok = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
   a.sin_port = htons(static_cast<uint16_t>(to_port));
   ok = ok && sendto(fd, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof a) ==
@@ -69,16 +48,12 @@ int send_all() {
     if (i % 2 == 0 && !send_udp(40002, 59300, stream_datagram(kPayload * static_cast<uint32_t>(i / 2)))) return 2;
   }
   const std::string amctl = std::string(am_test::kBinDir) + "/amctl ";
-  for (const char* args : {"mute hdmi on", "channel-info hdmi --rate 48000 --channels 2 --size 24",
-                           "src-mac 00:11:22:33:44:55"}) {
+  for (const char* args : {"mute hdmi on", "channel-info hdmi --rate 48000 --channels 2 --size 24", "src-mac 00:11:22:33:44:55"})
     if (system((amctl + args + " >/dev/null").c_str()) != 0) return 3;
-  }
   const std::string json = "{\"status\":{\"input\":[{\"port\":\"hdmi\",\"state\":\"on\"}]}}\n";
   Bytes report(16 + json.size() + 1, 0);
-  put32(&report, 0, 2);
-  put32(&report, 4, static_cast<uint32_t>(8 + json.size() + 1));
-  put32(&report, 8, 0x00040502);
-  put32(&report, 12, static_cast<uint32_t>(json.size() + 1));
+  for (const auto& [at, v] : {std::pair<size_t, uint32_t>{0, 2}, {4, 8 + json.size() + 1}, {8, 0x00040502}, {12, json.size() + 1}})
+    put32(&report, at, v);
   std::memcpy(report.data() + 16, json.data(), json.size());
   if (!send_udp(0, 9995, report)) return 4;
   Bytes genlock(12);
@@ -86,27 +61,19 @@ int send_all() {
   return send_udp(11001, 11000, genlock) ? 0 : 5;
 }
 
-// tshark's fields, one row per frame, tab-separated; the plugin is loaded from the source tree
-// only (HOME points at an empty folder).
+// tshark's fields, one tab-separated row per frame; the plugin comes from the source tree only.
 std::vector<std::vector<std::string>> fields(const std::string& tmp, const std::string& pcap,
                                              const std::string& opts, const std::vector<std::string>& names) {
   std::string cmd = "HOME=" + tmp + " XDG_CONFIG_HOME=" + tmp + " tshark " + opts + " -r " + pcap +
                     " -X lua_script:" + am_test::kSourceDir + "/tools/wireshark/audio_manager.lua -T fields";
   for (const std::string& n : names) cmd += " -e " + n;
   std::vector<std::vector<std::string>> rows;
-  FILE* p = popen((cmd + " 2>/dev/null").c_str(), "r");
-  if (p == nullptr) return rows;
-  std::string out;
-  char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
-  pclose(p);
-  std::istringstream lines(out);
+  std::istringstream lines(am_test::output_of(cmd + " 2>/dev/null"));
   for (std::string line; std::getline(lines, line);) {
-    std::vector<std::string> row;
     std::istringstream cols(line);
-    for (std::string c; std::getline(cols, c, '\t');) row.push_back(c);
-    row.resize(names.size());
-    rows.push_back(row);
+    rows.emplace_back();
+    for (std::string c; std::getline(cols, c, '\t');) rows.back().push_back(c);
+    rows.back().resize(names.size());
   }
   return rows;
 }
@@ -122,13 +89,9 @@ TEST(Wireshark, DissectorDecodesStreamsCommandsReportsAndGenlock) {
   am_test::Process capture({"dumpcap", "-i", "lo", "-f", "udp", "-P", "-w", pcap}, {}, ns.name(),
                            tmp.path() + "/dumpcap.out");
   // dumpcap says "Capturing on" a moment before it captures: probe until it counts a packet.
-  ASSERT_TRUE(am_test::wait_for(
-      [&] {
-        ns.run([] { return send_udp(0, kProbePort, Bytes(1)) ? 0 : 1; });
-        return capture.output().find("Packets:") != std::string::npos;
-      },
-      10000, 100))
-      << capture.output();
+  auto probe = [&] { return ns.run([] { return send_udp(0, kProbePort, Bytes(1)) ? 0 : 1; }) == 0 &&
+                           capture.output().find("Packets:") != std::string::npos; };
+  ASSERT_TRUE(am_test::wait_for(probe, 10000, 100)) << capture.output();
   ASSERT_EQ(0, ns.run(send_all));
   ASSERT_TRUE(am_test::wait_for(
       [&] { return fields(tmp.path(), pcap, "-Y " + kNoProbe, {"frame.number"}).size() == kDatagrams; }, 10000, 200))
@@ -166,18 +129,15 @@ TEST(Wireshark, DissectorDecodesStreamsCommandsReportsAndGenlock) {
                         {"_ws.col.Info", "amcmd.ch", "amcmd.mute", "amcmd.SampleFrequency", "amcmd.mac",
                          "json.value.string", "amgenlock.command", "amgenlock.channel", "amgenlock.rate"});
   ASSERT_EQ(5u, c.size());
-  EXPECT_EQ("Command: SET QB_AUDIO_CMD_OUTPUT_MUTE_CTRL", c[0][0]);
-  EXPECT_EQ("1", c[0][1]);  // hdmi
-  EXPECT_EQ("1", c[0][2]);
-  EXPECT_EQ("Command: NOTIFY QB_AUDIO_CMD_CHANNEL_INFO", c[1][0]);
-  EXPECT_EQ("2", c[1][3]);  // 48 kHz code
-  EXPECT_EQ("Command: SET QB_AUDIO_CMD_INPUT_SRC_MAC", c[2][0]);
-  EXPECT_EQ("001122334455", c[2][4]);
-  EXPECT_EQ("Report: report", c[3][0]);
-  EXPECT_EQ("hdmi,on", c[3][5]);
-  EXPECT_EQ("Request QB_SI5351_SET_PARAM ch 1", c[4][0]);
-  EXPECT_EQ((std::vector<std::string>{"0x00001234", "1", "48000"}),
-            (std::vector<std::string>{c[4][6], c[4][7], c[4][8]}));
+  const std::vector<std::vector<std::string>> want = {
+      {"Command: SET QB_AUDIO_CMD_OUTPUT_MUTE_CTRL", "1", "1", "", "", "", "", "", ""},  // hdmi muted
+      {"Command: NOTIFY QB_AUDIO_CMD_CHANNEL_INFO", "", "", "2", "", "", "", "", ""},  // 48 kHz code
+      {"Command: SET QB_AUDIO_CMD_INPUT_SRC_MAC", "", "", "", "001122334455", "", "", "", ""},
+      {"Report: report", "", "", "", "", "hdmi,on", "", "", ""},
+      {"Request QB_SI5351_SET_PARAM ch 1", "", "", "", "", "", "0x00001234", "1", "48000"}};
+  for (size_t i = 0; i < want.size(); ++i)
+    for (size_t k = 0; k < want[i].size(); ++k)
+      EXPECT_TRUE(want[i][k].empty() || want[i][k] == c[i][k]) << i << " " << k << ": " << c[i][k];
 }
 
 }  // namespace
