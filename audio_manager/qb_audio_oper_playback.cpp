@@ -27,7 +27,6 @@ constexpr const char* kGenlockAddress = "127.0.0.1";
 constexpr unsigned kEpollAfterRecvCalls = 10;
 constexpr int kEpollWaitMs = 1;
 constexpr size_t kMaxRxMessages = 128;
-constexpr unsigned kMaxChannels = 8;
 
 std::atomic<playback_new_format_fn> g_new_format_hook{nullptr};
 
