@@ -6,7 +6,7 @@ ASAN_BUILD ?= build-asan
 CROSS_BUILD ?= build-aarch64
 CMAKE_FLAGS ?= -DAM_WERROR=ON
 
-.PHONY: all setup build test test-host test-asan test-cross cross asan demo bench clean
+.PHONY: all setup build test test-host test-asan test-cross cross asan fuzz demo bench clean
 
 all: build
 
@@ -34,6 +34,11 @@ test-host: build
 test-asan: asan
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -L unit -j $(JOBS)
 
+# libFuzzer targets (tests/fuzz) built with clang in build-fuzz, each run from its seed corpus a
+# fixed number of times, or FUZZ_SECONDS seconds each: make fuzz FUZZ_SECONDS=600.
+fuzz:
+	FUZZ_SECONDS=$(FUZZ_SECONDS) JOBS=$(JOBS) bash scripts/fuzz
+
 # Under qemu's user-mode emulation, tests that run threads against sockets or fork while threads
 # run can livelock the emulator; the emulated run covers the support, EDID and clock-synthesiser
 # programs (namespaces and child processes excluded). Every other program is built for aarch64
@@ -49,6 +54,7 @@ test-cross: cross
 test: setup
 	$(MAKE) test-host
 	$(MAKE) test-asan
+	$(MAKE) fuzz
 	$(MAKE) test-cross
 
 demo: setup build
@@ -58,4 +64,4 @@ bench: build
 	bash scripts/bench
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(CROSS_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(CROSS_BUILD) build-fuzz
