@@ -13,8 +13,8 @@ DESTDIR ?=
 # when tshark is not installed.
 WIRESHARK_PLUGIN_DIR ?= $(or $(shell tshark -G folders 2>/dev/null | sed -n 's/^Personal Lua Plugins:[[:space:]]*//p'),$(HOME)/.local/lib/wireshark/plugins)
 
-.PHONY: all setup build test test-host test-asan test-cross cross asan demo bench coverage mutants clean \
-        install wireshark-plugin
+.PHONY: all setup build test test-host test-asan test-cross cross asan fuzz demo bench coverage mutants \
+        clean install wireshark-plugin
 
 all: build
 
@@ -42,6 +42,11 @@ test-host: build
 test-asan: asan
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -L unit -j $(JOBS)
 
+# libFuzzer targets (tests/fuzz) built with clang in build-fuzz, each run from its seed corpus a
+# fixed number of times, or FUZZ_SECONDS seconds each: make fuzz FUZZ_SECONDS=600.
+fuzz:
+	FUZZ_SECONDS=$(FUZZ_SECONDS) JOBS=$(JOBS) bash scripts/fuzz
+
 # Under qemu's user-mode emulation, tests that run threads against sockets or fork while threads
 # run can livelock the emulator; the emulated run covers the support, EDID and clock-synthesiser
 # programs (namespaces and child processes excluded). Every other program is built for aarch64
@@ -57,6 +62,7 @@ test-cross: cross
 test: setup
 	$(MAKE) test-host
 	$(MAKE) test-asan
+	$(MAKE) fuzz
 	$(MAKE) test-cross
 
 # make demo [DEMO_SECONDS=N] [RECEIVERS=1..3] [DEMO_ARGS="--ppm 200 --loss 1"]
@@ -88,4 +94,4 @@ wireshark-plugin:
 	@echo "installed $(WIRESHARK_PLUGIN_DIR)/audio_manager.lua"
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(CROSS_BUILD) build-coverage build-mutants
+	rm -rf $(BUILD) $(ASAN_BUILD) $(CROSS_BUILD) build-coverage build-mutants build-fuzz

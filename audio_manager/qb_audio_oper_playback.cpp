@@ -30,7 +30,6 @@ constexpr size_t kMaxRxMessages = 128;
 // Receive calls in one pass of the loop: a flood of datagrams (valid or not) is read in slices, and
 // the device writes of each pass still happen.
 constexpr unsigned kRxCallsPerPass = 8;
-constexpr unsigned kMaxChannels = 8;
 
 std::atomic<playback_new_format_fn> g_new_format_hook{nullptr};
 
