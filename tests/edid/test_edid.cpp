@@ -8,41 +8,17 @@
 #include <vector>
 
 #include "Edid_Parser.h"
+#include "am_test_edid.h"
 #include "am_test_env.h"
 #include "am_test_paths.h"
 
 namespace {
 
-using Bytes = std::vector<qb_u8_t>;
+using Bytes = am_test::EdidBytes;
 
-// Sets the last byte of the 128-byte block at offset so that the block sums to 0.
-Bytes fix_checksum(Bytes e, size_t offset) {
-  qb_u32_t sum = 0;
-  for (size_t i = offset; i < offset + 127; ++i) sum += e[i];
-  e[offset + 127] = static_cast<qb_u8_t>(256 - (sum & 0xFF));
-  return e;
-}
-
-// A valid EDID 1.3 base block announcing `extensions` extension blocks.
-Bytes base_block(qb_u8_t extensions) {
-  Bytes b = {0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00};
-  b.resize(128, 0);
-  b[18] = 1;
-  b[19] = 3;
-  b[126] = extensions;
-  return fix_checksum(b, 0);
-}
-
-// A 256-byte EDID: base block and a CEA-861 extension whose data block collection is `blocks`;
-// extension byte 2 is dtd_offset, by default just past the collection.
-Bytes edid_with(const Bytes& blocks, int dtd_offset = -1, qb_u8_t features = 0x40) {
-  Bytes e = {0x02, 0x03, static_cast<qb_u8_t>(dtd_offset >= 0 ? dtd_offset : int(4 + blocks.size())), features};
-  e.insert(e.end(), blocks.begin(), blocks.begin() + std::min<size_t>(blocks.size(), 123));
-  e.resize(128, 0);
-  Bytes out = base_block(1);
-  out.insert(out.end(), e.begin(), e.end());
-  return fix_checksum(out, 128);
-}
+using am_test::edid_base_block;
+using am_test::edid_fix_checksum;
+using am_test::edid_with;
 
 EDID_Data to_data(const Bytes& bytes) {
   EDID_Data d;
@@ -175,9 +151,9 @@ TEST(EdidParser, ValidationOfFiles) {
   const Bytes good = edid_with(kTwoSads);
   auto with = [](Bytes b, size_t at, qb_u8_t v, bool rechecksum) {
     b[at] = v;
-    return rechecksum ? fix_checksum(b, at / 128 * 128) : b;
+    return rechecksum ? edid_fix_checksum(b, at / 128 * 128) : b;
   };
-  Bytes zero_ext = base_block(1), two_ext = base_block(2), long_file = good, eleven;
+  Bytes zero_ext = edid_base_block(1), two_ext = edid_base_block(2), long_file = good, eleven;
   zero_ext.resize(256, 0x00);
   for (int i = 0; i < 11; ++i) {  // two audio blocks of five and six descriptors
     if (i == 0 || i == 5) eleven.push_back(static_cast<qb_u8_t>(0x20 | (i == 0 ? 15 : 18)));
@@ -192,7 +168,7 @@ TEST(EdidParser, ValidationOfFiles) {
     const char* message;  // printed text expected, or nullptr
   } cases[] = {
       {"good", good, 1, 2, "\n[INFO] EIDI data end\n "},
-      {"base block alone", base_block(0), 1, 0, "[INFO] EIDI data start\n\r\n0x00,0xff,0xff,0xff,0xff,0xff,0xff,0x00,"},
+      {"base block alone", edid_base_block(0), 1, 0, "[INFO] EIDI data start\n\r\n0x00,0xff,0xff,0xff,0xff,0xff,0xff,0x00,"},
       {"extension count 2", two_ext, 1, 0, ",\r\n0x"},
       {"extension tag not CEA", with(good, 128, 0x70, true), 1, 0, nullptr},
       {"no audio block", edid_with({0x44, 0x10, 0x04, 0x03, 0x01}), 1, 0, nullptr},
