@@ -134,22 +134,5 @@ TEST_F(SpdifReceiver, MappingShownInTheDumpAndReleasedAtStop) {
   EXPECT_EQ(is_qb_misc_nxp_spdif_register_info_change(), 1);
 }
 
-TEST_F(SpdifReceiver, WithoutAUsableDevMemStartSucceedsAndPollsReportNothing) {
-  unlink(mem_.c_str());
-  ASSERT_EQ(qb_audio_misc_init(), 1);
-  EXPECT_EQ(qb_audio_channel_state_get(4)->AUD_DB[0], static_cast<qb_s8_t>(0xFF));
-  qb_audio_info rec;
-  std::memset(&rec, 0x5A, sizeof rec);
-  EXPECT_EQ(qb_misc_nxp_spdif_register_map_unpdate(&rec), 0);
-  EXPECT_EQ(rec.Audio_On, 0x5A);  // untouched
-  EXPECT_EQ(qb_misc_nxp_spdif_register_map_unpdate(nullptr), 0);
-  EXPECT_EQ(is_qb_misc_nxp_spdif_register_info_change(), 0);
-  EXPECT_EQ(is_qb_misc_nxp_spdif_register_info_change(), 0);
-
-  ASSERT_EQ(mkfifo(mem_.c_str(), 0600), 0);  // opens, but cannot be mapped
-  ASSERT_EQ(qb_audio_misc_init(), 1);
-  EXPECT_EQ(is_qb_misc_nxp_spdif_register_info_change(), 0);
-}
-
 }  // namespace
 }  // namespace am_unit

