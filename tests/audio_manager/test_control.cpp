@@ -1,7 +1,5 @@
-// Command handlers as peers see them: FPGA writes, codec program calls, messages to the bridge
-// services and the video processor, and status reports to cmd_core; payloads of the wrong size
-// and out-of-range values. Each bad payload lives in a heap block of exactly its size, so a read
-// past its end is caught by the address sanitizer build.
+// Command handlers as peers see them: FPGA writes, bridge messages and status reports; payloads of
+// the wrong size, each in a heap block of exactly its size so the sanitizer build sees a read past it.
 #include "am_unit.h"
 #include "qb_audio_misc_stream.h"
 #include "qb_audio_oper_packet.h"

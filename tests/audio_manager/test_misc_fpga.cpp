@@ -12,7 +12,7 @@ using Writes = am_test::I2cFake::RegWrites;
 
 class Fpga : public RoutingTest {};
 
-TEST_F(Fpga, VerifiedWriteAndRead) {
+TEST_F(Fpga, VerifiedWrite) {
   EXPECT_EQ(qb_audio_fpga_i2c_write(0x11, 0x02), 1);
   EXPECT_EQ(transfers(bus), (Seq{"W 11=02", "R 11"}));
   EXPECT_EQ(bus.records()[0].path, kBus);
@@ -27,15 +27,7 @@ TEST_F(Fpga, VerifiedWriteAndRead) {
   bus.fail_next_writes(1);
   EXPECT_EQ(qb_audio_fpga_i2c_write(0x12, 0x03), 0);
   EXPECT_EQ(bus.records().size(), 1u);  // no read-back after a failed write
-  bus.fail_next_reads(1);
-  EXPECT_EQ(qb_audio_fpga_i2c_write(0x12, 0x03), 0);
 
-  qb_u8_t v = 0x5A;
-  bus.fail_next_reads(1);
-  EXPECT_EQ(qb_audio_fpga_i2c_read(0x52, &v), 0);
-  bus.set_reg(kBus, kFpga, 0x52, 0x81);
-  EXPECT_EQ(qb_audio_fpga_i2c_read(0x52, &v), 1);
-  EXPECT_EQ(v, 0x81);
 }
 
 TEST_F(Fpga, SinkMuteChangesOnlyItsOwnBit) {
