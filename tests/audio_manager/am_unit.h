@@ -43,8 +43,6 @@ class Log {
  public:
   Log() { am_log_set_observer(&Log::observe, this); }
   ~Log() { am_log_set_observer(nullptr, nullptr); }
-  Log(const Log&) = delete;
-  Log& operator=(const Log&) = delete;
   std::vector<std::string> lines() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return lines_;

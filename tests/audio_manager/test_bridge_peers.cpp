@@ -69,7 +69,10 @@ TEST_F(BridgeTest, HdmiOutputFormatFromTheRecord) {
 }
 
 TEST_F(BridgeTest, BridgeModeMovesTheEarcOutputBetweenSai1AndSai3) {
-  struct Case { const char* name; int fallback, previous, nsi, chstat1, chstat2, chstat3, mode, nsi_after, aborted_ch; };
+  struct Case {
+    const char* name;
+    int fallback, previous, nsi, chstat1, chstat2, chstat3, mode, nsi_after, aborted_ch;  // aborted_ch 0: none
+  };
   const Case cases[] = {
       {"arc, 2ch lpcm", 2, 0, 4, 0, 2, 0, 2, 4, 0},
       {"arc, 8ch lpcm", 2, 0, 4, 0, 3, 0, 2, 5, 7},
@@ -107,7 +110,13 @@ TEST_F(BridgeTest, BridgeModeMovesTheEarcOutputBetweenSai1AndSai3) {
 }
 
 TEST_F(BridgeTest, StreamSwitchersRouteRecordAndRestart) {
-  struct Output { const char* name; int (*fn)(int, unsigned); qb_u8_t route_reg; int (*mode)(void), (*actual)(void), (*nsi)(void); bool restarts; };
+  struct Output {
+    const char* name;
+    int (*fn)(int, unsigned);
+    qb_u8_t route_reg;
+    int (*mode)(void), (*actual)(void), (*nsi)(void);
+    bool restarts;
+  };
   const Output outputs[] = {
       {"hdmi", set_output_hdmi_stream, FPGA_REG_ROUTE_HDMI_OUT, get_output_hdmi_stream_mode,
        get_output_hdmi_stream_actual_sid, qb_msic_net_stream_in_hdmi_get, true},

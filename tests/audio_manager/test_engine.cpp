@@ -1,5 +1,4 @@
-// The audio engines' building blocks: the transport header and code tables, the sender's
-// datagrams, the packet ring and the thread manager's stop entries.
+// Engine parts: transport header, code tables, the sender's datagrams, the packet ring, stop entries.
 #include <arpa/inet.h>
 
 #include "am_unit.h"
@@ -66,11 +65,6 @@ TEST(OperPacket, CodeTablesAndEncodingNames) {
     EXPECT_EQ(static_cast<unsigned>(r[1]), audio_code_to_alsa_rate(static_cast<qb_u8_t>(r[0]))) << r[0];
     EXPECT_EQ(r[2], get_audio_samplerate(static_cast<qb_u8_t>(r[0]))) << r[0];
   }
-  const int chans[][2] = {{2, 2}, {3, 6}, {4, 8}, {8, 8}, {0, 8}, {1, 8}, {9, 8}, {255, 8}};
-  for (const auto& c : chans) EXPECT_EQ(static_cast<unsigned>(c[1]), audio_code_to_alsa_channels(static_cast<qb_u8_t>(c[0]))) << c[0];
-  EXPECT_EQ(SND_PCM_FORMAT_S16_LE, audio_code_to_alsa_format(16));
-  EXPECT_EQ(SND_PCM_FORMAT_S24_LE, audio_code_to_alsa_format(24));
-  EXPECT_EQ(SND_PCM_FORMAT_S24_LE, audio_code_to_alsa_format(32));
   // The two decoder-code mappings differ at 4 and 16.
   EXPECT_STREQ("Unknown", audio_dsp_encoding_name(4));
   EXPECT_EQ(MIX_AUD_TRUEHD, get_audio_type_from_dsp(4));

@@ -62,7 +62,6 @@ TEST_F(ChannelTable, DumpLinesStatusDumpAndPrintout) {
   dump_channel_stat(9, &rec);
   dump_channel_stat(1, nullptr);
 
-  qb_misc_net_stream_in1_ipaddr_set2("234.52.229.246", "a1b2c3d4e5f6");
   qb_msic_net_stream_in_earc_set(5);
   const std::string path = root.at("/tmp/dump.txt");
   FILE* fp = std::fopen(path.c_str(), "w");
@@ -85,7 +84,6 @@ TEST_F(ChannelTable, DumpLinesStatusDumpAndPrintout) {
   EXPECT_EQ(lines[2].substr(0, 13), "chn:[earc][2]");
   EXPECT_EQ(lines[13].substr(0, 19), "chn:[nsospdif][13],");
   EXPECT_EQ(lines[14], "nsi analog<--UNKNOWN:0  hdmi<--UNKNOWN:0  earc<--sai3:5  spdif<--UNKNOWN:0");
-  EXPECT_EQ(lines[16], "ipadd sai1:234.52.229.246 deviceid:a1b2c3d4e5f6");
   EXPECT_EQ(lines[21], "ipadd sao5: deviceid:");
   EXPECT_EQ(lines[22], "net_stream first:[hdmi][1] second:[spdif][2] third:[earc][3]");
   EXPECT_EQ(lines[25].substr(0, 16), "chn:[spdif][5],A");

@@ -86,7 +86,6 @@ TEST_F(SpdifReceiver, ChangeIsReportedOnceAndStored) {
   ASSERT_EQ(qb_misc_audio_spdif_info_copy(&stored), 1);
   EXPECT_EQ(stored.SampleFrequency, 2);
   EXPECT_EQ(is_qb_misc_nxp_spdif_register_info_change(), 0);
-  EXPECT_EQ(is_qb_misc_nxp_spdif_register_info_change(), 0);
 
   set_regs(kNonAudio, low_word(0xC, 0xB));  // an unknown rate is logged on both readings
   EXPECT_EQ(is_qb_misc_nxp_spdif_register_info_change(), 1);

@@ -1,6 +1,5 @@
-// The new-format handler: output decisions for HDMI, eARC, S/PDIF and analog, adoption of the
-// format and the end of the run; the sink capability checks. The bridge, switch, report, EDID and
-// shell calls are fakes that record what they were asked.
+// The new-format handler: output decisions for HDMI, eARC and S/PDIF, adoption of the format and
+// the end of the run. The bridge, switch, report, EDID and shell calls are recording fakes.
 #include "am_unit.h"
 #include "qb_audio_oper.h"
 #include "qb_audio_oper_format.h"

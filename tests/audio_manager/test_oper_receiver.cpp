@@ -118,7 +118,14 @@ TEST_F(Receiver, HeaderChecksAndContiguousPayloads) {
 }
 
 TEST_F(Receiver, CounterGapsBridgeLossesOrEndTheRun) {
-  struct Case { const char* name; int stream; uint32_t first, second; size_t size; playback_rx_e result; uint64_t lost, datalen; };
+  struct Case {
+    const char* name;
+    int stream;
+    uint32_t first, second;
+    size_t size;
+    playback_rx_e result;
+    uint64_t lost, datalen;
+  };
   const Case cases[] = {
       {"one datagram lost", 1, 0, 2816, 1408, PLAYBACK_RX_APPENDED, 1408, 3 * 1408},
       {"loss counted for stream 3", 3, 0, 300, 100, PLAYBACK_RX_APPENDED, 200, 400},
@@ -157,11 +164,13 @@ TEST_F(Receiver, FormatFieldsAndInfoFrameByteThreeRunTheHandler) {
       {offsetof(H, Sample_Frequency), true}, {offsetof(H, Channels), true}, {offsetof(H, Sample_Size), true},
       {offsetof(H, Audio_Type), true}, {offsetof(H, SPDIF), true}, {offsetof(H, IEC60958_Channel_Stats) + 4, true},
       {offsetof(H, Cfg_Change_Number), false}, {offsetof(H, cts), false}, {offsetof(H, Audio_On), false},
-      {offsetof(H, IO_In_Use), false}, {offsetof(H, Audio_Info_Frame) + 1, false}, {offsetof(H, Audio_Info_Frame) + 4, false}};
+      {offsetof(H, IO_In_Use), false}, {offsetof(H, Audio_Info_Frame) + 1, false},
+      {offsetof(H, Audio_Info_Frame) + 4, false}};
   for (const auto& f : fields) {
     H h = ctrl.audio_info_head;
     reinterpret_cast<uint8_t*>(&h)[f.first] ^= 0x01;
-    EXPECT_EQ(f.second ? PLAYBACK_CHANGE_HEAD : PLAYBACK_CHANGE_NONE, playback_head_change(&ctrl.audio_info_head, &h)) << f.first;
+    const auto want = f.second ? PLAYBACK_CHANGE_HEAD : PLAYBACK_CHANGE_NONE;
+    EXPECT_EQ(want, playback_head_change(&ctrl.audio_info_head, &h)) << f.first;
   }
   Bytes d = dgram(0, 64, 1);
   head(d)->Sample_Frequency = 10;
