@@ -34,7 +34,7 @@ void set_onlyarc(uint32_t v) { call(input_earc_onlyarc_ctrl_set, le32(v)); }
 
 using Control = ControlTest;
 
-TEST_F(Control, MuteActsOnItsPortsGateAndRefusesTheStreamOutput) {
+TEST_F(Control, MuteActsOnItsPortsGateAndTheInputLevelOnItsRegister) {
   struct Case { uint32_t ch, mute; int result; uint8_t reg, before, after; };
   const Case cases[] = {
       {0, 1, 1, 0x52, 0xFF, 0xBF}, {0, 2, 1, 0x52, 0x00, 0x40}, {1, 1, 1, 0x52, 0xFF, 0xDF}, {2, 0, 1, 0x53, 0x00, 0x02},
@@ -49,6 +49,9 @@ TEST_F(Control, MuteActsOnItsPortsGateAndRefusesTheStreamOutput) {
     EXPECT_EQ(bus.transfer_count(kBus, kFpga) > 0, c.result == 1);
     EXPECT_TRUE(c.ch != 0 || get_output_analog_mute() == (c.mute == 1 ? 1 : 0));
   }
+  EXPECT_EQ(call(input_analog_volume_set, words({1})), 1);
+  EXPECT_EQ(bus.reg(kBus, kFpga, 0x50), 1);
+  EXPECT_EQ(call(input_analog_volume_set, words({3})), 0);
 }
 
 TEST_F(Control, OutputRequestsAreCachedAndTheArcStreamAlwaysSendsItsMode) {

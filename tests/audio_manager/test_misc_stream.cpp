@@ -44,6 +44,8 @@ TEST_F(Stream, OutputRequestDerivesGroupAndSelects) {
   // Board 3, HDMI on stream 1: route 0x15 <- 3 first, capture 5 restarted.
   EXPECT_EQ(bus.writes(kBus, kFpga)[0], (std::pair<uint16_t, uint8_t>{0x15, 3}));
   EXPECT_EQ(capture_abort(2), 1);
+  qb_net_first_stream_select_set(QB_AUDIO_SRC_SPDIF);
+  EXPECT_EQ(is_qb_net_first_stream_select_spdif(), 1);
 
   // The group from the MAC, in either case.
   qb_audio_output_stream_t a = out_req(0, 0, "a1b2c3d4e5f6");
