@@ -1,7 +1,6 @@
 // Shared pieces of the daemon's unit tests: a log recorder, channel records, a routing fixture
-// (temporary board root, in-process I2C bus, routing module started on a board) and a control
-// fixture that adds the loopback peers (bridge services, video processor, scaler, cmd_core's
-// report port) inside a private network namespace the test thread enters for each test.
+// (temporary board root, I2C bus, routing module on a board) and a control fixture that adds the
+// loopback peers inside a private network namespace the test thread enters for each test.
 #pragma once
 
 #include <fcntl.h>
@@ -44,15 +43,9 @@ class Log {
  public:
   Log() { am_log_set_observer(&Log::observe, this); }
   ~Log() { am_log_set_observer(nullptr, nullptr); }
-  Log(const Log&) = delete;
-  Log& operator=(const Log&) = delete;
   std::vector<std::string> lines() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return lines_;
-  }
-  void clear() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.clear();
   }
   int count(const std::string& text) const {
     int n = 0;
@@ -145,13 +138,11 @@ class RoutingTest : public ::testing::Test {
     audio_board_id_set(board);
     qb_audio_misc_init();
     bus.clear_records();
-    log.clear();
   }
   Writes fpga_writes() const { return bus.writes(kBus, kFpga); }
 
   am_test::TempRoot root{{"dev", "tmp", "customer/bin"}};
   am_test::I2cFake bus;
-  Log log;
 };
 
 // A private network namespace for the test thread, created once per process.
@@ -228,7 +219,6 @@ class ControlTest : public RoutingTest {
     }
     bus.clear_records();
     clear_aborts();
-    log.clear();
   }
   void TearDown() override {
     clear_aborts();
@@ -247,7 +237,6 @@ class ControlTest : public RoutingTest {
     return !peers_[port]->receive(&out, kQuietMs);
   }
   std::string next_report() { return report_text(next(kReportPort)); }
-  std::string codec_calls() const { return am_test::read_file(root.at(kCodecArgsPath)); }
 
  private:
   std::map<int, std::unique_ptr<am_test::UdpReceiver>> peers_;

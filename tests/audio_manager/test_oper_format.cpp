@@ -1,6 +1,5 @@
-// The new-format handler: output decisions for HDMI, eARC, S/PDIF and analog, adoption of the
-// format and the end of the run; the sink capability checks. The bridge, switch, report, EDID and
-// shell calls are fakes that record what they were asked.
+// The new-format handler: output decisions for HDMI, eARC and S/PDIF, adoption of the format and
+// the end of the run. The bridge, switch, report, EDID and shell calls are recording fakes.
 #include "am_unit.h"
 #include "qb_audio_oper.h"
 #include "qb_audio_oper_format.h"
@@ -101,45 +100,6 @@ TEST_F(NewFormat, AdoptsTheFormatAndEndsTheRun) {
   EXPECT_EQ((std::vector<int>{10, 8, 2}), (std::vector<int>{ch6.SampleFrequency, ch6.ValidCh, ch6.io_in_use}));
   EXPECT_EQ((std::vector<std::string>{"report(0,0)"}), calls.list);
 
-  h = head(14, 2, 0x90, 1);
-  h.SPDIF = 1;
-  h.Audio_Info_Frame[4] = 0x44;
-  const qb_audio_info_t r = qb_audio_oper_record_from_head(3, &h);
-  EXPECT_EQ((std::vector<int>{8, 1, 14, 1, 0x44, 1, 0}),
-            (std::vector<int>{r.ch, r.ainfo.Audio_On, r.ainfo.SampleFrequency, r.ainfo.bSPDIF,
-                              static_cast<uint8_t>(r.ainfo.AUD_DB[4]), r.ainfo.ChStat[1], r.ainfo.DownSampling}));
-}
-
-TEST_F(NewFormat, AnalogOutputCodecCommand) {
-  // The stream's capture gate opens (0x59); stereo LPCM opens the analog gate (bit 6 of 0x52),
-  // anything else closes it.
-  struct Row { int ch, type; bool user_mute; int system; int result; std::vector<std::string> calls; Writes gate; };
-  const std::vector<std::string> played = {"chs(1,0)", "sh:/customer/bin/audio_codec -v 0", "report(0,0)"};
-  const Row rows[] = {
-      {2, 0x80, false, 0, 1, played, {{0x59, 0}, {0x52, 0x4F}}},
-      {8, 0x80, false, 0, 1, played, {{0x59, 0}, {0x52, 0x0F}}},
-      {2, 0x90, false, 0, 1, played, {{0x59, 0}, {0x52, 0x0F}}},
-      {2, 0xC0, false, 0, 1, played, {{0x59, 0}, {0x52, 0x0F}}},
-      {2, 0x80, true, 0, 1, {"chs(1,0)", "report(0,0)"}, {{0x59, 0}}},  // muted by the user: no command
-      {6, 0x80, false, -1, 0, {"chs(1,0)", "sh:/customer/bin/audio_codec -v 0"}, {{0x59, 0}, {0x52, 0x0F}}},  // failed: no report
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(testing::Message() << r.ch << "ch type " << r.type << " user mute " << r.user_mute);
-    reset();
-    qb_audio_stream_input_select(QB_AUDIO_OUTPUT_ANALOG, 0, -1);
-    set_output_analog_mute(r.user_mute ? 1 : 0);
-    calls.system_result = r.system;
-    const audio_transport_head_t before = ctrl.audio_info_head;
-    bus.set_reg(kBus, kFpga, 0x52, 0x0F);
-    bus.clear_records();
-    EXPECT_EQ(r.result, run(head(2, r.ch, r.type)));
-    EXPECT_EQ(r.calls, calls.list);
-    EXPECT_EQ(r.gate, fpga_writes());
-    if (r.result == 0) {  // the run goes on with the old format
-      EXPECT_EQ(0, ctrl.in_aborting.load());
-      EXPECT_EQ(0, std::memcmp(&before, &ctrl.audio_info_head, sizeof before));
-    }
-  }
 }
 
 TEST_F(NewFormat, HdmiFallbackDecisions) {
@@ -169,22 +129,10 @@ TEST_F(NewFormat, HdmiFallbackDecisions) {
     run(head(r.sf, r.ch, r.type, r.chs1, r.code));
     EXPECT_EQ(r.calls, calls.list);
   }
-  // Not listening but still fed from this stream: the record only.
-  reset();
-  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_HDMI, 0, 1);
-  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_HDMI, 2, 1);
-  qb_msic_net_stream_in_hdmi_set(4);
-  run(head(2, 2, 0x80));
-  EXPECT_EQ((std::vector<std::string>{"avp(6,2)", "report(0,0)"}), calls.list);
 }
 
 TEST_F(NewFormat, EarcFallbackRulesAndChannelStatus) {
-  // Only in bridge state 2 (eARC) does the output decide.
   qb_audio_stream_input_select(QB_AUDIO_OUTPUT_EARC, 0, 1);
-  calls.it6621_state = 1;
-  run(head(2, 8, 0xC0, 2));
-  EXPECT_FALSE(called("earc(1,1)"));
-  EXPECT_TRUE(called("chs(2,0)"));
   struct Row { int chs1, chs2, chs3, code; bool fallback; };
   const Row rows[] = {{2, 2, 0, 0, true},  {1, 2, 0, 20, true}, {1, 2, 0, 12, false}, {0, 3, 0, 0, true},
                       {0, 2, 0, 0, false}, {0, 2, 9, 0, true},  {3, 2, 9, 0, true},   {3, 2, 2, 0, false}};
@@ -215,33 +163,6 @@ TEST_F(NewFormat, SpdifFallsBackForDtsHdAndReturnsForDts) {
   set_output_spdif_stream_mode(1);
   run(head(2, 2, 0x90, 1, 12));
   EXPECT_EQ((std::vector<std::string>{"chs(5,0)", "spdif(0,0)", "report(0,0)"}), calls.list);
-}
-
-TEST(AudCap, SinkCapabilities) {
-  const std::pair<int, int> caps[] = {{ENUM_DTS, MIX_AUD_DTS}, {ENUM_AC3, MIX_AUD_AC3}, {ENUM_DDP, MIX_AUD_DDP},
-                                      {ENUM_MAT, MIX_AUD_TRUEHD}, {ENUM_AAC, MIX_AUD_AAC}, {ENUM_LPCM, MIX_AUD_INVALID}};
-  for (const auto& c : caps) EXPECT_EQ(c.second, get_aud_cap(static_cast<E_Audio_Format>(c.first), 0)) << c.first;
-  const std::pair<int, int> dts_hd[] = {{7, MIX_AUD_HDX2}, {3, MIX_AUD_HDX}, {1, MIX_AUD_DTDHDMA}, {0, MIX_AUD_DTSHD}};
-  for (const auto& c : dts_hd) EXPECT_EQ(c.second, get_aud_cap(ENUM_DTS_HD, static_cast<qb_u8_t>(c.first))) << c.first;
-
-  T_Edid_Audio_Info_ list{};
-  list.u8AudioInfoNum = 2;
-  list.ptAudioInfo[0].eAudioFomat = ENUM_DTS_HD;
-  list.ptAudioInfo[0].u8BitFlag = 0x01;  // master audio
-  list.ptAudioInfo[1].eAudioFomat = ENUM_DDP;
-  EXPECT_EQ(0, aud_support(MIX_AUD_TRUEHD, nullptr));
-  const std::pair<int, int> support[] = {{MIX_AUD_LPCM, 0}, {MIX_AUD_DDP, 1}, {MIX_AUD_AC3, 0},  // Dolby: exact
-                                         {MIX_AUD_DTS, 1}, {MIX_AUD_DTDHDMA, 1}, {MIX_AUD_HDX, 0},  // DTS: at least
-                                         {MIX_AUD_INVALID, 0}};
-  for (const auto& s : support) EXPECT_EQ(s.second, aud_support(s.first, &list)) << s.first;
-  // The list is read no further than its room, whatever count it claims, nor past its count.
-  list.ptAudioInfo[9] = {ENUM_AAC, ENUM_SAMPLERATE_48_FLAG, 8, 0};
-  list.u8AudioInfoNum = 200;
-  EXPECT_EQ(1, aud_support(MIX_AUD_AAC, &list));
-  list.u8AudioInfoNum = 9;
-  EXPECT_EQ(0, aud_support(MIX_AUD_AAC, &list));
-  list.u8AudioInfoNum = 0;
-  EXPECT_EQ(0, aud_support(MIX_AUD_DDP, &list));
 }
 
 }  // namespace
