@@ -183,14 +183,22 @@ TEST_F(Receiver, FormatFieldsAndInfoFrameByteThreeRunTheHandler) {
   head(d)->Audio_Info_Frame[3] ^= 0x10;
   EXPECT_EQ(PLAYBACK_RX_ABORT, feed(d));
   EXPECT_EQ(1, g_hook_calls);
-  // A failed codec command handles the datagram as unchanged.
+  // A failed codec command handles the datagram as unchanged, once per format change: the next
+  // datagrams of that format play on without another attempt, a further change is tried again.
   SetUp();
   g_hook_answer = 0;
   d = dgram(0, 64, 7);
   head(d)->Audio_Info_Frame[0] = 20;
   EXPECT_EQ(PLAYBACK_RX_APPENDED, feed(d));
-  EXPECT_EQ(64u, ctrl.audiobuf_datalen);
+  head(d)->Rolling_Sample_Data_Size_Total = 64;
+  EXPECT_EQ(PLAYBACK_RX_APPENDED, feed(d));
+  EXPECT_EQ(1, g_hook_calls);
+  EXPECT_EQ(128u, ctrl.audiobuf_datalen);
   EXPECT_EQ(0, ctrl.in_aborting.load());
+  head(d)->Audio_Info_Frame[0] = 21;
+  head(d)->Rolling_Sample_Data_Size_Total = 128;
+  EXPECT_EQ(PLAYBACK_RX_APPENDED, feed(d));
+  EXPECT_EQ(2, g_hook_calls);
 }
 
 // Fills the staging buffer with 32-bit samples tagged as channel `first_channel` onwards.

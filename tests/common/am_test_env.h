@@ -63,7 +63,6 @@ class NetNs {
 
   bool ok() const { return ok_; }
   const std::string& name() const { return name_; }
-  std::string exec_prefix() const { return "ip netns exec " + name_ + " "; }
   // Runs fn in a forked child that has joined the namespace; returns fn's result as the child's
   // exit status (0..255), or -1 when the child could not join, crashed or ran past timeout_ms
   // (then it is killed). gtest assertions inside fn do not reach the parent: return a code.

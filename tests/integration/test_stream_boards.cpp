@@ -205,6 +205,9 @@ void walk_debug_pipe(const Bench& bench, double blocked_s) {
   size_t at = 0;
   for (const char* section : {"dump misc param begin", "dump aplay param begin", "dump fpga param begin"})
     EXPECT_NE(at = dump.find(section, at == std::string::npos ? 0 : at), std::string::npos) << section << "\n" << dump;
+  // The sending engine's record, every field of it: its destination, the header's controller bytes.
+  for (const char* field : {":59300,net_port=", "Input_Controller=[00,00,00,00,00,00,00,00]", "mutexLatency="})
+    EXPECT_NE(dump.find(field), std::string::npos) << field;
   // d4 and a newline: the FPGA section alone, from the bus; of the sinks 0x52 enables only 0x11.
   const int fd = open((bench.root("tx") + "/dev/i2c-2").c_str(), O_WRONLY | O_CLOEXEC);
   ASSERT_GE(fd, 0);
