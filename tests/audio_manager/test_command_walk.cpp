@@ -1,0 +1,157 @@
+// Commands as the control service sends them, through the daemon's dispatch table: what every
+// output plays after each source selection on each board, the network outputs' capture paths, the
+// bridge and codec requests, and the HDMI stream chosen when a monitor connects.
+#include "Edid_Parser.h"
+#include "am_test_edid.h"
+#include "am_unit.h"
+#include "qb_audio_parse.h"
+#include "qb_audio_oper_switch.h"
+#include "qb_audio_stream.h"
+
+namespace am_unit {
+namespace {
+
+void send(int id, const Bytes& payload, int op = QB_AUDIO_CMD_OP_SET) {
+  const Bytes m = tlv_message(QB_AUDIO_MSG_TYPE_CMD, qb_audio_cmd_type(id, op), payload);
+  audio_recv_data_proc(m.data(), static_cast<int>(m.size()));
+}
+std::string hex(int v) { char b[8]; return std::snprintf(b, sizeof b, "%x", v), b; }
+
+class CommandWalk : public ControlTest {
+ protected:
+  // Board `board` with stereo LPCM records on every channel, every gate open, the routes unset.
+  void prepare(int board) {
+    start(board);
+    for (int ch = 1; ch <= 8; ++ch) qb_audio_channel_state_set(ch, &kStereo);
+    for (uint8_t reg : {0x52, 0x53}) bus.set_reg(kBus, kFpga, reg, 0xFF);
+    for (int reg = FPGA_REG_ROUTE_MIN; reg <= 0x19; ++reg) bus.set_reg(kBus, kFpga, static_cast<uint8_t>(reg), kUnset);
+    for (uint32_t out = 0; out < 4; ++out) send(QB_AUDIO_CMD_STREAM_INPUT_FORLOCAL, words({out, 1, 2}));  // stream 1
+  }
+  // One selection as the output's register shows it: "d" first when the DSP input was routed,
+  // then the route value, "m" when the gate closed instead, "-" when nothing changed.
+  std::string cell(uint8_t route, uint8_t gate, int bit) {
+    std::string s = bus.reg(kBus, kFpga, FPGA_REG_ROUTE_DSP_IN) != kUnset ? "d" : "";
+    if ((bus.reg(kBus, kFpga, gate) & (1 << bit)) == 0) return s + "m";
+    return s + (bus.reg(kBus, kFpga, route) != kUnset ? hex(bus.reg(kBus, kFpga, route)) : "-");
+  }
+  static constexpr uint8_t kUnset = 0xEE;
+  const qb_audio_info kStereo = make_record(2, 2, 0x80);
+};
+
+TEST_F(CommandWalk, EveryBoardOutputAndSource) {
+  struct Output { const char* name; uint32_t port; uint8_t route, gate; int bit; };
+  const Output outputs[] = {{"analog", 0, 0x11, 0x52, 6}, {"hdmi", 1, 0x12, 0x52, 5}, {"spdif", 2, 0x18, 0x53, 1}, {"earc", 3, 0x10, 0x52, 7}};
+  // Sources 0-7 per output, boards 1-4 (TX-A, RX, TR-A, TR).
+  const std::map<std::string, std::vector<std::string>> expected = {
+      {"analog", {"2 d8 m m 6 m m m", "2 3 m 1 6 m m m", "2 d8 m 1 6 m m m", "2 3 m 1 6 m m m"}},
+      {"hdmi", {"m m m m m m m m", "2 3 m 1 6 m m m", "2 3 m 1 6 m m m", "2 3 m 1 6 m m m"}},
+      {"spdif", {"2 3 m m 6 m m m", "m m m m m m m m", "2 3 m 1 6 m m m", "2 3 m 1 6 m m m"}},
+      {"earc", {"2 3 m m 6 m m m", "m m m m m m m m", "2 3 m 1 6 m m m", "2 3 m 1 6 m m m"}},
+  };
+  for (const Output& o : outputs) {
+    for (int board = 1; board <= 4; ++board) {
+      std::string got;
+      for (uint32_t src = 0; src < 8; ++src) {
+        prepare(board);
+        send(QB_AUDIO_CMD_OUTPUT_SRC_SELECT, words({o.port, src}));
+        got += (src ? " " : "") + cell(o.route, o.gate, o.bit);
+      }
+      EXPECT_EQ(got, expected.at(o.name)[board - 1]) << o.name << " board " << board;
+    }
+  }
+}
+
+// The capture path of each network stream per source 0-7 ("s": S/PDIF type of the third stream set),
+// the same for every stream on a board.
+TEST_F(CommandWalk, NetworkOutputsPerBoardStreamAndSource) {
+  const uint8_t capture_route[] = {FPGA_REG_ROUTE_SAO1, FPGA_REG_ROUTE_SAO5, FPGA_REG_ROUTE_SAO3};
+  const std::string expected[] = {"2 3 - - - - d8 -", "2 - 9s 1 - - - -", "2 3 9s 1 - - d8 -", "2 3 9s 1 - - - -"};
+  for (int board = 1; board <= 4; ++board) {
+    for (uint32_t sid = 0; sid < 3; ++sid) {
+      std::string got;
+      for (uint32_t src = 0; src < 8; ++src) {
+        prepare(board);
+        Bytes req = words({sid, src});
+        const std::string mac = "00000000000" + std::to_string(board);
+        req.insert(req.end(), mac.begin(), mac.end());
+        req.resize(24, 0);
+        send(QB_AUDIO_CMD_STREAM_OUTPUT_TONET, req);
+        got += (src ? " " : "") + cell(capture_route[sid], 0x52, 0) + (bus.reg(kBus, kFpga, 0x19) != kUnset ? "s" : "");
+      }
+      EXPECT_EQ(got, expected[board - 1]) << "board " << board << " stream " << sid;
+    }
+  }
+}
+
+TEST_F(CommandWalk, BridgeAndCodecRequests) {
+  auto arc = [](uint32_t mode) { return tlv_message(8, QB_BRIDGE_KEY_ARC_MODE, le32(mode)); };
+  struct Row { const char* name; int id; Bytes payload; int port; Bytes datagram; std::vector<std::string> fpga; };
+  const Row rows[] = {
+      {"earc output off", QB_AUDIO_CMD_EARC_ENABLE_CTRL, words({3, 0, 0}), kIt6621Port, arc(QB_ARC_MODE_OFF), {}},
+      {"earc output on", QB_AUDIO_CMD_EARC_ENABLE_CTRL, words({3, 1, 0}), kIt6621Port, arc(QB_ARC_MODE_ARC_EARC), {}},
+      {"earc output arc only", QB_AUDIO_CMD_EARC_ENABLE_CTRL, words({3, 1, 1}), kIt6621Port, arc(QB_ARC_MODE_ARC_ONLY), {}},
+      {"enable on the hdmi port: nothing", QB_AUDIO_CMD_EARC_ENABLE_CTRL, words({1, 0, 0}), 0, {}, {}},
+      {"cec address", QB_AUDIO_CMD_CEC_PHY_ADDR, words({0x1000}), kIt6620Port, tlv_message(7, QB_BRIDGE_KEY_CEC_PHY_ADDR, le32(0x1000)), {}},
+      {"hdmi delay", QB_AUDIO_CMD_OUTPUT_LATENCY_CTRL, words({1, 0x1234}), 0, {}, {"W 24=34", "W 25=12"}},
+      {"delay of the stream port refused", QB_AUDIO_CMD_OUTPUT_LATENCY_CTRL, words({4, 5}), 0, {}, {}},
+      {"selection on the stream port refused", QB_AUDIO_CMD_OUTPUT_SRC_SELECT, words({4, 0}), 0, {}, {}},
+      {"analog volume", QB_AUDIO_CMD_OUTPUT_ANALOG_VOLUME, words({40}), 0, {}, {}},
+      {"same volume again", QB_AUDIO_CMD_OUTPUT_ANALOG_VOLUME, words({40}), 0, {}, {}},
+      {"full scale", QB_AUDIO_CMD_OUTPUT_ANALOG_FULLSCALEVRMS, words({2}), 0, {}, {}},
+      {"downmix hdmi", QB_AUDIO_CMD_OUTPUT_DWM_MODE, words({1, 3}), 0, {}, {}},
+      {"downmix spdif", QB_AUDIO_CMD_OUTPUT_DWM_MODE, words({2, 4}), 0, {}, {}},
+      {"downmix earc", QB_AUDIO_CMD_OUTPUT_DWM_MODE, words({3, 5}), 0, {}, {}},
+      {"downmix analog: none", QB_AUDIO_CMD_OUTPUT_DWM_MODE, words({0, 6}), 0, {}, {}},
+      {"fallback selection", QB_AUDIO_CMD_STREAM_INPUT_FALLBACK_FORLOCAL, words({1, 0, 2}), 0, {}, {}},
+  };
+  for (const Row& r : rows) {
+    bus.clear_records();
+    send(r.id, r.payload);
+    EXPECT_EQ(transfers(bus), r.fpga) << r.name;
+    EXPECT_EQ(r.port != 0 ? next(r.port) : Bytes{}, r.datagram) << r.name;
+  }
+  for (const int op : {QB_AUDIO_CMD_OP_GET}) {
+    for (int id : {2, 3, 4, 5, 6, 7, 18}) send(id, Bytes(12, 0), op);  // nothing to report
+  }
+  EXPECT_EQ(am_test::read_file(root.at(kCodecArgsPath)), "-v 40\n-f 2\n");
+  EXPECT_EQ((std::vector<uint32_t>{qb_misc_audio_downmix_hdmi_get(), qb_misc_audio_downmix_spdif_get(), qb_misc_audio_downmix_earc_get()}),
+            (std::vector<uint32_t>{3, 4, 5}));
+  for (int port : {kIt6620Port, kIt6621Port, kAvpPort}) EXPECT_TRUE(quiet(port)) << port;
+}
+
+// A monitor connecting decides between the HDMI output's stream (0) and its fallback (2) from the
+// monitor's audio list: LPCM up to 2 channels at 32-48 kHz and AC-3.
+TEST_F(CommandWalk, MonitorConnectChoosesTheStreamItsEdidTakes) {
+  qb_bridge_edid_wait_ms_set(0);
+  send(QB_AUDIO_CMD_STREAM_INPUT_FORLOCAL, words({1, 0, 2}));
+  const am_test::EdidBytes edid = am_test::edid_with({0x26, 0x09, 0x07, 0x07, 0x15, 0x07, 0x50});
+  struct Row { const char* name; int kind, code, ch, mode_before, mode_after; bool edid = true; };
+  const Row rows[] = {
+      {"stereo lpcm: back to the stream", 0, 0, 2, 1, 0},
+      {"8-channel lpcm: fallback", 0, 0, 8, 0, 1},
+      {"ac-3 listed: back to the stream", 1, 2, 2, 1, 0},
+      {"dts not listed: fallback", 1, 12, 2, 0, 1},
+      {"hbr truehd not listed: fallback", 2, 5, 8, 0, 1},
+      {"one-bit audio: back to the stream", 3, 0, 2, 1, 0},
+      {"unknown channel status: taken as supported", 7, 0, 2, 1, 0},
+      {"unknown dsp code: no decision", 0, 50, 2, 1, 1},
+      {"supported and already on the stream", 0, 0, 2, 0, 0},
+      {"no edid file: no decision", 0, 0, 8, 0, 0, false},
+  };
+  for (const Row& r : rows) {
+    ASSERT_TRUE(r.edid ? root.write(EDID_TV_FILE_PATH, std::string(edid.begin(), edid.end())) : std::remove(root.at(EDID_TV_FILE_PATH).c_str()) == 0);
+    qb_audio_info rec = make_record(2, r.ch, 0x80);
+    rec.ChStat[1] = static_cast<qb_s8_t>(r.kind);
+    rec.AUD_DB[0] = static_cast<qb_s8_t>(r.code);
+    set_output_hdmi_stream(r.mode_before, r.mode_before ? 2u : 0u);
+    qb_audio_channel_state_set(QB_AUDIO_CHN_NSI1, &rec);
+    send(QB_AUDIO_CMD_MONITOR_STATUS, le32(0));
+    send(QB_AUDIO_CMD_MONITOR_STATUS, le32(QB_HDMI_MONITOR_CONNECTED));
+    EXPECT_EQ(get_output_hdmi_stream_mode(), r.mode_after) << r.name;
+    EXPECT_EQ(bus.reg(kBus, kFpga, FPGA_REG_ROUTE_HDMI_OUT), r.mode_after ? FPGA_SRC_SAI3 : FPGA_SRC_SAI1) << r.name;
+  }
+  EXPECT_EQ(get_hdmi_monitor_status(), QB_HDMI_MONITOR_CONNECTED);
+}
+
+}  // namespace
+}  // namespace am_unit
