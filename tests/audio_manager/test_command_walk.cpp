@@ -5,6 +5,7 @@
 #include "am_test_edid.h"
 #include "am_unit.h"
 #include "qb_audio_parse.h"
+#include "qb_audio_misc_stream.h"
 #include "qb_audio_oper_switch.h"
 #include "qb_audio_stream.h"
 
@@ -151,6 +152,104 @@ TEST_F(CommandWalk, MonitorConnectChoosesTheStreamItsEdidTakes) {
     EXPECT_EQ(bus.reg(kBus, kFpga, FPGA_REG_ROUTE_HDMI_OUT), r.mode_after ? FPGA_SRC_SAI3 : FPGA_SRC_SAI1) << r.name;
   }
   EXPECT_EQ(get_hdmi_monitor_status(), QB_HDMI_MONITOR_CONNECTED);
+}
+
+// A changed local input restarts the network outputs capturing it: capture aborts of streams
+// 0, 1, 2 and the third stream's capture route; the DSP's decoder code reaches the HDMI records.
+TEST_F(CommandWalk, ChannelInfoRestartsTheCapturesOfItsInput) {
+  const std::pair<int, const char*> rows[] = {{1, "1 1 1 r2"}, {2, "1 1 1 r1"}, {3, "1 1 1 r3"}, {4, "1 1 1 r8"}, {5, "1 1 1 r9"}};
+  auto note = [](int ch, const qb_audio_info& rec) {
+    Bytes p = le32(static_cast<uint32_t>(ch));
+    p.insert(p.end(), reinterpret_cast<const uint8_t*>(&rec), reinterpret_cast<const uint8_t*>(&rec) + sizeof rec);
+    send(QB_AUDIO_CMD_CHANNEL_INFO, p, QB_AUDIO_CMD_OP_NOTIFY);
+  };
+  auto select_all = [](int src) {
+    for (uint32_t sid = 0; sid < 3; ++sid) send(QB_AUDIO_CMD_STREAM_OUTPUT_TONET, words({sid, static_cast<uint32_t>(src), 0x41414141, 0, 0, 0}));
+  };
+  for (const auto& [ch, expected] : rows) {
+    prepare(QB_BOARD_MODE_TR_A);
+    select_all(qb_audio_channel_state_id_switch_netstreamsel(ch));
+    clear_aborts();
+    bus.set_reg(kBus, kFpga, FPGA_REG_ROUTE_SAO5, kUnset);
+    note(ch, make_record(10, 8, 0x90, 1));  // an S/PDIF-framed eARC input takes the ARC capture type
+    const std::string got = std::to_string(capture_abort(0)) + " " + std::to_string(capture_abort(1)) + " " + std::to_string(capture_abort(2)) +
+                            " r" + hex(bus.reg(kBus, kFpga, FPGA_REG_ROUTE_SAO5));
+    EXPECT_EQ(got, expected) << ch;
+  }
+  select_all(QB_AUDIO_SRC_HDMI);
+  const qb_audio_info video = make_record(2, 2, QB_AUDIO_TYPE_NLPCM);
+  qb_audio_channel_state_set(QB_AUDIO_CHN_VIDEO, &video);
+  qb_audio_info dsp = make_record(2, 2, 0x90);
+  dsp.AUD_DB[0] = 21;
+  note(QB_AUDIO_CHN_DSP, dsp);
+  for (int ch : {QB_AUDIO_CHN_VIDEO, QB_AUDIO_CHN_NSO1, QB_AUDIO_CHN_NSO3, QB_AUDIO_CHN_NSO5}) EXPECT_EQ(record(ch).AUD_DB[0], 21) << ch;
+}
+
+// Stream groups: each output's from its receiver's MAC (an empty MAC clears it), the inputs' from
+// the source MAC; a reset puts the inputs back on the default group.
+TEST_F(CommandWalk, StreamGroupsFromTheMacs) {
+  using Getter = char* (*)(void);
+  const Getter getters[] = {qb_misc_net_stream_out1_ipaddr_get, qb_misc_net_stream_out1_deviceid_get,
+                            qb_misc_net_stream_out5_ipaddr_get, qb_misc_net_stream_out5_deviceid_get,
+                            qb_misc_net_stream_out3_ipaddr_get, qb_misc_net_stream_out3_deviceid_get,
+                            qb_misc_net_stream_in1_ipaddr_get,  qb_misc_net_stream_in1_deviceid_get,
+                            qb_misc_net_stream_in3_ipaddr_get,  qb_misc_net_stream_in3_deviceid_get,
+                            qb_misc_net_stream_in5_ipaddr_get,  qb_misc_net_stream_in5_deviceid_get};
+  auto all = [&] { std::string s; for (Getter g : getters) s += std::string(g()) + "|"; return s; };
+  send(QB_AUDIO_CMD_INPUT_SRC_MAC, text_bytes("0A0b0c0d0e0f"));
+  for (uint32_t sid = 0; sid < 3; ++sid) {
+    Bytes req = words({sid, 0});
+    for (char c : std::string("AABBCCDDEE0") + std::to_string(sid)) req.push_back(static_cast<uint8_t>(c));
+    send(QB_AUDIO_CMD_STREAM_OUTPUT_TONET, (req.resize(24), req));
+  }
+  EXPECT_EQ(all(), "234.61.238.0|AABBCCDDEE00|234.61.238.1|AABBCCDDEE01|234.61.238.2|AABBCCDDEE02|"
+                   "234.61.14.15|0a0b0c0d0e0f|234.61.14.15|0a0b0c0d0e0f|234.61.14.15|0a0b0c0d0e0f|");
+  send(QB_AUDIO_CMD_STREAM_OUTPUT_TONET, words({1, 1, 0, 0, 0, 0}));
+  qb_audio_net_stream_ipaddr_set(getters);
+  EXPECT_EQ(all(), "234.61.238.0|AABBCCDDEE00||AABBCCDDEE01|234.61.238.2|AABBCCDDEE02|"
+                   "225.0.0.1|0a0b0c0d0e0f|225.0.0.1|0a0b0c0d0e0f|225.0.0.1|0a0b0c0d0e0f|");
+}
+
+// The analog output's direct routes and the player started for each network input.
+TEST_F(CommandWalk, AnalogRoutesAndPlayerCommands) {
+  const std::pair<int (*)(void), int> routes[] = {
+      {qb_audio_output_from_earc_in, FPGA_SRC_IT6620}, {qb_audio_output_from_analog_in, FPGA_SRC_PCM1804},
+      {qb_audio_output_from_hdmi_in, FPGA_SRC_HDMI_IN}, {qb_audio_output_from_sai1_tx, FPGA_SRC_SAI1},
+      {qb_audio_output_from_sai3_tx, FPGA_SRC_SAI3},   {qb_audio_output_from_sai5_tx, FPGA_SRC_SAI5},
+      {qb_audio_output_from_sai6_tx, FPGA_SRC_SAI6},   {qb_audio_output_from_dsp_out, FPGA_SRC_DSP_DAO},
+      {qb_audio_output_from_spdif_in, FPGA_SRC_SPDIF_IN}};
+  for (const auto& [fn, src] : routes) EXPECT_EQ(fn() * 100 + bus.reg(kBus, kFpga, FPGA_REG_ROUTE_ANALOG_OUT), 100 + src) << src;
+  bus.set_reg(kBus, kFpga, FPGA_REG_INPUT_ENABLE_HDMI, 0);
+  EXPECT_EQ(audio_hdmi_to_fpga_mute() + stream_output_mute(), 2);
+  ASSERT_TRUE(root.write(QB_AUDIO_MYAPLAY_PATH, "#!/bin/sh\necho \"$*\" >> " + root.at("/tmp/myaplay.args") + "\n"));
+  ASSERT_EQ(chmod(root.at(QB_AUDIO_MYAPLAY_PATH).c_str(), 0755), 0);
+  send(QB_AUDIO_CMD_INPUT_SRC_MAC, text_bytes("0A0b0c0d0e0f"));
+  const qb_audio_info six = make_record(10, 6, 0x80);
+  qb_audio_channel_state_set(QB_AUDIO_CHN_NSI3, &six);
+  EXPECT_EQ(qb_audio_net_stream_in1_start() + qb_audio_net_stream_in3_start() + qb_audio_net_stream_in5_start(), 3);
+  ASSERT_TRUE(am_test::wait_for([&] { return am_test::count(am_test::read_file(root.at("/tmp/myaplay.args")), "\n") == 3; }, kExpectMs));
+  std::istringstream in(am_test::read_file(root.at("/tmp/myaplay.args")));
+  std::vector<std::string> lines;
+  for (std::string l; std::getline(in, l);) lines.push_back(l);
+  std::sort(lines.begin(), lines.end());  // the players start in the background, in any order
+  const std::string to = " --addr 234.61.14.15 --port 5930";
+  EXPECT_EQ(lines, (std::vector<std::string>{"-Dhw:1,0 -r 48000 -f S24_LE -c 2" + to + "0 --group",
+                                             "-Dhw:2,0 -r 96000 -f S24_LE -c 6" + to + "1 --group",
+                                             "-Dhw:3,0 -r 48000 -f S24_LE -c 2" + to + "2 --group"}));
+}
+
+// What the capture engines ask of the network stream selections.
+TEST_F(CommandWalk, StreamSelectionPredicates) {
+  struct Row { int first, second, third; const char* expected; };  // spdif 1, spdif 3, arc 1, arc 3, hdmi
+  const Row rows[] = {{QB_AUDIO_SRC_SPDIF, 0, QB_AUDIO_SRC_SPDIF, "11000"}, {QB_AUDIO_SRC_EARC, 0, QB_AUDIO_SRC_EARC, "00110"},
+                      {0, QB_AUDIO_SRC_HDMI, 0, "00001"}, {0, 0, QB_AUDIO_SRC_HDMI, "00001"}, {0, 0, 0, "00000"}};
+  for (const Row& r : rows) {
+    qb_net_first_stream_select_set(r.first), qb_net_second_stream_select_set(r.second), qb_net_third_stream_select_set(r.third);
+    std::string got;
+    for (int (*p)(void) : {is_qb_net_first_stream_select_spdif, is_qb_net_third_stream_select_spdif, is_qb_net_first_stream_select_arc,
+                           is_qb_net_third_stream_select_arc, audio_hdmi_streamout}) got += static_cast<char>('0' + p());
+    EXPECT_EQ(got, r.expected) << r.first << r.second << r.third;
+  }
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
-// Saved audio records (raw bytes, no header) and the MAC text of "eth0".
+// Saved audio records (raw bytes, no header), the MAC text of "eth0", which records are playable
+// and which mix types a sink's audio list takes.
 #include <sys/stat.h>
 
 #include "am_unit.h"
 #include "qb_audio_misc_util.h"
+#include "qb_audio_oper_format.h"
 
 namespace am_unit {
 namespace {
@@ -39,6 +41,38 @@ TEST(MacIdentity, Eth0OfTheNamespaceAndNone) {
   close(home), close(there);
   EXPECT_EQ(got, (std::vector<int>{-1, 12, 12, -1}));
   EXPECT_EQ(std::string(buf) + " " + full + " " + part, "unchanged 021a2b3c4d5e 021a2b");
+}
+
+// A sink listing one format takes mix types 0-10 as shown: the other Dolby types only exactly,
+// the DTS family up to the listed one.
+TEST(SinkCapabilities, MixTypesTakenPerListedFormat) {
+  const std::tuple<const char*, E_Audio_Format, uint8_t, const char*> rows[] = {
+      {"aac", ENUM_AAC, 0, "01000000000"}, {"ac-3", ENUM_AC3, 0, "00100000000"}, {"dd+", ENUM_DDP, 0, "00010000000"},
+      {"mat", ENUM_MAT, 0, "00001000000"}, {"dts", ENUM_DTS, 0, "00000100000"}, {"dts-hd", ENUM_DTS_HD, 0, "00000110000"},
+      {"dts-hd ma", ENUM_DTS_HD, 1, "00000111000"}, {"dts:x", ENUM_DTS_HD, 2, "00000111100"},
+      {"dts:x imax", ENUM_DTS_HD, 6, "00000111110"}, {"lpcm", ENUM_LPCM, 0, "00000000000"}};
+  for (const auto& [name, format, flag, expected] : rows) {
+    T_Edid_Audio_Info_ list{};
+    list.u8AudioInfoNum = 1;
+    list.ptAudioInfo[0].eAudioFomat = format;
+    list.ptAudioInfo[0].u8BitFlag = flag;
+    std::string got;
+    for (int wanted = 0; wanted <= 10; ++wanted) got += static_cast<char>('0' + aud_support(wanted, &list));
+    EXPECT_EQ(got, expected) << name;
+  }
+  EXPECT_EQ(aud_support(2, nullptr), 0);
+}
+
+TEST(RecordValidity, RatesSizesAndTypesAPlayerTakes) {
+  const std::tuple<int, int, int, int> rows[] = {  // frequency code, sample size, type, valid
+      {2, 24, QB_AUDIO_TYPE_LPCM, 1}, {14, 16, QB_AUDIO_TYPE_NLPCM, 1}, {0, 24, QB_AUDIO_TYPE_DSD, 1},
+      {12, 24, QB_AUDIO_TYPE_HBR, 1}, {3, 24, QB_AUDIO_TYPE_LPCM, 0}, {2, 20, QB_AUDIO_TYPE_LPCM, 0}, {2, 24, 0x50, 0}};
+  for (const auto& [sf, size, type, valid] : rows) {
+    qb_audio_info r = make_record(sf, 2, type);
+    r.SampleSize = static_cast<qb_s8_t>(size);
+    EXPECT_EQ(is_qb_audio_channel_state_valid(&r), valid) << sf << "/" << size << "/" << type;
+  }
+  EXPECT_EQ(is_qb_audio_channel_state_valid(nullptr), 0);
 }
 
 }  // namespace
