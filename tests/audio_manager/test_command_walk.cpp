@@ -82,6 +82,7 @@ TEST_F(CommandWalk, NetworkOutputsPerBoardStreamAndSource) {
       EXPECT_EQ(got, expected[board - 1]) << "board " << board << " stream " << sid;
     }
   }
+  EXPECT_EQ(qb_audio_stream_output_src_select(5, 0) + qb_audio_stream_output_src_select(0, 3), 0);  // no such source, stream
 }
 
 TEST_F(CommandWalk, BridgeAndCodecRequests) {
@@ -155,9 +156,10 @@ TEST_F(CommandWalk, MonitorConnectChoosesTheStreamItsEdidTakes) {
 }
 
 // A changed local input restarts the network outputs capturing it: capture aborts of streams
-// 0, 1, 2 and the third stream's capture route; the DSP's decoder code reaches the HDMI records.
+// 0, 1, 2, the third stream's capture route and its S/PDIF and ARC flags; the DSP's decoder code reaches the HDMI records.
 TEST_F(CommandWalk, ChannelInfoRestartsTheCapturesOfItsInput) {
-  const std::pair<int, const char*> rows[] = {{1, "1 1 1 r2"}, {2, "1 1 1 r1"}, {3, "1 1 1 r3"}, {4, "1 1 1 r8"}, {5, "1 1 1 r9"}};
+  const std::pair<int, const char*> rows[] = {{1, "1 1 1 r2 f00"}, {2, "1 1 1 r1 f01"}, {3, "1 1 1 r3 f00"}, {4, "1 1 1 r8 f00"},
+                                                 {5, "1 1 1 r9 f10"}};
   auto note = [](int ch, const qb_audio_info& rec) {
     Bytes p = le32(static_cast<uint32_t>(ch));
     p.insert(p.end(), reinterpret_cast<const uint8_t*>(&rec), reinterpret_cast<const uint8_t*>(&rec) + sizeof rec);
@@ -173,7 +175,8 @@ TEST_F(CommandWalk, ChannelInfoRestartsTheCapturesOfItsInput) {
     bus.set_reg(kBus, kFpga, FPGA_REG_ROUTE_SAO5, kUnset);
     note(ch, make_record(10, 8, 0x90, 1));  // an S/PDIF-framed eARC input takes the ARC capture type
     const std::string got = std::to_string(capture_abort(0)) + " " + std::to_string(capture_abort(1)) + " " + std::to_string(capture_abort(2)) +
-                            " r" + hex(bus.reg(kBus, kFpga, FPGA_REG_ROUTE_SAO5));
+                            " r" + hex(bus.reg(kBus, kFpga, FPGA_REG_ROUTE_SAO5)) +
+                            " f" + std::to_string(qb_misc_net_stream_spdif_flag_get()) + std::to_string(qb_misc_net_stream_arc_flag_get());
     EXPECT_EQ(got, expected) << ch;
   }
   select_all(QB_AUDIO_SRC_HDMI);
@@ -204,9 +207,10 @@ TEST_F(CommandWalk, StreamGroupsFromTheMacs) {
   }
   EXPECT_EQ(all(), "234.61.238.0|AABBCCDDEE00|234.61.238.1|AABBCCDDEE01|234.61.238.2|AABBCCDDEE02|"
                    "234.61.14.15|0a0b0c0d0e0f|234.61.14.15|0a0b0c0d0e0f|234.61.14.15|0a0b0c0d0e0f|");
+  for (auto set : {qb_misc_net_stream_out1_ipaddr_set, qb_misc_net_stream_out5_ipaddr_set}) set("234.1.2.3", "d");
   send(QB_AUDIO_CMD_STREAM_OUTPUT_TONET, words({1, 1, 0, 0, 0, 0}));
   qb_audio_net_stream_ipaddr_set(getters);
-  EXPECT_EQ(all(), "234.61.238.0|AABBCCDDEE00||AABBCCDDEE01|234.61.238.2|AABBCCDDEE02|"
+  EXPECT_EQ(all(), "234.1.2.3|d||d|234.61.238.2|AABBCCDDEE02|"
                    "225.0.0.1|0a0b0c0d0e0f|225.0.0.1|0a0b0c0d0e0f|225.0.0.1|0a0b0c0d0e0f|");
 }
 
@@ -250,6 +254,15 @@ TEST_F(CommandWalk, StreamSelectionPredicates) {
                            is_qb_net_third_stream_select_arc, audio_hdmi_streamout}) got += static_cast<char>('0' + p());
     EXPECT_EQ(got, r.expected) << r.first << r.second << r.third;
   }
+}
+
+// Selections kept for the engines read back as set.
+TEST_F(CommandWalk, KeptSelectionsReadBack) {
+  const std::pair<void (*)(int), int (*)(void)> words[] = {
+      {qb_net_stream_select_set, qb_net_stream_select_get}, {qb_msic_net_spdif_out_src_set, qb_msic_net_spdif_out_src_get},
+      {qb_misc_audio_streamId_set, qb_misc_audio_streamId_get}, {qb_msic_net_stream_in_analog_set, qb_msic_net_stream_in_analog_get}};
+  for (const auto& [set, get] : words) EXPECT_EQ((set(7), get()), 7);
+  EXPECT_EQ(qb_misc_audio_info_analog_port_get(), qb_misc_audio_info_analog_port_get());
 }
 
 }  // namespace

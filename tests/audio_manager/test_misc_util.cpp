@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 
 #include "am_unit.h"
+#include "diff_time.h"
+#include "qb_audio_buf.h"
 #include "qb_audio_misc_util.h"
 #include "qb_audio_oper_format.h"
 
@@ -73,6 +75,29 @@ TEST(RecordValidity, RatesSizesAndTypesAPlayerTakes) {
     EXPECT_EQ(is_qb_audio_channel_state_valid(&r), valid) << sf << "/" << size << "/" << type;
   }
   EXPECT_EQ(is_qb_audio_channel_state_valid(nullptr), 0);
+}
+
+TEST(DiffTime, IntervalTextOfAFullTrace) {
+  set_diff_time(3, DIFF_TM_START, "s");
+  for (int i = 0; i < 2 * DIFF_TM_ELEM_MAX; ++i) set_diff_time(3, DIFF_TM_POINT, "p");  // kept up to the limit
+  const std::string text = get_diff_time(3);
+  EXPECT_EQ(am_test::count(text, "-"), DIFF_TM_ELEM_MAX - 1);
+  EXPECT_EQ(text.front() + std::string() + text.back(), "[]");
+  set_diff_time(DIFF_TM_TRACE_NUM, DIFF_TM_START, "none");
+  EXPECT_EQ(get_diff_time(DIFF_TM_TRACE_NUM), "");
+}
+
+TEST(PacketRing, HandOutAndReleaseRefusals) {
+  CAudioBuf ring(8, 2);
+  EXPECT_EQ(ring.get_buf_data(), nullptr);  // empty
+  EXPECT_EQ(ring.push_data("abc", 3) + ring.push_data(nullptr, 3) + ring.push_data("123456789", 9), -1);
+  AUD_BUF_T* slot = ring.get_buf_data();
+  ASSERT_NE(slot, nullptr);
+  EXPECT_EQ(ring.get_buf_data(), nullptr);  // already handed out
+  AUD_BUF_T other{};
+  EXPECT_EQ(ring.push_buf_free(&other) + ring.push_buf_free(nullptr) + ring.reset_buf_status(nullptr), -3);
+  EXPECT_EQ(ring.reset_buf_status(slot), 0);
+  EXPECT_EQ(ring.get_buf_data(), slot);
 }
 
 }  // namespace
