@@ -5,6 +5,7 @@
 #include "am_unit.h"
 #include "diff_time.h"
 #include "qb_audio_buf.h"
+#include "qb_audio_misc_private.h"
 #include "qb_audio_misc_util.h"
 #include "qb_audio_oper_format.h"
 
@@ -98,6 +99,26 @@ TEST(PacketRing, HandOutAndReleaseRefusals) {
   EXPECT_EQ(ring.push_buf_free(&other) + ring.push_buf_free(nullptr) + ring.reset_buf_status(nullptr), -3);
   EXPECT_EQ(ring.reset_buf_status(slot), 0);
   EXPECT_EQ(ring.get_buf_data(), slot);
+}
+
+// Channels outside the table are refused by every access; records of every type are kept whole.
+using ChannelTable = RoutingTest;
+TEST_F(ChannelTable, OutOfTableChannelsAndEveryRecordType) {
+  qb_audio_info r = make_record(2, 2, QB_AUDIO_TYPE_HBR);
+  for (int ch : {-1, 0, QB_AUDIO_CHN_MAX + 1}) {
+    EXPECT_EQ(qb_audio_channel_state_get(ch), nullptr) << ch;
+    EXPECT_EQ(qb_audio_channel_state_set(ch, &r) + qb_audio_channel_state_copy(ch, &r) + qb_audio_channel_state_copy_chn(ch, 1) +
+                  qb_audio_channel_state_copy_chn(1, ch) + qb_audio_channel_state_store(ch, &r) +
+                  qb_audio_channel_state_byte_set(ch, QB_AUDIO_INFO_AUDIO_ON, 0) + get_sample_frequency(ch, 1), 0) << ch;
+  }
+  EXPECT_EQ(qb_audio_channel_state_store(1, nullptr) + get_sample_frequency(QB_AUDIO_CHN_SPDIF, 99), 0);
+  for (int type : {0xC0, 0xA0, 0x90, 0x55}) {  // HBR, DSD, NLPCM, unknown
+    r = make_record(2, 2, type);
+    EXPECT_EQ(qb_audio_channel_state_set(QB_AUDIO_CHN_SPDIF, &r), 1);
+    EXPECT_TRUE(same(record(QB_AUDIO_CHN_SPDIF), r)) << type;
+  }
+  EXPECT_EQ(qb_audio_channel_state_byte_set(QB_AUDIO_CHN_SPDIF, QB_AUDIO_INFO_AUDIO_ON, 0), 1);
+  EXPECT_EQ(record(QB_AUDIO_CHN_SPDIF).Audio_On, 0);
 }
 
 }  // namespace
