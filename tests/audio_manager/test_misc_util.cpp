@@ -4,8 +4,10 @@
 
 #include "am_unit.h"
 #include "diff_time.h"
+#include "qb_audio_debug.h"
 #include "qb_audio_buf.h"
 #include "qb_audio_misc_private.h"
+#include "qb_audio_misc_stream.h"
 #include "qb_audio_misc_util.h"
 #include "qb_audio_oper_format.h"
 
@@ -119,6 +121,37 @@ TEST_F(ChannelTable, OutOfTableChannelsAndEveryRecordType) {
   }
   EXPECT_EQ(qb_audio_channel_state_byte_set(QB_AUDIO_CHN_SPDIF, QB_AUDIO_INFO_AUDIO_ON, 0), 1);
   EXPECT_EQ(record(QB_AUDIO_CHN_SPDIF).Audio_On, 0);
+}
+
+// The status dump's refusals: no file, no bus, no value pointer; a register without a sink and a
+// source without a name are shown as unknown; a dump file that cannot be opened is skipped.
+TEST(DebugDump, RefusalsAndUnknownNames) {
+  am_test::TempRoot root;  // neither a bus nor a /tmp
+  char text[128] = {};
+  FILE* file = fmemopen(text, sizeof text, "w");
+  dump_detail_info(nullptr, FPGA_REG_ROUTE_MIN, 1, 0);
+  dump_fpga_status(nullptr);
+  dump_fpga_status(file);
+  dump_detail_info(file, 0x7F, 0x40, 0);
+  std::fclose(file);
+  EXPECT_EQ(std::string(text), "[0x7f][UNKONWN] <-- [0x40][UNKONWN] mute:0\n");
+  qb_u8_t value = 0;
+  EXPECT_EQ(i2c_read_a8d8(-1, kFpga, FPGA_REG_ROUTE_MIN, nullptr) + i2c_read_a8d8(-1, kFpga, FPGA_REG_ROUTE_MIN, &value), -2);
+  qb_debug_serve_request("dump");
+  EXPECT_EQ(am_test::read_file(root.at(QB_DEBUG_DUMP_FILE)), "");
+}
+
+TEST(MulticastText, GroupAddressesAndMacBytes) {
+  char buf[32] = "x";
+  audio_ipaddr_create(234, 48, 0, 0, buf, sizeof buf);  // the base group stands for none
+  std::string got = buf;
+  audio_ipaddr_create(234, 61, 14, 15, buf, sizeof buf);
+  audio_ipaddr_create(234, 61, 14, 15, nullptr, sizeof buf);
+  got += std::string("|") + buf;
+  qb_u8_t mac[6] = {};
+  EXPECT_EQ(macaddr_str2hex("0aFbzz", mac) + macaddr_str2hex(nullptr, mac), 1);  // short text: zero bytes
+  EXPECT_EQ(got, "|234.61.14.15");
+  EXPECT_EQ(Bytes(mac, mac + 6), (Bytes{0x0a, 0xfb, 0, 0, 0, 0}));
 }
 
 }  // namespace
