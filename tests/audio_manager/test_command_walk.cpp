@@ -108,6 +108,7 @@ TEST_F(CommandWalk, BridgeAndCodecRequests) {
       {"earc output arc only", QB_AUDIO_CMD_EARC_ENABLE_CTRL, words({3, 1, 1}), kIt6621Port, arc(QB_ARC_MODE_ARC_ONLY), {}},
       {"enable on the hdmi port: nothing", QB_AUDIO_CMD_EARC_ENABLE_CTRL, words({1, 0, 0}), 0, {}, {}},
       {"cec address", QB_AUDIO_CMD_CEC_PHY_ADDR, words({0x1000}), kIt6620Port, tlv_message(7, QB_BRIDGE_KEY_CEC_PHY_ADDR, le32(0x1000)), {}},
+      {"input level low", QB_AUDIO_CMD_INPUT_ANALOG_FULLSCALEVRMS, words({2}), 0, {}, {"W 50=00"}},
       {"hdmi delay", QB_AUDIO_CMD_OUTPUT_LATENCY_CTRL, words({1, 0x1234}), 0, {}, {"W 24=34", "W 25=12"}},
       {"delay of the stream port refused", QB_AUDIO_CMD_OUTPUT_LATENCY_CTRL, words({4, 5}), 0, {}, {}},
       {"selection on the stream port refused", QB_AUDIO_CMD_OUTPUT_SRC_SELECT, words({4, 0}), 0, {}, {}},

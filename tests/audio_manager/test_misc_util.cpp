@@ -107,18 +107,33 @@ TEST(PacketRing, HandOutAndReleaseRefusals) {
 using ChannelTable = RoutingTest;
 TEST_F(ChannelTable, OutOfTableChannelsAndEveryRecordType) {
   qb_audio_info r = make_record(2, 2, QB_AUDIO_TYPE_HBR);
+  int n = 0;
   for (int ch : {-1, 0, QB_AUDIO_CHN_MAX + 1}) {
     EXPECT_EQ(qb_audio_channel_state_get(ch), nullptr) << ch;
     EXPECT_EQ(qb_audio_channel_state_set(ch, &r) + qb_audio_channel_state_copy(ch, &r) + qb_audio_channel_state_copy_chn(ch, 1) +
                   qb_audio_channel_state_copy_chn(1, ch) + qb_audio_channel_state_store(ch, &r) +
-                  qb_audio_channel_state_byte_set(ch, QB_AUDIO_INFO_AUDIO_ON, 0) + get_sample_frequency(ch, 1), 0) << ch;
+                  qb_audio_channel_state_byte_set(ch, QB_AUDIO_INFO_AUDIO_ON, 0) + get_sample_frequency(ch, 1) +
+                  qb_audio_channel_state_validch_get(ch, &n) + qb_audio_channel_state_samplefreq_get(ch, &n) +
+                  is_qb_audio_output_mute_from_ch(ch), 0) << ch;
+    EXPECT_STREQ(qb_audio_channel_name(ch), "unknown");
   }
-  EXPECT_EQ(qb_audio_channel_state_store(1, nullptr) + get_sample_frequency(QB_AUDIO_CHN_SPDIF, 99), 0);
+  EXPECT_EQ(qb_audio_channel_state_store(1, nullptr) + get_sample_frequency(QB_AUDIO_CHN_SPDIF, 99) +
+                qb_audio_channel_state_validch_get(1, nullptr) + qb_audio_channel_state_samplefreq_get(1, nullptr) +
+                qb_audio_channel_state_compare(nullptr, &r), 0);
+  EXPECT_EQ(cmp_aiinfo(nullptr, &r) + is_qb_audio_output_mute(nullptr), 2);
+  EXPECT_EQ(std::string(qb_audio_matrix_source_name(0)) + qb_audio_matrix_source_name(10), "UNKNOWNUNKNOWN");
+  dump_channel_stat2file(nullptr, 1, &r);
+  channel_stat_printf(nullptr);
   for (int type : {0xC0, 0xA0, 0x90, 0x55}) {  // HBR, DSD, NLPCM, unknown
     r = make_record(2, 2, type);
     EXPECT_EQ(qb_audio_channel_state_set(QB_AUDIO_CHN_SPDIF, &r), 1);
     EXPECT_TRUE(same(record(QB_AUDIO_CHN_SPDIF), r)) << type;
+    EXPECT_EQ(is_qb_audio_output_mute(&r), 1) << type;  // the analog output plays stereo LPCM only
   }
+  r = make_record(3, 5, QB_AUDIO_TYPE_LPCM);  // no playable rate, an odd channel count: the player's defaults
+  qb_audio_channel_state_set(QB_AUDIO_CHN_SPDIF, &r);
+  EXPECT_EQ(qb_audio_channel_state_validch_get(QB_AUDIO_CHN_SPDIF, &n) + qb_audio_channel_state_samplefreq_get(QB_AUDIO_CHN_SPDIF, &n), 0);
+  EXPECT_EQ(n, 2);
   EXPECT_EQ(qb_audio_channel_state_byte_set(QB_AUDIO_CHN_SPDIF, QB_AUDIO_INFO_AUDIO_ON, 0), 1);
   EXPECT_EQ(record(QB_AUDIO_CHN_SPDIF).Audio_On, 0);
 }
