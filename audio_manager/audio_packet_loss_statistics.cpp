@@ -49,7 +49,7 @@ class CFileLock {
 
   // Opens (creating) the lock file and takes the exclusive lock, waiting as long as needed.
   bool lock(const std::string& path) {
-    fd = open(path.c_str(), O_RDWR | O_CREAT, kLossFileMode);
+    fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kLossFileMode);
     if (fd < 0) {
       AM_LOG_ERROR("open %s err", path.c_str());
       AM_LOG_ERROR("fd = %d", fd);
@@ -105,7 +105,7 @@ bool ensure_report_socket(void) {
   if (g_s32DropFd >= 0) {
     return true;
   }
-  g_s32DropFd = socket(AF_INET, SOCK_DGRAM, 0);
+  g_s32DropFd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (g_s32DropFd < 0) {
     AM_LOG_ERROR("Creat Async Report Socket Error!!!");
     return false;
@@ -222,7 +222,7 @@ int write_file(const char* text) {
   if (!file_lock.lock(lock_path)) {
     return -1;
   }
-  const int fd = open(tmp_path.c_str(), O_RDWR | O_CREAT | O_TRUNC, kLossFileMode);
+  const int fd = open(tmp_path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, kLossFileMode);
   if (fd < 0) {
     AM_LOG_ERROR("open %s err", tmp_path.c_str());
     return -1;
