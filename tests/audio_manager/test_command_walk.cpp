@@ -1,9 +1,12 @@
 // Commands as the control service sends them, through the daemon's dispatch table: what every
 // output plays after each source selection on each board, the network outputs' capture paths, the
 // bridge and codec requests, and the HDMI stream chosen when a monitor connects.
+#include <dirent.h>
+
 #include "Edid_Parser.h"
 #include "am_test_edid.h"
 #include "am_unit.h"
+#include "audio_packet_loss_statistics.h"
 #include "qb_audio_parse.h"
 #include "qb_audio_misc_stream.h"
 #include "qb_audio_oper_switch.h"
@@ -278,6 +281,38 @@ TEST_F(CommandWalk, KeptSelectionsReadBack) {
       {qb_misc_audio_streamId_set, qb_misc_audio_streamId_get}, {qb_msic_net_stream_in_analog_set, qb_msic_net_stream_in_analog_get}};
   for (const auto& [set, get] : words) EXPECT_EQ((set(7), get()), 7);
   EXPECT_EQ(qb_misc_audio_info_analog_port_get(), qb_misc_audio_info_analog_port_get());
+}
+
+// Descriptors of this process without close-on-exec, which a child program would inherit.
+std::vector<std::string> inheritable_fds() {
+  std::vector<std::string> out;
+  DIR* dir = opendir("/proc/self/fd");
+  for (struct dirent* e; dir != nullptr && (e = readdir(dir)) != nullptr;) {
+    const int fd = std::atoi(e->d_name);
+    if (e->d_name[0] != '.' && fd > 2 && fd != dirfd(dir) && (fcntl(fd, F_GETFD) & FD_CLOEXEC) == 0) out.push_back(e->d_name);
+  }
+  if (dir != nullptr) closedir(dir);
+  return out;
+}
+
+// Lost bytes of the last seconds: the loss file shows them, the control service hears of them once
+// per cycle, and nothing the module opens is inherited by child programs.
+TEST_F(CommandWalk, PacketLossReachesTheFileAndTheControlService) {
+  const std::vector<std::string> before = inheritable_fds();
+  audio_loss_info_reset();
+  ASSERT_EQ(set_audio_loss_info(1, 1408), 0);
+  EXPECT_EQ(audio_loss_cycle(), 1);
+  const std::string none = "{\"bytesDropIn10\":0,\"bytesDropTotal\":0}";
+  EXPECT_EQ(am_test::read_file(root.at(AUDIO_LOSS_FILE)), "{\"audioDropInfo\":{\"stream0\":" + none +
+            ",\"stream1\":{\"bytesDropIn10\":1408,\"bytesDropTotal\":1408},\"stream2\":" + none + "}}");
+  const Bytes d = next(kReportPort);
+  ASSERT_GT(d.size(), 16u);
+  EXPECT_EQ(Bytes(d.begin() + 8, d.begin() + 12), le32(AUDIO_LOSS_EVENT_TYPE));
+  EXPECT_NE(std::string(d.begin() + 16, d.end()).find("\"requestUrl\":\"/api/v1/details/audio/pktDrop\""), std::string::npos);
+  EXPECT_EQ(inheritable_fds(), before);
+  audio_loss_info_reset();
+  EXPECT_EQ(audio_loss_cycle() + report_audio_drop_msg(""), 0);  // nothing lost: the file stays, nothing sent
+  EXPECT_TRUE(quiet(kReportPort));
 }
 
 }  // namespace
