@@ -131,9 +131,11 @@ TEST_F(CommandWalk, BridgeAndCodecRequests) {
     EXPECT_EQ(r.port != 0 ? next(r.port) : Bytes{}, r.datagram) << r.name;
   }
   for (const int op : {QB_AUDIO_CMD_OP_GET}) {
-    for (int id : {2, 3, 4, 5, 6, 7, 18}) send(id, Bytes(12, 0), op);  // nothing to report
+    for (int id : {2, 3, 4, 5, 6, 7, 18}) send(id, Bytes(8, 0), op);  // nothing to report
   }
   EXPECT_EQ(am_test::read_file(root.at(kCodecArgsPath)), "-v 40\n-f 2\n");
+  audio_mute_all();
+  EXPECT_EQ(transfers(bus), (std::vector<std::string>{"W 52=00"}));
   EXPECT_EQ((std::vector<uint32_t>{qb_misc_audio_downmix_hdmi_get(), qb_misc_audio_downmix_spdif_get(), qb_misc_audio_downmix_earc_get()}),
             (std::vector<uint32_t>{3, 4, 5}));
   for (int port : {kIt6620Port, kIt6621Port, kAvpPort}) EXPECT_TRUE(quiet(port)) << port;

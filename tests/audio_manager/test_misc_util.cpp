@@ -10,6 +10,7 @@
 #include "qb_audio_misc_stream.h"
 #include "qb_audio_misc_util.h"
 #include "qb_audio_oper_format.h"
+#include "qb_audio_oper_packet.h"
 
 namespace am_unit {
 namespace {
@@ -167,6 +168,21 @@ TEST(MulticastText, GroupAddressesAndMacBytes) {
   EXPECT_EQ(macaddr_str2hex("0aFbzz", mac) + macaddr_str2hex(nullptr, mac), 1);  // short text: zero bytes
   EXPECT_EQ(got, "|234.61.14.15");
   EXPECT_EQ(Bytes(mac, mac + 6), (Bytes{0x0a, 0xfb, 0, 0, 0, 0}));
+}
+
+// The encoding a report names per port: the DSP's decoder for the HDMI and network inputs, LPCM or
+// Unknown for the other local inputs, Unknown for any other port; the player's channel counts.
+TEST(EncodingNames, PerPortAndRecordType) {
+  qb_audio_info r = make_record(2, 2, QB_AUDIO_TYPE_NLPCM);
+  r.AUD_DB[0] = 2;
+  char out[32];
+  std::string got;
+  for (int port : {1, 3, 6, 9}) got += (get_encodingType(port, &r, out), std::string(out)) + "|";
+  EXPECT_EQ(got, "Unknown|Dolby Digit|Dolby Digit|Unknown|");
+  EXPECT_EQ(get_encodingType(1, nullptr, out) + get_dsp_encodingType(&r, nullptr), -2);
+  EXPECT_EQ((std::vector<unsigned>{audio_code_to_alsa_channels(3), audio_code_to_alsa_channels(5), audio_code_to_alsa_channels(1)}),
+            (std::vector<unsigned>{6, 8, 8}));
+  EXPECT_STREQ(audio_type_name(0x55), "UNKNOWN");
 }
 
 }  // namespace
