@@ -173,6 +173,7 @@ TEST_F(CommandWalk, MonitorConnectChoosesTheStreamItsEdidTakes) {
     EXPECT_EQ(bus.reg(kBus, kFpga, FPGA_REG_ROUTE_HDMI_OUT), r.mode_after ? FPGA_SRC_SAI3 : FPGA_SRC_SAI1) << r.name;
   }
   EXPECT_EQ(get_hdmi_monitor_status(), QB_HDMI_MONITOR_CONNECTED);
+  qb_bridge_edid_wait_ms_set(-1);  // the daemon's default wait again
 }
 
 // A changed local input restarts the network outputs capturing it: capture aborts of streams

@@ -11,6 +11,8 @@
 #include "qb_audio_misc_util.h"
 #include "qb_audio_oper_format.h"
 #include "qb_audio_oper_packet.h"
+#include "qb_audio_parse.h"
+#include "qb_audio_stream.h"
 
 namespace am_unit {
 namespace {
@@ -121,7 +123,10 @@ TEST_F(ChannelTable, OutOfTableChannelsAndEveryRecordType) {
   EXPECT_EQ(qb_audio_channel_state_store(1, nullptr) + get_sample_frequency(QB_AUDIO_CHN_SPDIF, 99) +
                 qb_audio_channel_state_validch_get(1, nullptr) + qb_audio_channel_state_samplefreq_get(1, nullptr) +
                 qb_audio_channel_state_compare(nullptr, &r), 0);
-  EXPECT_EQ(cmp_aiinfo(nullptr, &r) + is_qb_audio_output_mute(nullptr), 2);
+  EXPECT_EQ(cmp_aiinfo(nullptr, &r) + cmp_aiinfo(&r, nullptr) + is_qb_audio_output_mute(nullptr), 3);
+  EXPECT_EQ(qb_audio_channel_state_set(1, nullptr) + qb_audio_channel_state_copy(1, nullptr) + qb_audio_channel_state_compare(&r, nullptr) +
+                qb_audio_channel_state_byte_set(1, static_cast<qb_audio_info_byte_e>(2), 0) + qb_misc_audio_status_valid_get(99), 0);
+  dump_channel_stat2file(stdout, 1, nullptr);
   EXPECT_EQ(std::string(qb_audio_matrix_source_name(0)) + qb_audio_matrix_source_name(10), "UNKNOWNUNKNOWN");
   dump_channel_stat2file(nullptr, 1, &r);
   channel_stat_printf(nullptr);
@@ -135,8 +140,12 @@ TEST_F(ChannelTable, OutOfTableChannelsAndEveryRecordType) {
   qb_audio_channel_state_set(QB_AUDIO_CHN_SPDIF, &r);
   EXPECT_EQ(qb_audio_channel_state_validch_get(QB_AUDIO_CHN_SPDIF, &n) + qb_audio_channel_state_samplefreq_get(QB_AUDIO_CHN_SPDIF, &n), 0);
   EXPECT_EQ(n, 2);
-  EXPECT_EQ(qb_audio_channel_state_byte_set(QB_AUDIO_CHN_SPDIF, QB_AUDIO_INFO_AUDIO_ON, 0), 1);
-  EXPECT_EQ(record(QB_AUDIO_CHN_SPDIF).Audio_On, 0);
+  r = make_record(2, 8, QB_AUDIO_TYPE_LPCM);
+  EXPECT_EQ(is_qb_audio_output_mute(&r), 1);  // more than two channels
+  channel_stat_printf(&r);
+  EXPECT_EQ(qb_audio_channel_state_set(QB_AUDIO_CHN_VIDEO, &r) + audio_hdmi_audio_on(), 2);  // the HDMI input plays
+  EXPECT_EQ(qb_audio_channel_state_byte_set(QB_AUDIO_CHN_VIDEO, QB_AUDIO_INFO_AUDIO_ON, 0) + audio_hdmi_audio_on(), 1);
+  EXPECT_EQ(record(QB_AUDIO_CHN_VIDEO).Audio_On, 0);
 }
 
 // The status dump's refusals: no file, no bus, no value pointer; a register without a sink and a
@@ -165,7 +174,7 @@ TEST(MulticastText, GroupAddressesAndMacBytes) {
   audio_ipaddr_create(234, 61, 14, 15, nullptr, sizeof buf);
   got += std::string("|") + buf;
   qb_u8_t mac[6] = {};
-  EXPECT_EQ(macaddr_str2hex("0aFbzz", mac) + macaddr_str2hex(nullptr, mac), 1);  // short text: zero bytes
+  EXPECT_EQ(macaddr_str2hex("0aFb:z", mac) + macaddr_str2hex(nullptr, mac), 1);  // short text: zero bytes
   EXPECT_EQ(got, "|234.61.14.15");
   EXPECT_EQ(Bytes(mac, mac + 6), (Bytes{0x0a, 0xfb, 0, 0, 0, 0}));
 }
@@ -183,6 +192,34 @@ TEST(EncodingNames, PerPortAndRecordType) {
   EXPECT_EQ((std::vector<unsigned>{audio_code_to_alsa_channels(3), audio_code_to_alsa_channels(5), audio_code_to_alsa_channels(1)}),
             (std::vector<unsigned>{6, 8, 8}));
   EXPECT_STREQ(audio_type_name(0x55), "UNKNOWN");
+}
+
+// Arguments out of range are refused without a bus write: outputs, stream ids, route values and
+// registers, input gates, null payloads and buffers.
+TEST_F(ChannelTable, OutOfRangeArgumentsAreRefused) {
+  EXPECT_EQ(qb_audio_stream_input_select(9, 0, 0) + qb_audio_stream_input_select(QB_AUDIO_OUTPUT_SPDIF, 5, -1), 0);
+  EXPECT_EQ(qb_misc_audio_get_saiid_by_sid(-1) + qb_misc_audio_get_chn_saiid_by_sid(3), 2 * 255);
+  EXPECT_EQ(qb_audio_fpga_ch_route_set(FPGA_REG_ROUTE_MIN, 0) + qb_audio_fpga_ch_route_set(FPGA_REG_ROUTE_MIN, FPGA_SRC_MAX + 1) +
+                qb_audio_fpga_ch_route_set(FPGA_REG_ROUTE_MIN - 1, 1) + qb_audio_fpga_ch_route_set(FPGA_REG_ROUTE_MAX + 1, 1), 0);
+  EXPECT_EQ(input_mute_ctrl(99, 1) + qb_audio_fpga_earc_chs_write(QB_AUDIO_CHN_MAX + 1), -1);
+  qb_audio_info r = make_record(2, 2, QB_AUDIO_TYPE_LPCM);
+  const Bytes state = le32(1);
+  EXPECT_EQ(it6621_mode_set(nullptr, 4) + monitor_status_set(nullptr, 4) + monitor_status_set(state.data(), 0), 0);
+  for (uint32_t ch : {0u, 9u, 13u}) {
+    Bytes note = le32(ch);
+    note.insert(note.end(), reinterpret_cast<const uint8_t*>(&r), reinterpret_cast<const uint8_t*>(&r) + sizeof r);
+    EXPECT_EQ(call(audio_channel_info_note, note), 0) << ch;
+  }
+  qb_misc_audio_downmix_hdmi_set(nullptr);
+  char out[32];
+  EXPECT_EQ(get_encodingType(1, &r, nullptr) + get_dsp_encodingType(nullptr, out), -2);
+  audio_ipaddr_create(234, 61, 14, 15, out, 0);
+  EXPECT_EQ(macaddr_str2hex("0a", nullptr), 0);
+  EXPECT_EQ(bus.transfer_count(kBus, kFpga), 0u);
+  audio_ipaddr_create(234, 48, 0, 1, out, sizeof out);  // only the base group itself stands for none
+  EXPECT_STREQ(out, "234.48.0.1");
+  audio_ipaddr_create(234, 48, 1, 0, out, sizeof out);
+  EXPECT_STREQ(out, "234.48.1.0");
 }
 
 }  // namespace
