@@ -1,6 +1,7 @@
 // Commands as the control service sends them, through the daemon's dispatch table: what every
 // output plays after each source selection on each board, the network outputs' capture paths, the
-// bridge and codec requests, and the HDMI stream chosen when a monitor connects.
+// bridge and codec requests, the HDMI stream chosen when a monitor connects, the captures restarted
+// by a changed input, the stream groups and player command lines, and the packet-loss report.
 #include <dirent.h>
 
 #include "Edid_Parser.h"
@@ -23,7 +24,8 @@ std::string hex(int v) { char b[8]; return std::snprintf(b, sizeof b, "%x", v), 
 
 class CommandWalk : public ControlTest {
  protected:
-  // Board `board` with LPCM records of `channels` on every channel, every output on stream `sid`,, every gate open, the routes unset.
+  // Board `board`, LPCM records of `channels` on every channel, every output on stream `sid`, every
+  // gate open, the routes unset.
   void prepare(int board, int channels = 2, uint32_t sid = 1) {
     start(board);
     const qb_audio_info rec = make_record(2, channels, 0x80);
@@ -89,11 +91,7 @@ TEST_F(CommandWalk, NetworkOutputsPerBoardStreamAndSource) {
       std::string got;
       for (uint32_t src = 0; src < 8; ++src) {
         prepare(board);
-        Bytes req = words({sid, src});
-        const std::string mac = "00000000000" + std::to_string(board);
-        req.insert(req.end(), mac.begin(), mac.end());
-        req.resize(24, 0);
-        send(QB_AUDIO_CMD_STREAM_OUTPUT_TONET, req);
+        send(QB_AUDIO_CMD_STREAM_OUTPUT_TONET, words({sid, src, static_cast<uint32_t>(board), 0, 0, 0}));  // MAC per board
         got += (src ? " " : "") + cell(capture_route[sid], 0x52, 0) + (bus.reg(kBus, kFpga, 0x19) != kUnset ? "s" : "");
       }
       EXPECT_EQ(got, expected[board - 1]) << "board " << board << " stream " << sid;
