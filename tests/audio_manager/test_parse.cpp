@@ -68,7 +68,7 @@ TEST_F(ParseDispatch, OperationChoosesTheHandler) {
   const Case cases[] = {
       {2, 1, {{2, 1, p}}}, {2, 2, {{2, 2, p}}}, {2, 3, {}} /* no notify handler */, {17, 2, {}} /* no set handler */,
       {17, 1, {{17, 1, p}}}, {8, 3, {{8, 3, p}}}, {8, 2, {}}, {2, 0, {}}, {2, 4, {}}, {2, 0xFFFF, {}}, {20, 2, {}},
-      {0, 2, {}}, {0xFFFF, 2, {}},
+      {0, 2, {}}, {0xFFFF, 2, {}}, {1, 1, {{1, 1, p}}},
   };
   for (const Case& c : cases) {
     g_calls.clear();
