@@ -36,8 +36,8 @@ TEST_F(BridgeTest, PeerMessagesHaveTheirExactBytes) {
   EXPECT_EQ(set_avp_hdmi_out_audio_param(nullptr), -1);
   EXPECT_EQ(next(kMdinPort), kMdinSwitch);
   EXPECT_TRUE(quiet(kAvpPort));
-  // Once the source message was sent, every format message repeats it first.
-  EXPECT_EQ(set_avp_hdmi_out_audio_src_multi_local(), 1);
+  // A local stream on the HDMI output sends the source message; every format message repeats it first.
+  EXPECT_EQ(qb_audio_stream_input_select(QB_AUDIO_OUTPUT_HDMI, 0, -1), 1);
   const Bytes source =
       tlv_message(3, 526338, text_bytes("{\"hdmi_out_audio_src\":\"multi-channel-local\"}"));
   EXPECT_EQ(next(kAvpPort), source);

@@ -222,6 +222,9 @@ TEST_F(Receiver, RealignsOnceOnTheFirstChannelZeroSampleOfEightChannelData) {
   EXPECT_EQ((Bytes{5, 0}), (Bytes{staging[0], staging[3]}));
   EXPECT_EQ(140u, ctrl.audiobuf_datalen);
   EXPECT_EQ(0u, playback_realign(&ctrl));  // aligned now
+  fill_tagged(&ctrl, 8, 1, 8);
+  ctrl.audiobuf_datalen -= 4;  // channel 0 only just past the data: left alone
+  EXPECT_EQ(0u, playback_realign(&ctrl));
   // Stereo data is left alone.
   set_geometry(2, SND_PCM_FORMAT_S24_LE, 240);
   fill_tagged(&ctrl, 2, 1, 10);
