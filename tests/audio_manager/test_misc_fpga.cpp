@@ -1,5 +1,6 @@
 // FPGA matrix access: the exact bus transfers of verified writes and of the sink gates.
 #include "am_unit.h"
+#include "qb_audio_earc.h"
 
 namespace am_unit {
 namespace {
@@ -51,6 +52,15 @@ TEST_F(Fpga, SinkMuteChangesOnlyItsOwnBit) {
   EXPECT_EQ(output_mute_ctrl(0x11, 1), 0);
   EXPECT_EQ(output_mute_ctrl(0x19, 1), 0);
   EXPECT_EQ(transfers(bus), (Seq{"R 52", "R 52"}));
+}
+
+// A stream on the eARC output brings the status bytes of its channel first.
+TEST_F(Fpga, StreamOnTheEarcOutputBringsItsChannelStatus) {
+  qb_audio_info r = make_record(2, 2, 0x80);
+  r.ChStat[0] = 7;
+  qb_audio_channel_state_set(7, &r);  // stream 2 plays on sai3, the channel of network input 3
+  EXPECT_EQ(qb_audio_earc_output_src_select(QB_AUDIO_SRC_STREAM, 2), 1);
+  EXPECT_EQ(fpga_writes(), (Writes{{0x30, 7}, {0x31, 0}, {0x32, 0}, {0x33, 0}, {0x34, 0}, {0x35, 0}, {0x10, 5}}));
 }
 
 }  // namespace
