@@ -58,10 +58,6 @@ TEST(ChannelCodes, FrequencyRateMaskAndTypeTables) {
 }
 
 TEST_F(ChannelTable, DumpLinesStatusDumpAndPrintout) {
-  qb_audio_info rec = make_record(10, 8, 0x33, 1);
-  dump_channel_stat(9, &rec);
-  dump_channel_stat(1, nullptr);
-
   qb_msic_net_stream_in_earc_set(5);
   qb_net_first_stream_select_set(5);
   qb_net_second_stream_select_set(6);
@@ -92,7 +88,7 @@ TEST_F(ChannelTable, DumpLinesStatusDumpAndPrintout) {
   EXPECT_EQ(lines[25].substr(0, 16), "chn:[spdif][5],A");
   EXPECT_EQ(lines[26], "");
 
-  rec = make_record(2, 2, 0x80);
+  qb_audio_info rec = make_record(2, 2, 0x80);
   rec.ChStat[4] = 0x0B;
   testing::internal::CaptureStdout();
   channel_stat_printf(&rec);
