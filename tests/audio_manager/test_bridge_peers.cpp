@@ -29,9 +29,7 @@ TEST_F(BridgeTest, PeerMessagesHaveTheirExactBytes) {
   EXPECT_EQ(it6621_channel_state_set(nullptr, 6), 0);
   EXPECT_TRUE(quiet(kIt6621Port));
   EXPECT_EQ(send_audio_switch_to_mdin(), 1);
-  const Bytes mdin = next(kMdinPort);
-  EXPECT_EQ(mdin, kMdinSwitch);
-  EXPECT_EQ(mdin.size(), 28u);  // no terminator
+  EXPECT_EQ(next(kMdinPort), kMdinSwitch);  // no terminator
   // The HDMI output format without a record: the scaler hears, the video processor does not.
   EXPECT_EQ(set_avp_hdmi_out_audio_param(nullptr), -1);
   EXPECT_EQ(next(kMdinPort), kMdinSwitch);
