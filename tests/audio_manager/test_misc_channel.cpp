@@ -59,8 +59,7 @@ TEST(ChannelCodes, FrequencyRateMaskAndTypeTables) {
 
 TEST_F(ChannelTable, DumpLinesStatusDumpAndPrintout) {
   qb_msic_net_stream_in_earc_set(5);
-  qb_net_first_stream_select_set(5);
-  qb_net_second_stream_select_set(6);
+  qb_net_second_stream_select_set(5);
   qb_net_third_stream_select_set(7);  // no such source
   const std::string path = root.at("/tmp/dump.txt");
   FILE* fp = std::fopen(path.c_str(), "w");
@@ -84,7 +83,7 @@ TEST_F(ChannelTable, DumpLinesStatusDumpAndPrintout) {
   EXPECT_EQ(lines[13].substr(0, 19), "chn:[nsospdif][13],");
   EXPECT_EQ(lines[14], "nsi analog<--UNKNOWN:0  hdmi<--UNKNOWN:0  earc<--sai3:5  spdif<--UNKNOWN:0");
   EXPECT_EQ(lines[21], "ipadd sao5: deviceid:");
-  EXPECT_EQ(lines[22], "net_stream first:[dsp][5] second:[downmix][6] third:[unknown][7]");
+  EXPECT_EQ(lines[22], "net_stream first:[hdmi][1] second:[dsp][5] third:[unknown][7]");
   EXPECT_EQ(lines[25].substr(0, 16), "chn:[spdif][5],A");
   EXPECT_EQ(lines[26], "");
 
