@@ -1,5 +1,6 @@
 // Messages to the bridge, video processor and scaler services; the bridge-mode and monitor-state
 // decisions; the stream switchers of the HDMI, eARC and S/PDIF outputs.
+#include "am_test_edid.h"
 #include "am_unit.h"
 #include "qb_audio_oper_switch.h"
 #include "qb_audio_stream.h"
@@ -63,6 +64,21 @@ TEST_F(BridgeTest, HdmiOutputFormatFromTheRecord) {
     EXPECT_EQ(next(kMdinPort), kMdinSwitch);  // the scaler hears first
     EXPECT_EQ(next(kAvpPort),
               tlv_message(3, 0x80802, text_bytes(avp_format(c.hz, c.ch, c.alloc, c.enc))));
+  }
+}
+
+// A monitor that connects keeps the HDMI output's LPCM stream when its first LPCM entry takes the
+// channel count (an AC-3 entry before it does not count); otherwise the output falls back.
+TEST_F(BridgeTest, ConnectingMonitorKeepsOrFallsBackByItsFirstLpcmEntry) {
+  const Bytes edid = am_test::edid_with({0x26, 0x17, 0x07, 0x50, 0x09, 0x07, 0x07});  // AC-3 8ch, LPCM 2ch
+  ASSERT_TRUE(root.write("/tmp/tv.edid.bin", std::string(edid.begin(), edid.end())));
+  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_HDMI, 0, 1);
+  for (int channels : {2, 8}) {
+    set_hdmi_monitor_status(0);
+    const qb_audio_info rec = make_record(2, channels, 0x80);
+    qb_audio_channel_state_set(6, &rec);
+    set_hdmi_monitor_status(QB_HDMI_MONITOR_CONNECTED);
+    EXPECT_EQ(get_output_hdmi_stream_mode(), channels == 8 ? 1 : 0) << channels;
   }
 }
 

@@ -61,8 +61,7 @@ const Bytes kTwoSads = {0x26, 0x09, 0x07, 0x01, 0x09, 0x07, 0x02};
 // ---- real sinks ---------------------------------------------------------------------------------
 // Each list was written down from an independent decoder's listing of the file's first extension
 // (format, maximum channels, sample rates, sample sizes / bit rate / format-dependent byte).
-// 384-byte EDIDs do not fit the reader's 256-byte store and are refused. Files whose audio blocks
-// another row already covers (tiles, sister models) are left out.
+// 384-byte EDIDs do not fit the reader's 256-byte store and are refused; sister models are left out.
 struct Sad {
   qb_u32_t format, channels, rates, flag;
 };
