@@ -14,7 +14,7 @@ DESTDIR ?=
 WIRESHARK_PLUGIN_DIR ?= $(or $(shell tshark -G folders 2>/dev/null | sed -n 's/^Personal Lua Plugins:[[:space:]]*//p'),$(HOME)/.local/lib/wireshark/plugins)
 
 .PHONY: all setup build test test-host test-asan test-cross cross asan fuzz demo bench coverage mutants \
-        clean install wireshark-plugin
+        soak clean install wireshark-plugin
 
 all: build
 
@@ -68,6 +68,10 @@ test: setup
 # make demo [DEMO_SECONDS=N] [RECEIVERS=1..3] [DEMO_ARGS="--ppm 200 --loss 1"]
 demo: setup build
 	bash scripts/demo $(if $(DEMO_SECONDS),--seconds $(DEMO_SECONDS)) $(if $(RECEIVERS),--receivers $(RECEIVERS))
+
+# A long run of a streaming pair (not part of `make test`): make soak [SOAK_SECONDS=300]
+soak: build
+	SOAK_SECONDS=$(SOAK_SECONDS) bash scripts/soak
 
 # Builds what the benchmarks run (build output in $(BUILD)/bench-build.log), then prints figures.
 bench:

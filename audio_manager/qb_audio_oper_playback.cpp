@@ -413,7 +413,12 @@ int qb_audio_oper_playback(qb_audio_oper_ctrl_t* ctrl, const char* pcm_name, con
   _file_param_set(ctrl, have_source ? &source : nullptr);
   ctrl->clifd = udp_socket_create(kGenlockAddress, kGenlockBasePort + ctrl->file_param_num);
   if (!qb_audio_oper_is_aborting(ctrl)) {
-    send_set_param(ctrl->clifd, ctrl->file_param_num, static_cast<int>(ctrl->hwparams.rate));
+    // A genlock service that does not answer holds the run up for at most three 2 s waits; a stop
+    // request (a new format, the daemon's shutdown) ends the wait at once.
+    const auto stopping = [](void* c) {
+      return qb_audio_oper_is_aborting(static_cast<const qb_audio_oper_ctrl_t*>(c));
+    };
+    send_set_param2(ctrl->clifd, ctrl->file_param_num, static_cast<int>(ctrl->hwparams.rate), stopping, ctrl);
   }
   sleep_ms(100);
 

@@ -203,6 +203,8 @@ void qb_si5351_dump2(FILE* fp);
 int udp_socket_create(const char* addr, int port);
 // Sets the channel's rate and waits for the service's reply (2 s per try, bounded tries).
 int send_set_param(int sock, int ch, int rate);
+// The same, giving up (-1) as soon as give_up(arg) holds; it is asked every 100 ms of the wait.
+int send_set_param2(int sock, int ch, int rate, bool (*give_up)(void*), void* arg);
 int set_increase(int sock, int ch);
 int set_decrease(int sock, int ch);
 int set_reset(int sock, int ch);
