@@ -214,6 +214,8 @@ void reset_singleton() {
   for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
     qb_audio_oper_default(&g_aplay.pctrl[i]);
     qb_audio_oper_default(&g_aplay.cctrl[i]);
+    qb_audio_oper_publish(&g_aplay.pctrl[i]);
+    qb_audio_oper_publish(&g_aplay.cctrl[i]);
     g_aplay.ptid[i].store(0);
     g_aplay.ctid[i].store(0);
     g_aplay.pidx[i] = i;

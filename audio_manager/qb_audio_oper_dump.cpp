@@ -3,7 +3,12 @@
 #include <arpa/inet.h>
 
 #include <cstdarg>
+#include <cstddef>
 #include <cstdio>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <vector>
 
 #include "am_log.h"
 #include "qb_audio_oper.h"
@@ -41,7 +46,37 @@ void emit(const dump_sink_t& sink, const char* fmt, ...) {
 
 const char* text(const char* s) { return s != nullptr ? s : "(null)"; }
 
-void dump_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
+// The published copies, by record. Each holds the record's bytes but the stop flag, which has its
+// own atomic access.
+std::mutex g_published_lock;
+std::map<const qb_audio_oper_ctrl_t*, std::vector<unsigned char>> g_published;
+
+constexpr size_t kFlagAt = offsetof(qb_audio_oper_ctrl_t, in_aborting);
+constexpr size_t kAfterFlag = kFlagAt + sizeof(std::atomic<int>);
+
+void copy_but_flag(void* to, const void* from) {
+  memcpy(to, from, kFlagAt);
+  memcpy(static_cast<char*>(to) + kAfterFlag, static_cast<const char*>(from) + kAfterFlag,
+         sizeof(qb_audio_oper_ctrl_t) - kAfterFlag);
+}
+
+// The record as its worker last published it, or the record itself when it never was published
+// (no worker runs on it).
+void published_copy(const qb_audio_oper_ctrl_t* ctrl, qb_audio_oper_ctrl_t* out) {
+  {
+    std::lock_guard<std::mutex> hold(g_published_lock);
+    const auto it = g_published.find(ctrl);
+    copy_but_flag(out, it != g_published.end() ? static_cast<const void*>(it->second.data())
+                                               : static_cast<const void*>(ctrl));
+  }
+  out->in_aborting.store(ctrl->in_aborting.load());
+  // The history pointer only ever points at the record's own history.
+  if (out->arrChunkNum != nullptr) {
+    out->arrChunkNum = out->latency_history;
+  }
+}
+
+void dump_lines(const qb_audio_oper_ctrl_t* c, const void* mutex_at, const dump_sink_t& out) {
   emit(out,
        "command=%s,pcm_name=%s,handle=%p,hwparams format=%d,channels=%u,rate=%u,rhwparams format=%d,channels=%u,"
        "rate=%u,timelimit=%d\n",
@@ -110,12 +145,10 @@ void dump_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
   emit(out,
        "mutexLatency=%p,sumLatency=%llu,latencyCnt=%llu,clifd=%d,mclkState=%s,lastAdjustAvg=%llu,lastAdjustCnt=%llu,"
        "adjustWaitCnt=%llu,oneSecondCnt=%llu\n",
-       static_cast<const void*>(&c->mutexLatency), static_cast<unsigned long long>(c->sumLatency), static_cast<unsigned long long>(c->latencyCnt), c->clifd,
+       mutex_at, static_cast<unsigned long long>(c->sumLatency), static_cast<unsigned long long>(c->latencyCnt), c->clifd,
        get_mclk_status(c->mclkState), static_cast<unsigned long long>(c->lastAdjustAvg),
        static_cast<unsigned long long>(c->lastAdjustCnt), static_cast<unsigned long long>(c->adjustWaitCnt),
        static_cast<unsigned long long>(c->oneSecondCnt));
-  // A stopping run clears the pointer while a dump may be under way: it is read once, and it only
-  // ever points at the record's own history, which lives as long as the record.
   const size_t* history = c->arrChunkNum;
   if (history != nullptr) {
     const size_t shown = c->latencyCnt < QB_AUDIO_LATENCY_HISTORY ? c->latencyCnt : QB_AUDIO_LATENCY_HISTORY;
@@ -140,12 +173,24 @@ void dump_audio_ctrl(qb_audio_oper_ctrl_t* ctrl) {
     return;
   }
   AM_LOG_INFO("dump audio ctrl begin");
-  dump_lines(ctrl, dump_sink_t{nullptr});
+  dump_lines(ctrl, &ctrl->mutexLatency, dump_sink_t{nullptr});
 }
 
 void dump_audio_ctrl1(qb_audio_oper_ctrl_t* ctrl, FILE* file) {
   if (ctrl == nullptr || file == nullptr) {
     return;
   }
-  dump_lines(ctrl, dump_sink_t{file});
+  qb_audio_oper_ctrl_t copy;
+  published_copy(ctrl, &copy);
+  dump_lines(&copy, &ctrl->mutexLatency, dump_sink_t{file});
+}
+
+void qb_audio_oper_publish(const qb_audio_oper_ctrl_t* ctrl) {
+  if (ctrl == nullptr) {
+    return;
+  }
+  std::lock_guard<std::mutex> hold(g_published_lock);
+  std::vector<unsigned char>& bytes = g_published[ctrl];
+  bytes.resize(sizeof(qb_audio_oper_ctrl_t));
+  copy_but_flag(bytes.data(), ctrl);
 }
