@@ -76,7 +76,9 @@ void published_copy(const qb_audio_oper_ctrl_t* ctrl, qb_audio_oper_ctrl_t* out)
   }
 }
 
-void dump_lines(const qb_audio_oper_ctrl_t* c, const void* mutex_at, const dump_sink_t& out) {
+// Role, format, limits, modes, buffers, timing, device facts, sample geometry, position test,
+// diagnostics and file options.
+void dump_device_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
   emit(out,
        "command=%s,pcm_name=%s,handle=%p,hwparams format=%d,channels=%u,rate=%u,rhwparams format=%d,channels=%u,"
        "rate=%u,timelimit=%d\n",
@@ -104,6 +106,10 @@ void dump_lines(const qb_audio_oper_ctrl_t* c, const void* mutex_at, const dump_
        "dump_hw_params=%d,fd=%d,pbrec_count=%lld,fdcount=%d,vocmajor=%d,vocminor=%d\n",
        c->max_file_size, c->max_file_time, c->use_strftime, c->recycle_capture_file, c->term_c_lflag,
        c->dump_hw_params, c->fd, c->pbrec_count, c->fdcount, c->vocmajor, c->vocminor);
+}
+
+// Network, stream identity, process file and the transport header.
+void dump_network_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
   char svr[INET_ADDRSTRLEN] = "";
   inet_ntop(AF_INET, &c->svr_addr.sin_addr, svr, sizeof svr);
   emit(out, "audio_net_addr=%s,audio_tx=%d,tx_fd=%d,rx_fd=%d,svr_addr=%s:%u,net_port=%d,audio_group_ip=%d\n",
@@ -129,6 +135,11 @@ void dump_lines(const qb_audio_oper_ctrl_t* c, const void* mutex_at, const dump_
        h.Audio_Info_Frame[0], h.Audio_Info_Frame[1], h.Audio_Info_Frame[2], h.Audio_Info_Frame[3],
        h.Audio_Info_Frame[4], h.IEC60958_Channel_Stats[0], h.IEC60958_Channel_Stats[1], h.IEC60958_Channel_Stats[2],
        h.IEC60958_Channel_Stats[3], h.IEC60958_Channel_Stats[4], h.Rolling_Sample_Data_Size_Total);
+}
+
+// Position statistics, lifecycle, clock steering with the latency history, ring, packetising and
+// timestamps.
+void dump_statistics_lines(const qb_audio_oper_ctrl_t* c, const void* mutex_at, const dump_sink_t& out) {
   emit(out,
        "counter=%ld,tmr=%ld,now=%ld,availsum=%.1f,delaysum=%.1f,samples=%.1f,maxavail=%ld,maxdelay=%ld,"
        "minavail=%ld,mindelay=%ld,badavail=%ld,baddelay=%ld\n",
@@ -164,6 +175,13 @@ void dump_lines(const qb_audio_oper_ctrl_t* c, const void* mutex_at, const dump_
   emit(out, "tsStartCapture=%ld.%09ld,chunkCountCapture=%u,tsStartPlay=%ld.%09ld,chunkCountPlay=%u\n",
        static_cast<long>(c->tsStartCapture.tv_sec), c->tsStartCapture.tv_nsec, c->chunkCountCapture,
        static_cast<long>(c->tsStartPlay.tv_sec), c->tsStartPlay.tv_nsec, c->chunkCountPlay);
+}
+
+// Every field in record order; mutex_at is the address shown for the record's mutex.
+void dump_lines(const qb_audio_oper_ctrl_t* c, const void* mutex_at, const dump_sink_t& out) {
+  dump_device_lines(c, out);
+  dump_network_lines(c, out);
+  dump_statistics_lines(c, mutex_at, out);
 }
 
 }  // namespace
