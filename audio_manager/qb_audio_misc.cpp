@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "am_log.h"
+#include "qb_audio_misc_fpga.h"  // the matrix source numbers
 #include "qb_audio_misc_private.h"
 
 namespace {
@@ -95,6 +96,12 @@ constexpr qb_s32_t kNetStreamSecondDefault = 2;
 constexpr qb_s32_t kNetStreamThirdDefault = 3;
 // Pause after each dump line so a reader of the dump file keeps up.
 constexpr useconds_t kDumpPauseUs = 2000;
+
+// Matrix source and network-input channel of each network stream id (0, 1, 2).
+constexpr int kSaiOfSid[] = {FPGA_SRC_SAI1, FPGA_SRC_SAI5, FPGA_SRC_SAI3};
+constexpr int kChannelOfSid[] = {QB_AUDIO_CHN_NSI1, QB_AUDIO_CHN_NSI5, QB_AUDIO_CHN_NSI3};
+constexpr int kStreamIds = static_cast<int>(sizeof kSaiOfSid / sizeof kSaiOfSid[0]);
+constexpr int kNoSid = 255;
 
 bool channel_id_valid(int ch) { return ch >= QB_AUDIO_CHN_MIN && ch <= QB_AUDIO_CHN_MAX; }
 
@@ -422,6 +429,12 @@ const char* qb_audio_matrix_source_name(int src) {
     return "UNKNOWN";
   }
   return kNames[src - 1];
+}
+
+int qb_misc_audio_get_saiid_by_sid(int sid) { return sid >= 0 && sid < kStreamIds ? kSaiOfSid[sid] : kNoSid; }
+
+int qb_misc_audio_get_chn_saiid_by_sid(int sid) {
+  return sid >= 0 && sid < kStreamIds ? kChannelOfSid[sid] : kNoSid;
 }
 
 // ---------------------------------------------------------------------------------------------

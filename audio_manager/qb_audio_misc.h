@@ -215,6 +215,10 @@ int is_qb_audio_output_mute_from_ch(int ch);
 const char* qb_audio_channel_name(int ch);
 // Matrix source name ("it6620" ... "spdif in", "UNKNOWN").
 const char* qb_audio_matrix_source_name(int src);
+// Matrix source of a stream id: 0 -> 4, 1 -> 6, 2 -> 5, other -> 255.
+int qb_misc_audio_get_saiid_by_sid(int sid);
+// Channel id of a stream id's network input: 0 -> 6, 1 -> 8, 2 -> 7, other -> 255.
+int qb_misc_audio_get_chn_saiid_by_sid(int sid);
 
 void dump_channel_stat(int ch, const qb_audio_info* info);
 void dump_channel_stat2file(FILE* fp, int ch, const qb_audio_info* info);

@@ -70,10 +70,6 @@ constexpr net_stream_t kNetStreams[] = {
 };
 constexpr int kStreamIds = static_cast<int>(sizeof kNetStreams / sizeof kNetStreams[0]);
 
-// Matrix source and network-input channel of each stream id.
-constexpr int kSaiOfSid[] = {FPGA_SRC_SAI1, FPGA_SRC_SAI5, FPGA_SRC_SAI3};
-constexpr int kChannelOfSid[] = {QB_AUDIO_CHN_NSI1, QB_AUDIO_CHN_NSI5, QB_AUDIO_CHN_NSI3};
-constexpr int kNoSid = 255;
 constexpr int kBoardTxA = 1;
 
 const net_cell_t& net_cell(int src, int board) {
@@ -166,7 +162,7 @@ int qb_audio_stream_input_select(int output, int sid, int fallback) {
   if (!sid_valid(sid)) {
     return 0;
   }
-  misc_word_set(*nsi, static_cast<qb_s32_t>(kSaiOfSid[sid]));
+  misc_word_set(*nsi, static_cast<qb_s32_t>(qb_misc_audio_get_saiid_by_sid(sid)));
   if (output == QB_AUDIO_OUTPUT_ANALOG) {
     misc_word_set(m.local_port.analog.ch, 0u);
     misc_word_set(m.local_port.analog.src, static_cast<qb_u32_t>(sid));
@@ -179,12 +175,6 @@ int qb_audio_stream_input_select(int output, int sid, int fallback) {
 }
 
 int qb_audio_stream_input_fallback_select(int) { return 1; }
-
-int qb_misc_audio_get_saiid_by_sid(int sid) { return sid_valid(sid) ? kSaiOfSid[sid] : kNoSid; }
-
-int qb_misc_audio_get_chn_saiid_by_sid(int sid) {
-  return sid_valid(sid) ? kChannelOfSid[sid] : kNoSid;
-}
 
 int qb_misc_audio_sid_hdmi_get(void) { return misc_word_get(misc().output_sid.hdmi_sid); }
 int qb_misc_audio_sid_analog_get(void) { return misc_word_get(misc().output_sid.analog_sid); }

@@ -21,10 +21,7 @@ int qb_audio_stream_output_src_select(int src, int sid);
 int qb_audio_stream_input_select(int output, int sid, int fallback);
 int qb_audio_stream_input_fallback_select(int output);
 
-// Matrix source of a stream id: 0 -> 4, 1 -> 6, 2 -> 5, other -> 255.
-int qb_misc_audio_get_saiid_by_sid(int sid);
-// Channel id of a stream id's network input: 0 -> 6, 1 -> 8, 2 -> 7, other -> 255.
-int qb_misc_audio_get_chn_saiid_by_sid(int sid);
+// qb_misc_audio_get_saiid_by_sid and qb_misc_audio_get_chn_saiid_by_sid: qb_audio_misc.h.
 
 int qb_misc_audio_sid_hdmi_get(void);
 int qb_misc_audio_sid_analog_get(void);
