@@ -45,8 +45,8 @@ test-asan: asan
 
 # ThreadSanitizer build in build-tsan: every unit test, the virtual card's tests and the tests that
 # run whole daemons or engines with their threads: commands, streaming with loss and a new format,
-# the genlock service, the shutdown. (The two-board bench, which adds the debug pipe during
-# streaming and clock steering, takes two minutes under the sanitizer: make tsan TSAN_LONG=1.)
+# the genlock service, the shutdown. The two-board bench (debug pipe while streaming, clock
+# steering) and the short demo take three minutes more under the sanitizer: make tsan TSAN_LONG=1.
 # Every process writes its reports to build-tsan/tsan-logs; one report fails the target.
 TSAN_TESTS := Daemon|GenlockService|StreamEngine|SystemdNotify|Card\.|Amsim$(if $(TSAN_LONG),|StreamBoards|DemoShort)
 TSAN_LOGS = $(abspath $(TSAN_BUILD))/tsan-logs
