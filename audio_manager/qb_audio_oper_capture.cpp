@@ -215,6 +215,7 @@ int capture_new(qb_audio_oper_ctrl_t* ctrl, const char* file) {
   size_t last_save = ctrl->chunk_bytes;
   bool unmuted = false;
   while (!qb_audio_oper_is_aborting(ctrl)) {
+    qb_audio_oper_publish(ctrl);
     qb_audio_info live;
     if (qb_audio_channel_state_copy(channel, &live) == 1 &&
         static_cast<qb_u8_t>(live.AUD_DB[0]) != ctrl->audio_info_head.Audio_Info_Frame[0]) {
@@ -280,6 +281,7 @@ int qb_audio_oper_capture(qb_audio_oper_ctrl_t* ctrl, const char* pcm_name, cons
   del_mcast_route_rtl8364(group);
   AM_LOG_INFO("echo %s > /sys/devices/platform/soc@0/soc@0:bus@30800000/30a30000.i2c/i2c-1/1-005c/del_mcastaddr",
               group);
+  qb_audio_oper_publish(ctrl);
   AM_LOG_INFO("%s %s ret=%d stop", "qb_audio_oper_capture", pcm_name, ret);
   sleep_ms(100);
   return ret;

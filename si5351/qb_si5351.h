@@ -10,6 +10,7 @@
 
 #include <cstdio>
 
+#include "qb_audio_protocol.h"  // SI5351_STATUS_FILE
 #include "qb_types.h"
 
 // ---- Bus and chip ----------------------------------------------------------------------------
@@ -174,7 +175,6 @@ inline constexpr int SI5351_DUMP_CLIENT_PORT = 11004;
 inline constexpr int SI5351_SVR_IDLE_MS = 2000;
 inline constexpr int SI5351_SVR_BUF_LEN = 64;
 inline constexpr const char* SI5351_STATUS_TMP_FILE = "/tmp/fifo.json";
-inline constexpr const char* SI5351_STATUS_FILE = "/tmp/genlock.json";
 
 // Programs the power-up table and starts the service thread. 0, or -1 if the thread fails.
 int qb_si5351_start2(void);
