@@ -37,6 +37,7 @@ cross:
 	cmake --build $(CROSS_BUILD) -j $(JOBS)
 
 test-host: build
+	python3 scripts/depcheck --build $(BUILD) --quiet
 	cd $(BUILD) && ctest --output-on-failure -L unit -j $(JOBS)
 	cd $(BUILD) && ctest --output-on-failure -LE unit
 
