@@ -434,13 +434,15 @@ static int64_t amsim_ready_time(const amsim_t *a, int64_t now, int xrun)
         return 0;
     if (!amsim_is_moving(state))
         return now;
+    if (amsim_failed(a))
+        return 0; /* stalled for good: nothing will change, a poll waits for its own timeout */
     uint64_t need = amsim_frames_to_ready(a);
     if (need == 0)
         return now;
     int64_t when = amsim_clock_time_of(&a->clock, (double)(a->run_frames + need));
     if (amsim_stalled(a, now) && when < a->stall_until_ns)
         when = a->stall_until_ns;
-    if (amsim_failed(a) || when > now + AMSIM_CHECK_PERIOD_NS)
+    if (when > now + AMSIM_CHECK_PERIOD_NS)
         when = now + AMSIM_CHECK_PERIOD_NS;
     return when;
 }
