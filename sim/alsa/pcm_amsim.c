@@ -395,7 +395,11 @@ static void amsim_fail(amsim_t *a, int64_t now)
 
 static int amsim_advance(amsim_t *a, int64_t now)
 {
-    if (amsim_stalled(a, now) || amsim_failed(a))
+    if (amsim_failed(a)) {
+        amsim_fail(a, now); /* a card unplugged stays so, also when restarted */
+        return 0;
+    }
+    if (amsim_stalled(a, now))
         return 0;
     double pos = amsim_clock_position(&a->clock, now);
     uint64_t target = (uint64_t)floor(pos);
