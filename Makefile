@@ -3,6 +3,7 @@ SHELL := /bin/bash
 JOBS ?= $(shell nproc)
 BUILD ?= build
 ASAN_BUILD ?= build-asan
+TSAN_BUILD ?= build-tsan
 CROSS_BUILD ?= build-aarch64
 CMAKE_FLAGS ?= -DAM_WERROR=ON
 # make install: programs, log configurations, systemd units and the dissector under PREFIX, staged
@@ -13,8 +14,8 @@ DESTDIR ?=
 # when tshark is not installed.
 WIRESHARK_PLUGIN_DIR ?= $(or $(shell tshark -G folders 2>/dev/null | sed -n 's/^Personal Lua Plugins:[[:space:]]*//p'),$(HOME)/.local/lib/wireshark/plugins)
 
-.PHONY: all setup build test test-host test-asan test-cross cross asan fuzz demo bench coverage mutants \
-        clean install wireshark-plugin
+.PHONY: all setup build test test-host test-asan test-cross cross asan tsan fuzz demo bench coverage mutants \
+        soak clean install wireshark-plugin
 
 all: build
 
@@ -36,11 +37,31 @@ cross:
 	cmake --build $(CROSS_BUILD) -j $(JOBS)
 
 test-host: build
+	python3 scripts/depcheck --build $(BUILD) --quiet
 	cd $(BUILD) && ctest --output-on-failure -L unit -j $(JOBS)
 	cd $(BUILD) && ctest --output-on-failure -LE unit
 
 test-asan: asan
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -L unit -j $(JOBS)
+
+# ThreadSanitizer build in build-tsan: every unit test, the virtual card's tests and the tests that
+# run whole daemons or engines with their threads: commands, streaming with loss and a new format,
+# the genlock service, the shutdown. The two-board bench (debug pipe while streaming, clock
+# steering) and the short demo take three minutes more under the sanitizer: make tsan TSAN_LONG=1.
+# Every process writes its reports to build-tsan/tsan-logs; one report fails the target.
+TSAN_TESTS := Daemon|GenlockService|StreamEngine|SystemdNotify|Card\.|Amsim$(if $(TSAN_LONG),|StreamBoards|DemoShort)
+TSAN_LOGS = $(abspath $(TSAN_BUILD))/tsan-logs
+# die_after_fork=0: the engine tests fork a child into a network namespace from a test thread;
+# the child starts the engine's threads.
+TSAN_ENV = TSAN_OPTIONS="log_path=$(TSAN_LOGS)/report die_after_fork=0 second_deadlock_stack=1"
+tsan:
+	cmake -S . -B $(TSAN_BUILD) $(CMAKE_FLAGS) -DAM_TSAN=ON -DAM_BUILD_BENCH=OFF
+	cmake --build $(TSAN_BUILD) -j $(JOBS)
+	rm -rf $(TSAN_LOGS) && mkdir -p $(TSAN_LOGS)
+	cd $(TSAN_BUILD) && $(TSAN_ENV) ctest --output-on-failure -L unit -j $(JOBS)
+	cd $(TSAN_BUILD) && $(TSAN_ENV) ctest --output-on-failure -R '$(TSAN_TESTS)'
+	@if grep -l "WARNING: ThreadSanitizer" $(TSAN_LOGS)/* 2>/dev/null; then \
+	  echo "ThreadSanitizer reports in the files above"; exit 1; fi
 
 # libFuzzer targets (tests/fuzz) built with clang in build-fuzz, each run from its seed corpus a
 # fixed number of times, or FUZZ_SECONDS seconds each: make fuzz FUZZ_SECONDS=600.
@@ -62,12 +83,17 @@ test-cross: cross
 test: setup
 	$(MAKE) test-host
 	$(MAKE) test-asan
+	$(MAKE) tsan
 	$(MAKE) fuzz
 	$(MAKE) test-cross
 
 # make demo [DEMO_SECONDS=N] [RECEIVERS=1..3] [DEMO_ARGS="--ppm 200 --loss 1"]
 demo: setup build
 	bash scripts/demo $(if $(DEMO_SECONDS),--seconds $(DEMO_SECONDS)) $(if $(RECEIVERS),--receivers $(RECEIVERS))
+
+# A long run of a streaming pair (not part of `make test`): make soak [SOAK_SECONDS=300]
+soak: build
+	SOAK_SECONDS=$(SOAK_SECONDS) bash scripts/soak
 
 # Builds what the benchmarks run (build output in $(BUILD)/bench-build.log), then prints figures.
 bench:
@@ -94,4 +120,4 @@ wireshark-plugin:
 	@echo "installed $(WIRESHARK_PLUGIN_DIR)/audio_manager.lua"
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(CROSS_BUILD) build-coverage build-mutants build-fuzz
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(CROSS_BUILD) build-coverage build-mutants build-fuzz

@@ -19,6 +19,7 @@
 
 #include "am_log.h"
 #include "am_platform.h"
+#include "am_status_file.h"
 #include "qb_tlv_box.h"
 
 namespace {
@@ -88,16 +89,6 @@ qb_u64_t window_bytes(const AUDIO_LOSS_INFO_T& info, qb_s64_t now) {
     }
   }
   return sum;
-}
-
-// Writes the whole text; false on a short write.
-bool write_all(int fd, const char* text, size_t len) {
-  const ssize_t written = write(fd, text, len);
-  if (written != static_cast<ssize_t>(len)) {
-    AM_LOG_ERROR("write %d return %d", static_cast<int>(len), static_cast<int>(written));
-    return false;
-  }
-  return true;
 }
 
 // Creates the report socket on first use. False when it cannot be created.
@@ -215,28 +206,13 @@ int write_file(const char* text) {
   if (text == nullptr) {
     return -1;
   }
-  const std::string lock_path = am_path(AUDIO_LOSS_LOCK_FILE);
-  const std::string tmp_path = am_path(AUDIO_LOSS_TMP_FILE);
-  const std::string file_path = am_path(AUDIO_LOSS_FILE);
   CFileLock file_lock;
-  if (!file_lock.lock(lock_path)) {
+  if (!file_lock.lock(am_path(AUDIO_LOSS_LOCK_FILE))) {
     return -1;
   }
-  const int fd = open(tmp_path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, kLossFileMode);
-  if (fd < 0) {
-    AM_LOG_ERROR("open %s err", tmp_path.c_str());
-    return -1;
-  }
-  const bool written = write_all(fd, text, std::strlen(text));
-  close(fd);
-  if (!written) {
-    return -1;
-  }
-  if (rename(tmp_path.c_str(), file_path.c_str()) != 0) {
-    AM_LOG_ERROR("rename %s to %s err", tmp_path.c_str(), file_path.c_str());
-    return -1;
-  }
-  return 0;  // the lock is released when file_lock closes its descriptor
+  // A reader sees the old statistics or the new ones, whole; a full disk keeps the old file.
+  return am_status_file_replace(AUDIO_LOSS_FILE, AUDIO_LOSS_TMP_FILE, text, std::strlen(text),
+                                kLossFileMode);  // the lock is released when file_lock closes
 }
 
 std::string get_audio_drop_event(void) {

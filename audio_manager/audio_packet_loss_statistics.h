@@ -6,6 +6,7 @@
 #include <ctime>
 #include <string>
 
+#include "qb_audio_protocol.h"  // AUDIO_LOSS_FILE and the drop event's item types
 #include "qb_types.h"
 
 // Number of network streams with loss records.
@@ -17,15 +18,11 @@ inline constexpr qb_s64_t AUDIO_LOSS_WINDOW_SECONDS = 10;
 // Seconds between two checks of the loop.
 inline constexpr unsigned AUDIO_LOSS_CHECK_PERIOD_S = 10;
 
-inline constexpr const char* AUDIO_LOSS_FILE = "/tmp/pktdrop.json";
 inline constexpr const char* AUDIO_LOSS_TMP_FILE = "/tmp/pktdrop.json.tmp";
 inline constexpr const char* AUDIO_LOSS_LOCK_FILE = "/tmp/pktdrop.lock";
 // Where the drop event goes (cmd_core).
 inline constexpr const char* AUDIO_LOSS_REPORT_ADDRESS = "127.0.0.1";
 inline constexpr int AUDIO_LOSS_REPORT_PORT = 9995;
-// Inner item type of the drop event, and the outer type that carries it.
-inline constexpr qb_s32_t AUDIO_LOSS_EVENT_TYPE = 0x40503;
-inline constexpr qb_s32_t AUDIO_LOSS_EVENT_OUTER_TYPE = 2;
 
 // The loss of one second.
 typedef struct LOSS_INFO_T {

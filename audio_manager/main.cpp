@@ -169,13 +169,19 @@ int main(int argc, char* argv[]) {
   }
   AM_LOG_INFO("audio manager init done");
 
+  // Nobody waits for the request threads: they are detached, so the process may end while they
+  // run and their resources are released when they finish.
   pthread_t cmd_tid;
   if (pthread_create(&cmd_tid, nullptr, qb_cmd_audio_task1, nullptr) != 0) {
     AM_LOG_ERROR("create qb_cmd_audio_task1 err");
+  } else {
+    pthread_detach(cmd_tid);
   }
   pthread_t debug_tid;
   if (pthread_create(&debug_tid, nullptr, qb_debug_task, nullptr) != 0) {
     AM_LOG_ERROR("create qb_debug_audio_task err");
+  } else {
+    pthread_detach(debug_tid);
   }
   // The init list has run and the request threads are started: the service manager may start
   // the units that wait for the daemon.

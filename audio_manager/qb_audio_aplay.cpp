@@ -17,7 +17,8 @@
 
 namespace {
 
-qb_audio_aplay_main_ctrl_t g_aplay;
+// The singleton lives with the stop entries (qb_audio_aplay_ctrl.cpp).
+qb_audio_aplay_main_ctrl_t& g_aplay = *qb_audio_aplay_ctrl_get();
 
 constexpr size_t kThreadNameSize = 16;
 constexpr size_t kAddrSize = 33;  // at most 32 characters of the address, zero-terminated
@@ -214,6 +215,8 @@ void reset_singleton() {
   for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
     qb_audio_oper_default(&g_aplay.pctrl[i]);
     qb_audio_oper_default(&g_aplay.cctrl[i]);
+    qb_audio_oper_publish(&g_aplay.pctrl[i]);
+    qb_audio_oper_publish(&g_aplay.cctrl[i]);
     g_aplay.ptid[i].store(0);
     g_aplay.ctid[i].store(0);
     g_aplay.pidx[i] = i;
@@ -241,8 +244,6 @@ void dump_playback_blocks(FILE* file) {
 }
 
 }  // namespace
-
-qb_audio_aplay_main_ctrl_t* qb_audio_aplay_ctrl_get() { return &g_aplay; }
 
 int qb_audio_aplay_playback_init() {
   for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
@@ -324,22 +325,6 @@ int qb_audio_aplay_uninit() {
   qb_audio_aplay_playback_uninit();
   qb_audio_oper_shutdown_set(0);
   return 1;
-}
-
-void qb_audio_aplay_in_abort_capture1() { qb_audio_oper_abort(&g_aplay.cctrl[0]); }
-void qb_audio_aplay_in_abort_capture3() { qb_audio_oper_abort(&g_aplay.cctrl[1]); }
-void qb_audio_aplay_in_abort_capture5() { qb_audio_oper_abort(&g_aplay.cctrl[2]); }
-void qb_audio_aplay_in_abort_playback1() { qb_audio_oper_abort(&g_aplay.pctrl[0]); }
-void qb_audio_aplay_in_abort_playback3() { qb_audio_oper_abort(&g_aplay.pctrl[1]); }
-void qb_audio_aplay_in_abort_playback5() { qb_audio_oper_abort(&g_aplay.pctrl[2]); }
-
-void qb_audio_aplay_info_change_set(int channel_id) {
-  if (channel_id < QB_AUDIO_CHN_NSI1 || channel_id > QB_AUDIO_CHN_NSI5) {
-    return;
-  }
-  qb_audio_oper_abort(&g_aplay.pctrl[channel_id - QB_AUDIO_CHN_NSI1]);
-  qb_audio_channel_state_reset(channel_id);
-  qb_misc_audio_status_valid_set(channel_id, 0);
 }
 
 void dump_capture_param(FILE* file) {

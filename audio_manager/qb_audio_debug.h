@@ -4,12 +4,9 @@
 
 #include <cstdio>
 
+#include "qb_audio_protocol.h"  // the files of the pipe protocol
 #include "qb_types.h"
 
-// Files of the pipe protocol (board paths).
-inline constexpr const char* QB_DEBUG_REQUEST_FIFO = "/tmp/request";
-inline constexpr const char* QB_DEBUG_DUMP_FILE = "/tmp/dump-status.txt";
-inline constexpr const char* QB_DEBUG_REQUEST_OK = "/tmp/request-ok";
 
 // FPGA matrix bus and device.
 inline constexpr const char* QB_DEBUG_FPGA_BUS = "/dev/i2c-2";

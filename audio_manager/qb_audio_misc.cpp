@@ -8,9 +8,8 @@
 #include <mutex>
 
 #include "am_log.h"
+#include "qb_audio_misc_fpga.h"  // the matrix source numbers
 #include "qb_audio_misc_private.h"
-#include "qb_audio_misc_spdif.h"
-#include "qb_audio_misc_stream.h"
 
 namespace {
 
@@ -98,6 +97,12 @@ constexpr qb_s32_t kNetStreamThirdDefault = 3;
 // Pause after each dump line so a reader of the dump file keeps up.
 constexpr useconds_t kDumpPauseUs = 2000;
 
+// Matrix source and network-input channel of each network stream id (0, 1, 2).
+constexpr int kSaiOfSid[] = {FPGA_SRC_SAI1, FPGA_SRC_SAI5, FPGA_SRC_SAI3};
+constexpr int kChannelOfSid[] = {QB_AUDIO_CHN_NSI1, QB_AUDIO_CHN_NSI5, QB_AUDIO_CHN_NSI3};
+constexpr int kStreamIds = static_cast<int>(sizeof kSaiOfSid / sizeof kSaiOfSid[0]);
+constexpr int kNoSid = 255;
+
 bool channel_id_valid(int ch) { return ch >= QB_AUDIO_CHN_MIN && ch <= QB_AUDIO_CHN_MAX; }
 
 const channel_row_t* channel_row(int ch) {
@@ -178,11 +183,9 @@ int qb_audio_channel_state_store(int ch, const qb_audio_info* info) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Start and stop
+// State reset (the start of the module, qb_audio_misc_init, adds the S/PDIF receiver's mapping)
 // ---------------------------------------------------------------------------------------------
-int qb_audio_misc_init(void) {
-  // A second start releases the mapping of the first before the state is cleared.
-  qb_misc_nxp_spdif_register_map_uninit();
+void qb_audio_misc_state_reset(void) {
   {
     std::lock_guard<std::mutex> channels(g_channel_lock);
     std::lock_guard<std::mutex> addresses(g_ipaddr_lock);
@@ -195,20 +198,11 @@ int qb_audio_misc_init(void) {
   for (int ch : kDefaultChannels) {
     qb_audio_channel_state_set(ch, &kDefaultRecord);
   }
-  qb_misc_nxp_spdif_register_map_init();
   {
     std::lock_guard<std::mutex> lock(g_channel_lock);
     g_misc.channel_state.dsp.AUD_DB[0] = kDspAudDbUnknown;
   }
   misc_word_set(g_misc.it6621_mode, 0);
-  return 1;
-}
-
-int qb_audio_misc_uninit(void) {
-  qb_misc_nxp_spdif_register_map_uninit();
-  AM_LOG_INFO("spdif register map uninit");
-  AM_LOG_INFO("%s", __func__);
-  return 1;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -437,6 +431,12 @@ const char* qb_audio_matrix_source_name(int src) {
   return kNames[src - 1];
 }
 
+int qb_misc_audio_get_saiid_by_sid(int sid) { return sid >= 0 && sid < kStreamIds ? kSaiOfSid[sid] : kNoSid; }
+
+int qb_misc_audio_get_chn_saiid_by_sid(int sid) {
+  return sid >= 0 && sid < kStreamIds ? kChannelOfSid[sid] : kNoSid;
+}
+
 // ---------------------------------------------------------------------------------------------
 // Dumps
 // ---------------------------------------------------------------------------------------------
@@ -490,48 +490,3 @@ void channel_stat_printf(const qb_audio_info* info) {
   std::printf("\n");
 }
 
-void dump_misc_param(FILE* fp) {
-  if (fp == nullptr) {
-    return;
-  }
-  std::fprintf(fp, "dump misc param begin\n");
-  for (int ch = QB_AUDIO_CHN_MIN; ch <= QB_AUDIO_CHN_MAX; ++ch) {
-    qb_audio_info rec;
-    qb_audio_channel_state_copy(ch, &rec);
-    dump_channel_stat2file(fp, ch, &rec);
-  }
-  const int nsi_analog = misc_word_get(g_misc.nsi.analog);
-  const int nsi_hdmi = misc_word_get(g_misc.nsi.hdmi);
-  const int nsi_earc = misc_word_get(g_misc.nsi.earc);
-  const int nsi_spdif = misc_word_get(g_misc.nsi.spdif);
-  std::fprintf(fp, "nsi analog<--%s:%d  hdmi<--%s:%d  earc<--%s:%d  spdif<--%s:%d\n",
-               qb_audio_matrix_source_name(nsi_analog), nsi_analog,
-               qb_audio_matrix_source_name(nsi_hdmi), nsi_hdmi,
-               qb_audio_matrix_source_name(nsi_earc), nsi_earc,
-               qb_audio_matrix_source_name(nsi_spdif), nsi_spdif);
-  std::fprintf(fp, "net_spdif_out_src :%d\n", misc_word_get(g_misc.net_spdif_out_src));
-  net_stream_ipaddr_t ip;
-  qb_misc_net_stream_ipaddr_copy(&ip);
-  std::fprintf(fp, "ipadd sai1:%s deviceid:%s\n", ip.sai1_in_ipaddr, ip.sai1_in_deviceid);
-  std::fprintf(fp, "ipadd sai3:%s deviceid:%s\n", ip.sai3_in_ipaddr, ip.sai3_in_deviceid);
-  std::fprintf(fp, "ipadd sai5:%s deviceid:%s\n", ip.sai5_in_ipaddr, ip.sai5_in_deviceid);
-  std::fprintf(fp, "ipadd sao1:%s deviceid:%s\n", ip.sai1_out_ipaddr, ip.sai1_out_deviceid);
-  std::fprintf(fp, "ipadd sao3:%s deviceid:%s\n", ip.sai3_out_ipaddr, ip.sai3_out_deviceid);
-  std::fprintf(fp, "ipadd sao5:%s deviceid:%s\n", ip.sai5_out_ipaddr, ip.sai5_out_deviceid);
-  const int first = misc_word_get(g_misc.net_stream.first);
-  const int second = misc_word_get(g_misc.net_stream.second);
-  const int third = misc_word_get(g_misc.net_stream.third);
-  std::fprintf(fp, "net_stream first:[%s][%d] second:[%s][%d] third:[%s][%d]\n",
-               qb_audio_output_source_short_name(first), first,
-               qb_audio_output_source_short_name(second), second,
-               qb_audio_output_source_short_name(third), third);
-  std::fprintf(fp, "net_stream_spdif spdif:%d arc:%d\n", misc_word_get(g_misc.spdif.spdif),
-               misc_word_get(g_misc.spdif.arc));
-  std::fprintf(fp, "spdif fd:%d mmap:%p \n", misc_word_get(g_misc.spdif_mreg.fd),
-               static_cast<void*>(misc_word_get(g_misc.spdif_mreg.map_base)));
-  qb_audio_info spdif;
-  qb_misc_audio_spdif_info_copy(&spdif);
-  dump_channel_stat2file(fp, QB_AUDIO_CHN_SPDIF, &spdif);
-  usleep(kDumpPauseUs);
-  std::fprintf(fp, "\n");
-}

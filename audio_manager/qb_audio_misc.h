@@ -11,64 +11,14 @@
 
 #include <cstdio>
 
+#include "qb_audio_protocol.h"  // channel, source and format numbers, qb_audio_info
 #include "qb_types.h"
 
-// ---------------------------------------------------------------------------------------------
-// Channel ids
-// ---------------------------------------------------------------------------------------------
-inline constexpr qb_s32_t QB_AUDIO_CHN_ANALOG = 1;
-inline constexpr qb_s32_t QB_AUDIO_CHN_EARC = 2;
-inline constexpr qb_s32_t QB_AUDIO_CHN_VIDEO = 3;
-inline constexpr qb_s32_t QB_AUDIO_CHN_DSP = 4;
-inline constexpr qb_s32_t QB_AUDIO_CHN_SPDIF = 5;
-inline constexpr qb_s32_t QB_AUDIO_CHN_NSI1 = 6;
-inline constexpr qb_s32_t QB_AUDIO_CHN_NSI3 = 7;
-inline constexpr qb_s32_t QB_AUDIO_CHN_NSI5 = 8;
-inline constexpr qb_s32_t QB_AUDIO_CHN_NSI_SPDIF = 9;
-inline constexpr qb_s32_t QB_AUDIO_CHN_NSO1 = 10;
-inline constexpr qb_s32_t QB_AUDIO_CHN_NSO3 = 11;
-inline constexpr qb_s32_t QB_AUDIO_CHN_NSO5 = 12;
-inline constexpr qb_s32_t QB_AUDIO_CHN_NSO_SPDIF = 13;
-inline constexpr qb_s32_t QB_AUDIO_CHN_MIN = QB_AUDIO_CHN_ANALOG;
-inline constexpr qb_s32_t QB_AUDIO_CHN_MAX = QB_AUDIO_CHN_NSO_SPDIF;
-inline constexpr int QB_AUDIO_CHN_COUNT = 13;
-
-// Audio_Type values (compare as unsigned bytes).
-inline constexpr qb_u8_t QB_AUDIO_TYPE_LPCM = 0x80;
-inline constexpr qb_u8_t QB_AUDIO_TYPE_NLPCM = 0x90;
-inline constexpr qb_u8_t QB_AUDIO_TYPE_DSD = 0xA0;
-inline constexpr qb_u8_t QB_AUDIO_TYPE_HBR = 0xC0;
-
-// Output-source numbers.
-inline constexpr qb_s32_t QB_AUDIO_SRC_ANALOG = 0;
-inline constexpr qb_s32_t QB_AUDIO_SRC_HDMI = 1;
-inline constexpr qb_s32_t QB_AUDIO_SRC_SPDIF = 2;
-inline constexpr qb_s32_t QB_AUDIO_SRC_EARC = 3;
-inline constexpr qb_s32_t QB_AUDIO_SRC_STREAM = 4;
-inline constexpr qb_s32_t QB_AUDIO_SRC_DSP = 5;
-inline constexpr qb_s32_t QB_AUDIO_SRC_HDMI_DOWNMIX = 6;
 
 // ---------------------------------------------------------------------------------------------
 // Records
 // ---------------------------------------------------------------------------------------------
 
-// The 20-byte audio format record of one channel. Byte order is part of the network header and of
-// the saved file; values are used as unsigned bytes.
-struct qb_audio_info {
-  qb_s8_t Audio_On;         // 1 audio present
-  qb_s8_t SampleFrequency;  // sample-frequency code (IEC 60958-3 byte 3)
-  qb_s8_t ValidCh;          // channel count: 2, 4, 6 or 8
-  qb_s8_t SampleSize;       // 16 or 24
-  qb_s8_t io_in_use;        // 2 in records built here
-  qb_s8_t enable_upstream;
-  qb_s8_t DownSampling;
-  qb_s8_t Mode16bits;
-  qb_s8_t Audio_Type;       // 0x80 LPCM, 0x90 NLPCM, 0xA0 DSD, 0xC0 HBR
-  qb_s8_t bSPDIF;           // 1: S/PDIF- or ARC-framed stream
-  qb_s8_t AUD_DB[5];        // CEA-861 Audio InfoFrame data bytes 1-5
-  qb_s8_t ChStat[5];        // IEC 60958-3 channel-status bytes 0-4
-};
-static_assert(sizeof(qb_audio_info) == 20, "qb_audio_info is a 20-byte wire record");
 
 // A channel record as it travels between command handlers and the bridge functions.
 struct qb_audio_info_t {
@@ -154,10 +104,6 @@ struct nxp_map_spdif_reg_t {
   qb_audio_info ainfo;
 };
 
-struct qb_audio_output_dwm_mode_t {
-  qb_u32_t ch;
-  qb_u32_t mode;
-};
 
 struct output_downmix_t {
   qb_audio_output_dwm_mode_t hdmi_downmix_mode;
@@ -269,6 +215,10 @@ int is_qb_audio_output_mute_from_ch(int ch);
 const char* qb_audio_channel_name(int ch);
 // Matrix source name ("it6620" ... "spdif in", "UNKNOWN").
 const char* qb_audio_matrix_source_name(int src);
+// Matrix source of a stream id: 0 -> 4, 1 -> 6, 2 -> 5, other -> 255.
+int qb_misc_audio_get_saiid_by_sid(int sid);
+// Channel id of a stream id's network input: 0 -> 6, 1 -> 8, 2 -> 7, other -> 255.
+int qb_misc_audio_get_chn_saiid_by_sid(int sid);
 
 void dump_channel_stat(int ch, const qb_audio_info* info);
 void dump_channel_stat2file(FILE* fp, int ch, const qb_audio_info* info);

@@ -32,6 +32,10 @@ int qb_audio_channel_state_copy_chn(int dst, int src);
 // Copies a record into a channel without touching its status flag or logging. 1, or 0.
 int qb_audio_channel_state_store(int ch, const qb_audio_info* info);
 
+// Clears the routing singleton and sets its defaults; qb_audio_misc_init adds the S/PDIF
+// receiver's mapping.
+void qb_audio_misc_state_reset(void);
+
 // S/PDIF receiver mapping, made by qb_audio_misc_init and released by qb_audio_misc_uninit.
 void qb_misc_nxp_spdif_register_map_init();
 void qb_misc_nxp_spdif_register_map_uninit();

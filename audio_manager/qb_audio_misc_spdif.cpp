@@ -189,3 +189,19 @@ int qb_misc_audio_spdif_info_copy(qb_audio_info* out) {
   *out = mreg().ainfo;
   return 1;
 }
+
+// ---- start and stop of the routing module: its state, then the receiver's mapping
+int qb_audio_misc_init(void) {
+  // A second start releases the mapping of the first before the state is cleared.
+  qb_misc_nxp_spdif_register_map_uninit();
+  qb_audio_misc_state_reset();
+  qb_misc_nxp_spdif_register_map_init();
+  return 1;
+}
+
+int qb_audio_misc_uninit(void) {
+  qb_misc_nxp_spdif_register_map_uninit();
+  AM_LOG_INFO("spdif register map uninit");
+  AM_LOG_INFO("%s", __func__);
+  return 1;
+}

@@ -1,7 +1,9 @@
 // Network stream endpoints: addresses and device ids of the six streams, source selections of the
-// three network outputs, group derivation from a peer's MAC, and the start of each output's
-// capture routing.
+// three network outputs, group derivation from a peer's MAC, the start of each output's capture
+// routing, and the routing section of the status dump.
 #include "qb_audio_misc_stream.h"
+
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -25,6 +27,8 @@ constexpr int kMacBytes = 6;
 constexpr size_t kCommandSize = 256;
 constexpr int kDefaultPlayerChannels = 2;
 constexpr int kDefaultPlayerRate = 48000;
+// Pause after the routing section of the status dump.
+constexpr useconds_t kDumpPauseUs = 2000;
 
 // Everything that belongs to one stream id.
 struct stream_row_t {
@@ -559,3 +563,51 @@ int audio_hdmi_streamout(void) {
 }
 int qb_misc_net_stream_spdif_flag_get(void) { return misc_word_get(misc().spdif.spdif); }
 int qb_misc_net_stream_arc_flag_get(void) { return misc_word_get(misc().spdif.arc); }
+
+// ---- the routing state section of the status dump: channel records, sources, addresses,
+// selections and the S/PDIF receiver
+void dump_misc_param(FILE* fp) {
+  if (fp == nullptr) {
+    return;
+  }
+  std::fprintf(fp, "dump misc param begin\n");
+  for (int ch = QB_AUDIO_CHN_MIN; ch <= QB_AUDIO_CHN_MAX; ++ch) {
+    qb_audio_info rec;
+    qb_audio_channel_state_copy(ch, &rec);
+    dump_channel_stat2file(fp, ch, &rec);
+  }
+  const int nsi_analog = misc_word_get(misc().nsi.analog);
+  const int nsi_hdmi = misc_word_get(misc().nsi.hdmi);
+  const int nsi_earc = misc_word_get(misc().nsi.earc);
+  const int nsi_spdif = misc_word_get(misc().nsi.spdif);
+  std::fprintf(fp, "nsi analog<--%s:%d  hdmi<--%s:%d  earc<--%s:%d  spdif<--%s:%d\n",
+               qb_audio_matrix_source_name(nsi_analog), nsi_analog,
+               qb_audio_matrix_source_name(nsi_hdmi), nsi_hdmi,
+               qb_audio_matrix_source_name(nsi_earc), nsi_earc,
+               qb_audio_matrix_source_name(nsi_spdif), nsi_spdif);
+  std::fprintf(fp, "net_spdif_out_src :%d\n", misc_word_get(misc().net_spdif_out_src));
+  net_stream_ipaddr_t ip;
+  qb_misc_net_stream_ipaddr_copy(&ip);
+  std::fprintf(fp, "ipadd sai1:%s deviceid:%s\n", ip.sai1_in_ipaddr, ip.sai1_in_deviceid);
+  std::fprintf(fp, "ipadd sai3:%s deviceid:%s\n", ip.sai3_in_ipaddr, ip.sai3_in_deviceid);
+  std::fprintf(fp, "ipadd sai5:%s deviceid:%s\n", ip.sai5_in_ipaddr, ip.sai5_in_deviceid);
+  std::fprintf(fp, "ipadd sao1:%s deviceid:%s\n", ip.sai1_out_ipaddr, ip.sai1_out_deviceid);
+  std::fprintf(fp, "ipadd sao3:%s deviceid:%s\n", ip.sai3_out_ipaddr, ip.sai3_out_deviceid);
+  std::fprintf(fp, "ipadd sao5:%s deviceid:%s\n", ip.sai5_out_ipaddr, ip.sai5_out_deviceid);
+  const int first = misc_word_get(misc().net_stream.first);
+  const int second = misc_word_get(misc().net_stream.second);
+  const int third = misc_word_get(misc().net_stream.third);
+  std::fprintf(fp, "net_stream first:[%s][%d] second:[%s][%d] third:[%s][%d]\n",
+               qb_audio_output_source_short_name(first), first,
+               qb_audio_output_source_short_name(second), second,
+               qb_audio_output_source_short_name(third), third);
+  std::fprintf(fp, "net_stream_spdif spdif:%d arc:%d\n", misc_word_get(misc().spdif.spdif),
+               misc_word_get(misc().spdif.arc));
+  std::fprintf(fp, "spdif fd:%d mmap:%p \n", misc_word_get(misc().spdif_mreg.fd),
+               static_cast<void*>(misc_word_get(misc().spdif_mreg.map_base)));
+  qb_audio_info spdif;
+  qb_misc_audio_spdif_info_copy(&spdif);
+  dump_channel_stat2file(fp, QB_AUDIO_CHN_SPDIF, &spdif);
+  usleep(kDumpPauseUs);
+  std::fprintf(fp, "\n");
+}

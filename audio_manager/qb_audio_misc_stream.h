@@ -24,23 +24,7 @@ inline constexpr const char* QB_AUDIO_DEFAULT_IN_IPADDR = "225.0.0.1";
 inline constexpr int QB_AUDIO_MCAST_OCTET1 = 234;
 inline constexpr int QB_AUDIO_MCAST_OCTET2_BASE = 48;
 
-inline constexpr int QB_AUDIO_MAC_TEXT_SIZE = 16;
-
-// Output stream request (24 bytes, as it arrives in a command payload).
-struct qb_audio_output_stream_t {
-  qb_s32_t streamID;
-  qb_s32_t source;
-  char vaxoMac[QB_AUDIO_MAC_TEXT_SIZE];
-};
-static_assert(sizeof(qb_audio_output_stream_t) == 24, "24-byte output request");
-
-// Input stream request (24 bytes).
-struct qb_audio_input_stream_t {
-  char deviceID[QB_AUDIO_MAC_TEXT_SIZE];
-  qb_s32_t streamID;
-  qb_s32_t subscriptionID;
-};
-static_assert(sizeof(qb_audio_input_stream_t) == 24, "24-byte input request");
+// QB_AUDIO_MAC_TEXT_SIZE and the output and input stream requests: qb_audio_protocol.h.
 
 int qb_audio_stream_output_to_net_set(const qb_audio_output_stream_t* req);
 int qb_misc_net_stream_out_ipaddr_set(const qb_audio_output_stream_t* req);

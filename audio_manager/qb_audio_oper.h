@@ -233,8 +233,12 @@ int get_dsp_encodingType(const qb_audio_info* ainfo, char* out);
 // ---- Record dumps
 // Logs every field of the record in field order.
 void dump_audio_ctrl(qb_audio_oper_ctrl_t* ctrl);
-// Prints every field of the record in field order to a file (nothing for a null file).
+// Prints every field of the record in field order to a file (nothing for a null file). Called from
+// another thread than the record's worker: it prints the copy the worker last published.
 void dump_audio_ctrl1(qb_audio_oper_ctrl_t* ctrl, FILE* file);
+// Publishes a copy of the record for readers on other threads (the status dump). The worker calls
+// it where its record is consistent: once per pass of its loop and when a run ends.
+void qb_audio_oper_publish(const qb_audio_oper_ctrl_t* ctrl);
 
 // ---- Sockets of both directions
 int net_data_open(qb_audio_oper_ctrl_t* ctrl);

@@ -78,16 +78,16 @@ void handle_suspend(qb_audio_oper_ctrl_t* ctrl) {
 }
 
 // Waits (bounded) until the running device holds a chunk, so that a stalled device never blocks the
-// read and the stop flag is seen within 100 ms.
-void wait_for_capture_data(qb_audio_oper_ctrl_t* ctrl, size_t frames) {
+// read and the stop flag is seen within 100 ms. False when the whole wait passed without data.
+bool wait_for_capture_data(qb_audio_oper_ctrl_t* ctrl, size_t frames) {
   if (snd_pcm_state(ctrl->handle) != SND_PCM_STATE_RUNNING) {
-    return;
+    return true;
   }
   const snd_pcm_sframes_t avail = snd_pcm_avail_update(ctrl->handle);
   if (avail >= 0 && static_cast<size_t>(avail) >= frames) {
-    return;
+    return true;
   }
-  snd_pcm_wait(ctrl->handle, kCaptureWaitMs);
+  return snd_pcm_wait(ctrl->handle, kCaptureWaitMs) != 0;
 }
 
 // Read errors after which the device will not come back within this run: the run ends and the
@@ -104,10 +104,14 @@ snd_pcm_sframes_t capture_read_chunk(qb_audio_oper_ctrl_t* ctrl, qb_u8_t* data, 
   size_t done = 0;
   const size_t frame_bytes = ctrl->bits_per_frame / 8;
   while (count > 0 && !qb_audio_oper_is_aborting(ctrl)) {
-    wait_for_capture_data(ctrl, count);
+    const bool woken = wait_for_capture_data(ctrl, count);
     if (snd_pcm_state(ctrl->handle) == SND_PCM_STATE_RUNNING) {
       const snd_pcm_sframes_t avail = snd_pcm_avail_update(ctrl->handle);
       if (avail >= 0 && static_cast<size_t>(avail) < count) {
+        if (!woken) {  // a device that delivers nothing is waited for, 100 ms at a time
+          AM_LOG_INFO("wait 100 ms r = %ld count = %lu", static_cast<long>(-EAGAIN), static_cast<unsigned long>(count));
+          AM_LOG_WARN("readi_func get -EAGAIN");
+        }
         continue;  // not a whole chunk after the bounded wait: look at the stop flag again
       }
     }
@@ -215,6 +219,7 @@ int capture_new(qb_audio_oper_ctrl_t* ctrl, const char* file) {
   size_t last_save = ctrl->chunk_bytes;
   bool unmuted = false;
   while (!qb_audio_oper_is_aborting(ctrl)) {
+    qb_audio_oper_publish(ctrl);
     qb_audio_info live;
     if (qb_audio_channel_state_copy(channel, &live) == 1 &&
         static_cast<qb_u8_t>(live.AUD_DB[0]) != ctrl->audio_info_head.Audio_Info_Frame[0]) {
@@ -280,6 +285,7 @@ int qb_audio_oper_capture(qb_audio_oper_ctrl_t* ctrl, const char* pcm_name, cons
   del_mcast_route_rtl8364(group);
   AM_LOG_INFO("echo %s > /sys/devices/platform/soc@0/soc@0:bus@30800000/30a30000.i2c/i2c-1/1-005c/del_mcastaddr",
               group);
+  qb_audio_oper_publish(ctrl);
   AM_LOG_INFO("%s %s ret=%d stop", "qb_audio_oper_capture", pcm_name, ret);
   sleep_ms(100);
   return ret;

@@ -3,7 +3,12 @@
 #include <arpa/inet.h>
 
 #include <cstdarg>
+#include <cstddef>
 #include <cstdio>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <vector>
 
 #include "am_log.h"
 #include "qb_audio_oper.h"
@@ -41,7 +46,39 @@ void emit(const dump_sink_t& sink, const char* fmt, ...) {
 
 const char* text(const char* s) { return s != nullptr ? s : "(null)"; }
 
-void dump_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
+// The published copies, by record. Each holds the record's bytes but the stop flag, which has its
+// own atomic access.
+std::mutex g_published_lock;
+std::map<const qb_audio_oper_ctrl_t*, std::vector<unsigned char>> g_published;
+
+constexpr size_t kFlagAt = offsetof(qb_audio_oper_ctrl_t, in_aborting);
+constexpr size_t kAfterFlag = kFlagAt + sizeof(std::atomic<int>);
+
+void copy_but_flag(void* to, const void* from) {
+  memcpy(to, from, kFlagAt);
+  memcpy(static_cast<char*>(to) + kAfterFlag, static_cast<const char*>(from) + kAfterFlag,
+         sizeof(qb_audio_oper_ctrl_t) - kAfterFlag);
+}
+
+// The record as its worker last published it, or the record itself when it never was published
+// (no worker runs on it).
+void published_copy(const qb_audio_oper_ctrl_t* ctrl, qb_audio_oper_ctrl_t* out) {
+  {
+    std::lock_guard<std::mutex> hold(g_published_lock);
+    const auto it = g_published.find(ctrl);
+    copy_but_flag(out, it != g_published.end() ? static_cast<const void*>(it->second.data())
+                                               : static_cast<const void*>(ctrl));
+  }
+  out->in_aborting.store(ctrl->in_aborting.load());
+  // The history pointer only ever points at the record's own history.
+  if (out->arrChunkNum != nullptr) {
+    out->arrChunkNum = out->latency_history;
+  }
+}
+
+// Role, format, limits, modes, buffers, timing, device facts, sample geometry, position test,
+// diagnostics and file options.
+void dump_device_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
   emit(out,
        "command=%s,pcm_name=%s,handle=%p,hwparams format=%d,channels=%u,rate=%u,rhwparams format=%d,channels=%u,"
        "rate=%u,timelimit=%d\n",
@@ -69,6 +106,10 @@ void dump_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
        "dump_hw_params=%d,fd=%d,pbrec_count=%lld,fdcount=%d,vocmajor=%d,vocminor=%d\n",
        c->max_file_size, c->max_file_time, c->use_strftime, c->recycle_capture_file, c->term_c_lflag,
        c->dump_hw_params, c->fd, c->pbrec_count, c->fdcount, c->vocmajor, c->vocminor);
+}
+
+// Network, stream identity, process file and the transport header.
+void dump_network_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
   char svr[INET_ADDRSTRLEN] = "";
   inet_ntop(AF_INET, &c->svr_addr.sin_addr, svr, sizeof svr);
   emit(out, "audio_net_addr=%s,audio_tx=%d,tx_fd=%d,rx_fd=%d,svr_addr=%s:%u,net_port=%d,audio_group_ip=%d\n",
@@ -94,6 +135,11 @@ void dump_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
        h.Audio_Info_Frame[0], h.Audio_Info_Frame[1], h.Audio_Info_Frame[2], h.Audio_Info_Frame[3],
        h.Audio_Info_Frame[4], h.IEC60958_Channel_Stats[0], h.IEC60958_Channel_Stats[1], h.IEC60958_Channel_Stats[2],
        h.IEC60958_Channel_Stats[3], h.IEC60958_Channel_Stats[4], h.Rolling_Sample_Data_Size_Total);
+}
+
+// Position statistics, lifecycle, clock steering with the latency history, ring, packetising and
+// timestamps.
+void dump_statistics_lines(const qb_audio_oper_ctrl_t* c, const void* mutex_at, const dump_sink_t& out) {
   emit(out,
        "counter=%ld,tmr=%ld,now=%ld,availsum=%.1f,delaysum=%.1f,samples=%.1f,maxavail=%ld,maxdelay=%ld,"
        "minavail=%ld,mindelay=%ld,badavail=%ld,baddelay=%ld\n",
@@ -110,12 +156,10 @@ void dump_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
   emit(out,
        "mutexLatency=%p,sumLatency=%llu,latencyCnt=%llu,clifd=%d,mclkState=%s,lastAdjustAvg=%llu,lastAdjustCnt=%llu,"
        "adjustWaitCnt=%llu,oneSecondCnt=%llu\n",
-       static_cast<const void*>(&c->mutexLatency), static_cast<unsigned long long>(c->sumLatency), static_cast<unsigned long long>(c->latencyCnt), c->clifd,
+       mutex_at, static_cast<unsigned long long>(c->sumLatency), static_cast<unsigned long long>(c->latencyCnt), c->clifd,
        get_mclk_status(c->mclkState), static_cast<unsigned long long>(c->lastAdjustAvg),
        static_cast<unsigned long long>(c->lastAdjustCnt), static_cast<unsigned long long>(c->adjustWaitCnt),
        static_cast<unsigned long long>(c->oneSecondCnt));
-  // A stopping run clears the pointer while a dump may be under way: it is read once, and it only
-  // ever points at the record's own history, which lives as long as the record.
   const size_t* history = c->arrChunkNum;
   if (history != nullptr) {
     const size_t shown = c->latencyCnt < QB_AUDIO_LATENCY_HISTORY ? c->latencyCnt : QB_AUDIO_LATENCY_HISTORY;
@@ -133,6 +177,13 @@ void dump_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
        static_cast<long>(c->tsStartPlay.tv_sec), c->tsStartPlay.tv_nsec, c->chunkCountPlay);
 }
 
+// Every field in record order; mutex_at is the address shown for the record's mutex.
+void dump_lines(const qb_audio_oper_ctrl_t* c, const void* mutex_at, const dump_sink_t& out) {
+  dump_device_lines(c, out);
+  dump_network_lines(c, out);
+  dump_statistics_lines(c, mutex_at, out);
+}
+
 }  // namespace
 
 void dump_audio_ctrl(qb_audio_oper_ctrl_t* ctrl) {
@@ -140,12 +191,24 @@ void dump_audio_ctrl(qb_audio_oper_ctrl_t* ctrl) {
     return;
   }
   AM_LOG_INFO("dump audio ctrl begin");
-  dump_lines(ctrl, dump_sink_t{nullptr});
+  dump_lines(ctrl, &ctrl->mutexLatency, dump_sink_t{nullptr});
 }
 
 void dump_audio_ctrl1(qb_audio_oper_ctrl_t* ctrl, FILE* file) {
   if (ctrl == nullptr || file == nullptr) {
     return;
   }
-  dump_lines(ctrl, dump_sink_t{file});
+  qb_audio_oper_ctrl_t copy;
+  published_copy(ctrl, &copy);
+  dump_lines(&copy, &ctrl->mutexLatency, dump_sink_t{file});
+}
+
+void qb_audio_oper_publish(const qb_audio_oper_ctrl_t* ctrl) {
+  if (ctrl == nullptr) {
+    return;
+  }
+  std::lock_guard<std::mutex> hold(g_published_lock);
+  std::vector<unsigned char>& bytes = g_published[ctrl];
+  bytes.resize(sizeof(qb_audio_oper_ctrl_t));
+  copy_but_flag(bytes.data(), ctrl);
 }

@@ -353,6 +353,7 @@ int playback_loop(qb_audio_oper_ctrl_t* ctrl, const char* group) {
     playback_realign(ctrl);
     run.steer.written_chunks += playback_move_chunks(ctrl, pcm_write);
     playback_steer_pass(ctrl, &run.steer);
+    qb_audio_oper_publish(ctrl);
   }
 
   if (ctrl->handle != nullptr) {
@@ -413,7 +414,12 @@ int qb_audio_oper_playback(qb_audio_oper_ctrl_t* ctrl, const char* pcm_name, con
   _file_param_set(ctrl, have_source ? &source : nullptr);
   ctrl->clifd = udp_socket_create(kGenlockAddress, kGenlockBasePort + ctrl->file_param_num);
   if (!qb_audio_oper_is_aborting(ctrl)) {
-    send_set_param(ctrl->clifd, ctrl->file_param_num, static_cast<int>(ctrl->hwparams.rate));
+    // A genlock service that does not answer holds the run up for at most three 2 s waits; a stop
+    // request (a new format, the daemon's shutdown) ends the wait at once.
+    const auto stopping = [](void* c) {
+      return qb_audio_oper_is_aborting(static_cast<const qb_audio_oper_ctrl_t*>(c));
+    };
+    send_set_param2(ctrl->clifd, ctrl->file_param_num, static_cast<int>(ctrl->hwparams.rate), stopping, ctrl);
   }
   sleep_ms(100);
 
@@ -435,6 +441,7 @@ int qb_audio_oper_playback(qb_audio_oper_ctrl_t* ctrl, const char* pcm_name, con
   del_mcast_route_rtl8364(group);
   AM_LOG_INFO("echo %s > /sys/devices/platform/soc@0/soc@0:bus@30800000/30a30000.i2c/i2c-1/1-005c/del_mcastaddr",
               group);
+  qb_audio_oper_publish(ctrl);
   AM_LOG_INFO("%s %s end", "qb_audio_oper_playback", pcm_name);
   return ret;
 }

@@ -10,13 +10,9 @@
 
 #include <string>
 
+#include "qb_audio_protocol.h"  // report address, port and item types
 #include "qb_types.h"
 
-inline constexpr const char* QB_REPORT_ADDRESS = "127.0.0.1";
-inline constexpr int QB_REPORT_PORT = 9995;
-// Outer and inner item types of a report message.
-inline constexpr qb_s32_t QB_REPORT_OUTER_TYPE = 2;
-inline constexpr qb_s32_t QB_REPORT_INNER_TYPE = 0x00040502;
 
 // Report mask bits (bit n stands for port n).
 inline constexpr int QB_REPORT_PORT_ANALOG = 1;

@@ -5,57 +5,13 @@
 #pragma once
 
 #include "qb_audio_misc.h"
+#include "qb_audio_protocol.h"  // command codes and payload layouts
 #include "qb_tlv_box.h"
 #include "qb_types.h"
 
-// ---- endpoint and message layout -------------------------------------------------------------
-inline constexpr const char* QB_AUDIO_CMD_ADDRESS = "127.0.0.1";
-inline constexpr int QB_AUDIO_CMD_PORT = 9994;
-// Largest command datagram received.
-inline constexpr int QB_AUDIO_CMD_BUF_SIZE = 1024;
+// ---- endpoint --------------------------------------------------------------------------------
 // Time-out of one wait of the command thread.
 inline constexpr int QB_AUDIO_CMD_SELECT_TIMEOUT_MS = 1000;
-
-// Outer item type of a command message.
-inline constexpr qb_s32_t QB_AUDIO_MSG_TYPE_CMD = 2;
-
-// Operation: the lower 16 bits of an inner item's type.
-enum QB_AUDIO_CMD_OP_E {
-  QB_AUDIO_CMD_OP_GET = 1,
-  QB_AUDIO_CMD_OP_SET = 2,
-  QB_AUDIO_CMD_OP_NOTIFY = 3,
-};
-
-// Command identifier: the upper 16 bits of an inner item's type.
-enum QB_AUDIO_CMD_E {
-  QB_AUDIO_CMD_INPUT_SRC_MAC = 1,
-  QB_AUDIO_CMD_OUTPUT_MUTE_CTRL = 2,
-  QB_AUDIO_CMD_OUTPUT_LATENCY_CTRL = 3,
-  QB_AUDIO_CMD_OUTPUT_SRC_SELECT = 4,
-  QB_AUDIO_CMD_OUTPUT_DWM_MODE = 5,
-  QB_AUDIO_CMD_OUTPUT_ANALOG_VOLUME = 6,
-  QB_AUDIO_CMD_OUTPUT_ANALOG_FULLSCALEVRMS = 7,
-  QB_AUDIO_CMD_CHANNEL_INFO = 8,
-  QB_AUDIO_CMD_STREAM_INPUT_FORLOCAL = 9,
-  QB_AUDIO_CMD_STREAM_INPUT_FROMNET = 10,
-  QB_AUDIO_CMD_STREAM_OUTPUT_TONET = 11,
-  QB_AUDIO_CMD_CEC_PHY_ADDR = 12,
-  QB_AUDIO_CMD_IT6621_MODE = 13,
-  QB_AUDIO_CMD_INPUT_ANALOG_FULLSCALEVRMS = 14,
-  QB_AUDIO_CMD_MONITOR_STATUS = 15,
-  QB_AUDIO_CMD_STREAM_INPUT_FALLBACK_FORLOCAL = 16,
-  QB_AUDIO_CMD_DETAILS_STATUS = 17,
-  QB_AUDIO_CMD_EARC_ENABLE_CTRL = 18,
-  QB_AUDIO_CMD_EARC_ONLYARC = 19,
-  QB_AUDIO_CMD_MAX = 20,
-};
-
-// Item type of a command: identifier in the upper half, operation in the lower half.
-constexpr qb_s32_t qb_audio_cmd_type(qb_s32_t id, qb_s32_t op) {
-  return static_cast<qb_s32_t>((static_cast<qb_u32_t>(id) << 16) | (static_cast<qb_u32_t>(op) & 0xFFFFu));
-}
-inline constexpr qb_u32_t QB_AUDIO_CMD_ID_MASK = 0xFFFF0000u;
-inline constexpr qb_u32_t QB_AUDIO_CMD_OP_MASK = 0x0000FFFFu;
 
 // A command handler: (payload bytes, payload length) -> 1 when done, 0 when refused. The payload
 // is valid only during the call and may be shorter than the handler's record.
@@ -90,65 +46,6 @@ tlv_t* is_cmd_first_type_valid(const tlv_box_t* box);
 // The first item whose upper 16 bits are `id`, or nullptr.
 tlv_t* is_audio_cmd_head_valid(const tlv_box_t* box, int id);
 
-// ---- output control payloads (all fields unsigned 32-bit little-endian) ---------------------
-typedef struct qb_audio_output_mute_ctrl_t {
-  qb_u32_t ch;
-  qb_u32_t enable;
-  qb_u32_t mute;
-} qb_audio_output_mute_ctrl_t;
-
-typedef struct qb_audio_output_latency_ctrl_t {
-  qb_u32_t ch;
-  qb_u32_t time;
-} qb_audio_output_latency_ctrl_t;
-
-typedef struct qb_audio_output_src_select_t {
-  qb_u32_t ch;
-  qb_u32_t src;
-} qb_audio_output_src_select_t;
-
-// qb_audio_output_dwm_mode_t (ch, mode) is the routing module's record (qb_audio_misc.h).
-
-typedef struct qb_audio_output_analog_volume_t {
-  qb_u32_t vol;
-} qb_audio_output_analog_volume_t;
-
-typedef struct qb_audio_output_analog_fullscalevrms_t {
-  qb_u32_t vrms;
-} qb_audio_output_analog_fullscalevrms_t;
-
-typedef struct qb_audio_input_analog_fullscalevrms_t {
-  qb_u32_t vrms;
-} qb_audio_input_analog_fullscalevrms_t;
-
-typedef struct qb_audio_output_earc_enable_ctrl_t {
-  qb_u32_t ch;
-  qb_u32_t enable;
-  qb_u32_t onlyArc;
-} qb_audio_output_earc_enable_ctrl_t;
-
-typedef struct qb_audio_input_earc_onlyarc_t {
-  qb_u32_t onlyArc;
-} qb_audio_input_earc_onlyarc_t;
-
-// ---- stream selection and monitor payloads ----------------------------------------------------
-typedef struct qb_audio_stream_input_select_t {
-  qb_u32_t ch;
-  qb_u32_t sid;
-  qb_u32_t fallback_sid;
-} qb_audio_stream_input_select_t;
-
-typedef struct qb_it6621_mode {
-  qb_s32_t it6621_mode;
-} qb_it6621_mode;
-
-typedef struct qb_hdmi_moitor_status {
-  qb_s32_t connected;
-} qb_hdmi_moitor_status;
-
-typedef struct qb_detail_audio_status {
-  qb_s32_t chs;
-} qb_detail_audio_status;
 
 // ---- output control handlers ------------------------------------------------------------------
 int output_mute_ctrl_get(const void* buf, int len);

@@ -16,7 +16,7 @@
 #include <string>
 
 #include "am_log.h"
-#include "am_platform.h"
+#include "am_status_file.h"
 #include "i2c_device.h"
 #include "qb_si5351_tables.h"
 #include "qb_socket.h"
@@ -52,6 +52,8 @@ qb_u8_t g_svr_buf[SI5351_SVR_BUF_LEN];
 // A receiver must start even when no genlock service answers: three unanswered set-param
 // requests (6 s) and it goes on without the reply.
 constexpr int SI5351_SET_PARAM_MAX_TRIES = 3;
+// Slice of the wait for the set-param reply after which the caller's stop condition is checked.
+constexpr int SI5351_CLIENT_WAIT_SLICE_MS = 100;
 // A client reply is read into 128 zeroed bytes, at most 127 of them, so it is always a text.
 constexpr int SI5351_CLIENT_REPLY_LEN = 128;
 // The dump query gives up after this many rounds and takes at most this many replies.
@@ -64,6 +66,8 @@ constexpr useconds_t SI5351_DUMP_LINE_PAUSE_US = 10000;
 constexpr unsigned SI5351_SVR_REOPEN_S = 2;
 // Size of the status text.
 constexpr size_t SI5351_JSON_LEN = 1024;
+// Mode of the status file (before the umask), as a file that any program may read or replace.
+constexpr mode_t SI5351_STATUS_FILE_MODE = 0666;
 
 // Frequency plan of one sample rate.
 struct si5351_rate_plan_t {
@@ -650,14 +654,9 @@ int dump2json(void) {
   if (len < 0 || static_cast<size_t>(len) >= sizeof text) {
     return -1;
   }
-  const std::string tmp_path = am_path(SI5351_STATUS_TMP_FILE);
-  FILE* fp = fopen(tmp_path.c_str(), "w+e");
-  if (fp == nullptr) {
-    return 0;
-  }
-  fwrite(text, 1, static_cast<size_t>(len), fp);
-  fclose(fp);
-  rename(tmp_path.c_str(), am_path(SI5351_STATUS_FILE).c_str());
+  // Written beside the status file and renamed over it: a full disk keeps the old status whole.
+  (void)am_status_file_replace(SI5351_STATUS_FILE, SI5351_STATUS_TMP_FILE, text,
+                               static_cast<size_t>(len), SI5351_STATUS_FILE_MODE);
   return 0;
 }
 
@@ -699,6 +698,10 @@ int udp_socket_create(const char* addr, int port) {
 }
 
 int send_set_param(int sock, int ch, int rate) {
+  return send_set_param2(sock, ch, rate, nullptr, nullptr);
+}
+
+int send_set_param2(int sock, int ch, int rate, bool (*give_up)(void*), void* arg) {
   const SI5351_MSG_T msg = make_request(QB_SI5351_SET_PARAM, ch, rate, 0);
   for (int tries = 0; tries < SI5351_SET_PARAM_MAX_TRIES; ++tries) {
     if (!send_connected(sock, msg, SI5351_MSG_LEN)) {
@@ -706,7 +709,17 @@ int send_set_param(int sock, int ch, int rate) {
                    SI5351_SVR_PORT, sock, strerror(errno));
       return -1;
     }
-    if (!wait_readable(sock, SI5351_SVR_IDLE_MS)) {
+    // The reply is awaited in slices, so that a caller that is told to stop (a service that
+    // hangs must not hold up the daemon's shutdown) is back within one slice.
+    bool readable = false;
+    for (int waited = 0; !readable && waited < SI5351_SVR_IDLE_MS;
+         waited += SI5351_CLIENT_WAIT_SLICE_MS) {
+      if (give_up != nullptr && give_up(arg)) {
+        return -1;
+      }
+      readable = wait_readable(sock, SI5351_CLIENT_WAIT_SLICE_MS);
+    }
+    if (!readable) {
       AM_LOG_ERROR("get 5351 set param response timeout");
       continue;
     }

@@ -10,6 +10,7 @@
 
 #include <cstdio>
 
+#include "qb_audio_protocol.h"  // SI5351_STATUS_FILE
 #include "qb_types.h"
 
 // ---- Bus and chip ----------------------------------------------------------------------------
@@ -174,7 +175,6 @@ inline constexpr int SI5351_DUMP_CLIENT_PORT = 11004;
 inline constexpr int SI5351_SVR_IDLE_MS = 2000;
 inline constexpr int SI5351_SVR_BUF_LEN = 64;
 inline constexpr const char* SI5351_STATUS_TMP_FILE = "/tmp/fifo.json";
-inline constexpr const char* SI5351_STATUS_FILE = "/tmp/genlock.json";
 
 // Programs the power-up table and starts the service thread. 0, or -1 if the thread fails.
 int qb_si5351_start2(void);
@@ -203,6 +203,8 @@ void qb_si5351_dump2(FILE* fp);
 int udp_socket_create(const char* addr, int port);
 // Sets the channel's rate and waits for the service's reply (2 s per try, bounded tries).
 int send_set_param(int sock, int ch, int rate);
+// The same, giving up (-1) as soon as give_up(arg) holds; it is asked every 100 ms of the wait.
+int send_set_param2(int sock, int ch, int rate, bool (*give_up)(void*), void* arg);
 int set_increase(int sock, int ch);
 int set_decrease(int sock, int ch);
 int set_reset(int sock, int ch);

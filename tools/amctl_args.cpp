@@ -6,7 +6,7 @@
 #include <string>
 
 #include "amctl.h"
-#include "qb_audio_misc.h"
+#include "qb_audio_protocol.h"
 
 namespace {
 

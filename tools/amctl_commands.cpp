@@ -7,9 +7,7 @@
 #include <vector>
 
 #include "amctl.h"
-#include "qb_audio_misc.h"
-#include "qb_audio_misc_stream.h"
-#include "qb_audio_parse.h"
+#include "qb_audio_protocol.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "amctl.h"
-#include "qb_audio_parse.h"
+#include "qb_audio_protocol.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "amctl.h"
-#include "qb_audio_parse.h"
+#include "qb_audio_protocol.h"
 #include "qb_tlv_box.h"
 
 namespace {

@@ -26,10 +26,7 @@
 
 #include "amctl.h"
 #include "am_platform.h"
-#include "audio_packet_loss_statistics.h"
-#include "qb_audio_debug.h"
-#include "qb_audio_oper_report.h"
-#include "qb_si5351.h"
+#include "qb_audio_protocol.h"
 #include "qb_tlv_box.h"
 
 namespace {

@@ -12,7 +12,13 @@ enum {
     AMSIM_PATH_MAX = 1024,
     AMSIM_DIR_PLAYBACK = 0,
     AMSIM_DIR_CAPTURE = 1,
+    AMSIM_NAME_MAX = 32,
 };
+
+/* fail_mode values: the card is unplugged (every transfer then fails with -ENODEV), or it stops
+ * moving data for good without reporting anything. */
+#define AMSIM_FAIL_DISCONNECT "disconnect"
+#define AMSIM_FAIL_STALL "stall"
 
 /* Settings of one card, from the configuration and the environment. Paths are kept as written
  * (templates and board paths); amsim_resolve_path turns them into host paths. */
@@ -22,6 +28,8 @@ typedef struct amsim_config {
     double rate_ppm;           /* crystal error of the card */
     int si5351_channel;        /* genlock channel 1-3 driving the pace, 0 none */
     long max_buffer_bytes;     /* size of the card's DMA buffer */
+    long fail_after;           /* periods moved after which the card fails, 0 never */
+    char fail_mode[AMSIM_NAME_MAX]; /* how it fails: "disconnect" or "stall" */
     char si5351_bus[AMSIM_PATH_MAX];
     char infile[AMSIM_PATH_MAX];
     char outfile[AMSIM_PATH_MAX];

@@ -15,7 +15,7 @@
 #define AMSIM_ROOT_ENV "AUDIO_MANAGER_ROOT"
 #define AMSIM_ROOT_PREFIX "${AUDIO_MANAGER_ROOT}"
 
-typedef enum { AMSIM_KEY_REAL, AMSIM_KEY_INT, AMSIM_KEY_LONG, AMSIM_KEY_PATH } amsim_key_kind_t;
+typedef enum { AMSIM_KEY_REAL, AMSIM_KEY_INT, AMSIM_KEY_LONG, AMSIM_KEY_PATH, AMSIM_KEY_FAIL_MODE } amsim_key_kind_t;
 
 typedef struct amsim_key {
     const char *name;
@@ -28,6 +28,8 @@ static const amsim_key_t kAmsimKeys[] = {
     {"rate_ppm", AMSIM_KEY_REAL, offsetof(amsim_config_t, rate_ppm)},
     {"si5351_channel", AMSIM_KEY_INT, offsetof(amsim_config_t, si5351_channel)},
     {"max_buffer_bytes", AMSIM_KEY_LONG, offsetof(amsim_config_t, max_buffer_bytes)},
+    {"fail_after", AMSIM_KEY_LONG, offsetof(amsim_config_t, fail_after)},
+    {"fail_mode", AMSIM_KEY_FAIL_MODE, offsetof(amsim_config_t, fail_mode)},
     {"si5351_bus", AMSIM_KEY_PATH, offsetof(amsim_config_t, si5351_bus)},
     {"infile", AMSIM_KEY_PATH, offsetof(amsim_config_t, infile)},
     {"outfile", AMSIM_KEY_PATH, offsetof(amsim_config_t, outfile)},
@@ -41,6 +43,7 @@ void amsim_config_defaults(amsim_config_t *cfg, int direction)
     memset(cfg, 0, sizeof(*cfg));
     cfg->direction = direction;
     cfg->max_buffer_bytes = AMSIM_DEFAULT_MAX_BUFFER_BYTES;
+    strcpy(cfg->fail_mode, AMSIM_FAIL_DISCONNECT);
 }
 
 static const amsim_key_t *amsim_find_key(const char *name)
@@ -97,6 +100,11 @@ int amsim_config_set(amsim_config_t *cfg, const char *key, const char *text)
     case AMSIM_KEY_PATH:
         if (strlen(text) >= AMSIM_PATH_MAX)
             return -ENAMETOOLONG;
+        strcpy(field, text);
+        return 0;
+    case AMSIM_KEY_FAIL_MODE:
+        if (strcmp(text, AMSIM_FAIL_DISCONNECT) != 0 && strcmp(text, AMSIM_FAIL_STALL) != 0)
+            return -EINVAL;
         strcpy(field, text);
         return 0;
     }

@@ -366,8 +366,39 @@ static int amsim_advance_capture(amsim_t *a, uint64_t delta)
     return 0;
 }
 
+/* ---- the failure after fail_after periods ---- */
+
+/* Frames the card moves from its open until it fails; 0 when it never does. */
+static uint64_t amsim_fail_frame(const amsim_t *a)
+{
+    return a->cfg.fail_after > 0 ? (uint64_t)a->cfg.fail_after * a->io.period_size : 0;
+}
+
+static int amsim_failed(const amsim_t *a)
+{
+    return amsim_fail_frame(a) != 0 && a->counter >= amsim_fail_frame(a);
+}
+
+static int amsim_fail_stalls(const amsim_t *a)
+{
+    return strcmp(a->cfg.fail_mode, AMSIM_FAIL_STALL) == 0;
+}
+
+/* An unplugged card: the plugin layer answers every later transfer with -ENODEV. */
+static void amsim_fail(amsim_t *a, int64_t now)
+{
+    if (amsim_fail_stalls(a) || a->io.state == SND_PCM_STATE_DISCONNECTED)
+        return;
+    amsim_timelog_line(a, a->counter, now);
+    snd_pcm_ioplug_set_state(&a->io, SND_PCM_STATE_DISCONNECTED);
+}
+
 static int amsim_advance(amsim_t *a, int64_t now)
 {
+    if (amsim_failed(a)) {
+        amsim_fail(a, now); /* a card unplugged stays so, also when restarted */
+        return 0;
+    }
     if (amsim_stalled(a, now))
         return 0;
     double pos = amsim_clock_position(&a->clock, now);
@@ -375,8 +406,14 @@ static int amsim_advance(amsim_t *a, int64_t now)
     if (target <= a->run_frames)
         return 0;
     uint64_t delta = target - a->run_frames;
-    return amsim_is_playback(a) ? amsim_advance_playback(a, delta)
-                                : amsim_advance_capture(a, delta);
+    uint64_t fail_frame = amsim_fail_frame(a);
+    if (fail_frame != 0 && delta > fail_frame - a->counter)
+        delta = fail_frame - a->counter;
+    int err = amsim_is_playback(a) ? amsim_advance_playback(a, delta)
+                                   : amsim_advance_capture(a, delta);
+    if (err == 0 && amsim_failed(a))
+        amsim_fail(a, now);
+    return err;
 }
 
 /* ---- the period "interrupt" ---- */
@@ -401,6 +438,8 @@ static int64_t amsim_ready_time(const amsim_t *a, int64_t now, int xrun)
         return 0;
     if (!amsim_is_moving(state))
         return now;
+    if (amsim_failed(a))
+        return 0; /* stalled for good: nothing will change, a poll waits for its own timeout */
     uint64_t need = amsim_frames_to_ready(a);
     if (need == 0)
         return now;

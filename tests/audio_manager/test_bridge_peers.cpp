@@ -1,5 +1,6 @@
 // Messages to the bridge, video processor and scaler services; the bridge-mode and monitor-state
 // decisions; the stream switchers of the HDMI, eARC and S/PDIF outputs.
+#include "am_test_edid.h"
 #include "am_unit.h"
 #include "qb_audio_oper_switch.h"
 #include "qb_audio_stream.h"
@@ -29,15 +30,13 @@ TEST_F(BridgeTest, PeerMessagesHaveTheirExactBytes) {
   EXPECT_EQ(it6621_channel_state_set(nullptr, 6), 0);
   EXPECT_TRUE(quiet(kIt6621Port));
   EXPECT_EQ(send_audio_switch_to_mdin(), 1);
-  const Bytes mdin = next(kMdinPort);
-  EXPECT_EQ(mdin, kMdinSwitch);
-  EXPECT_EQ(mdin.size(), 28u);  // no terminator
+  EXPECT_EQ(next(kMdinPort), kMdinSwitch);  // no terminator
   // The HDMI output format without a record: the scaler hears, the video processor does not.
   EXPECT_EQ(set_avp_hdmi_out_audio_param(nullptr), -1);
   EXPECT_EQ(next(kMdinPort), kMdinSwitch);
   EXPECT_TRUE(quiet(kAvpPort));
-  // Once the source message was sent, every format message repeats it first.
-  EXPECT_EQ(set_avp_hdmi_out_audio_src_multi_local(), 1);
+  // A local stream on the HDMI output sends the source message; every format message repeats it first.
+  EXPECT_EQ(qb_audio_stream_input_select(QB_AUDIO_OUTPUT_HDMI, 0, -1), 1);
   const Bytes source =
       tlv_message(3, 526338, text_bytes("{\"hdmi_out_audio_src\":\"multi-channel-local\"}"));
   EXPECT_EQ(next(kAvpPort), source);
@@ -65,6 +64,21 @@ TEST_F(BridgeTest, HdmiOutputFormatFromTheRecord) {
     EXPECT_EQ(next(kMdinPort), kMdinSwitch);  // the scaler hears first
     EXPECT_EQ(next(kAvpPort),
               tlv_message(3, 0x80802, text_bytes(avp_format(c.hz, c.ch, c.alloc, c.enc))));
+  }
+}
+
+// A monitor that connects keeps the HDMI output's LPCM stream when its first LPCM entry takes the
+// channel count (an AC-3 entry before it does not count); otherwise the output falls back.
+TEST_F(BridgeTest, ConnectingMonitorKeepsOrFallsBackByItsFirstLpcmEntry) {
+  const Bytes edid = am_test::edid_with({0x26, 0x17, 0x07, 0x50, 0x09, 0x07, 0x07});  // AC-3 8ch, LPCM 2ch
+  ASSERT_TRUE(root.write("/tmp/tv.edid.bin", std::string(edid.begin(), edid.end())));
+  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_HDMI, 0, 1);
+  for (int channels : {2, 8}) {
+    set_hdmi_monitor_status(0);
+    const qb_audio_info rec = make_record(2, channels, 0x80);
+    qb_audio_channel_state_set(6, &rec);
+    set_hdmi_monitor_status(QB_HDMI_MONITOR_CONNECTED);
+    EXPECT_EQ(get_output_hdmi_stream_mode(), channels == 8 ? 1 : 0) << channels;
   }
 }
 

@@ -87,10 +87,7 @@ class Report : public ControlTest {
 
 TEST_F(Report, DatagramsCarryTheExactText) {
   EXPECT_EQ(reportDetailsAudioStatus(1 << 3), 1);
-  const Bytes d = next(kReportPort);
-  const std::string text = report_text(d);
-  EXPECT_EQ(text, "{\"status\":{\"input\":[" + entry("hdmi", 2, "LPCM", "LPCM", 48000) + "]}}\n");
-  EXPECT_EQ(d.size(), 17 + text.size());
+  EXPECT_EQ(next_report(), "{\"status\":{\"input\":[" + entry("hdmi", 2, "LPCM", "LPCM", 48000) + "]}}\n");
   // Nothing to report: nothing sent. Bits without a port: the pending mask is cleared.
   EXPECT_EQ(reportDetailsAudioStatus(0), 0);
   set_update_chs_or(4);

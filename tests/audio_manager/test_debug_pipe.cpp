@@ -1,18 +1,9 @@
 // Debug request pipe: the FPGA matrix section read from the bus and the request words.
-#include <gtest/gtest.h>
-
-
-#include <string>
-
-#include "am_i2c_fake.h"
-#include "am_test_env.h"
+#include "am_unit.h"
 #include "qb_audio_debug.h"
 
 namespace am_unit {
 namespace {
-
-constexpr const char* kBus = "/dev/i2c-2";
-constexpr uint16_t kFpga = 0x48;
 
 std::string fpga_section(const am_test::TempRoot& root) {
   const std::string path = root.at("/tmp/section.txt");

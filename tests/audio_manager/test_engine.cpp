@@ -1,11 +1,14 @@
 // Engine parts: transport header, code tables, the sender's datagrams, the packet ring, stop entries.
 #include <arpa/inet.h>
 
+#include <thread>
+
 #include "am_unit.h"
 #include "qb_audio_buf.h"
 #include "qb_audio_oper.h"
 #include "qb_audio_oper_capture.h"
 #include "qb_audio_oper_packet.h"
+#include "qb_audio_misc_stream.h"
 
 namespace am_unit {
 namespace {
@@ -144,6 +147,26 @@ TEST_F(Sender, ChunksAreCutInto1408ByteDatagramsSentThreePerCall) {
     EXPECT_EQ(Bytes(pcm.begin(), pcm.begin() + static_cast<long>(c.bytes)), joined);
     EXPECT_EQ(c.bytes, ctrl.rollingSampleDataSizeTotal);
   }
+}
+
+// A capture run on the null device (silence at once) describes the format of its source, sends
+// until stopped, and after its first chunks opens the gate of the input the network output carries.
+TEST_F(ControlTest, CaptureRunOpensTheInputGateAfterItsFirstChunks) {
+  qb_net_second_stream_select_set(QB_AUDIO_SRC_HDMI);
+  const qb_audio_info source = make_record(10, 8, 0x80);  // network output 3 carries 8 channels at 96 kHz
+  qb_audio_channel_state_set(QB_AUDIO_CHN_NSO5, &source);
+  qb_audio_oper_ctrl_t ctrl;
+  std::thread stopper([&] {
+    am_test::wait_for([&] { return bus.transfer_count(kBus, kFpga) > 0; }, kExpectMs);
+    qb_audio_oper_abort(&ctrl);
+  });
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(-1, qb_audio_oper_capture(&ctrl, "null", "127.0.0.1"));  // stopped
+  stopper.join();
+  EXPECT_NE(testing::internal::GetCapturedStderr().find(
+                "Recording raw data 'null' : Signed 24 bit Little Endian, Rate 96000 Hz, Channels 8\n"),
+            std::string::npos);
+  EXPECT_EQ(fpga_writes(), (Writes{{FPGA_REG_INPUT_ENABLE_HDMI, 1}}));
 }
 
 TEST(BufRing, OrderAndSizeAcrossWrapAround) {

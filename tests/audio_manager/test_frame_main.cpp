@@ -1,6 +1,4 @@
 // Board mode from the model text and the board-information file; the time-point tracer.
-#include <sys/stat.h>
-
 #include <thread>
 
 #include "am_unit.h"

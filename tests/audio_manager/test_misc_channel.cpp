@@ -58,11 +58,9 @@ TEST(ChannelCodes, FrequencyRateMaskAndTypeTables) {
 }
 
 TEST_F(ChannelTable, DumpLinesStatusDumpAndPrintout) {
-  qb_audio_info rec = make_record(10, 8, 0x33, 1);
-  dump_channel_stat(9, &rec);
-  dump_channel_stat(1, nullptr);
-
   qb_msic_net_stream_in_earc_set(5);
+  qb_net_second_stream_select_set(5);
+  qb_net_third_stream_select_set(7);  // no such source
   const std::string path = root.at("/tmp/dump.txt");
   FILE* fp = std::fopen(path.c_str(), "w");
   ASSERT_NE(fp, nullptr);
@@ -85,11 +83,11 @@ TEST_F(ChannelTable, DumpLinesStatusDumpAndPrintout) {
   EXPECT_EQ(lines[13].substr(0, 19), "chn:[nsospdif][13],");
   EXPECT_EQ(lines[14], "nsi analog<--UNKNOWN:0  hdmi<--UNKNOWN:0  earc<--sai3:5  spdif<--UNKNOWN:0");
   EXPECT_EQ(lines[21], "ipadd sao5: deviceid:");
-  EXPECT_EQ(lines[22], "net_stream first:[hdmi][1] second:[spdif][2] third:[earc][3]");
+  EXPECT_EQ(lines[22], "net_stream first:[hdmi][1] second:[dsp][5] third:[unknown][7]");
   EXPECT_EQ(lines[25].substr(0, 16), "chn:[spdif][5],A");
   EXPECT_EQ(lines[26], "");
 
-  rec = make_record(2, 2, 0x80);
+  qb_audio_info rec = make_record(2, 2, 0x80);
   rec.ChStat[4] = 0x0B;
   testing::internal::CaptureStdout();
   channel_stat_printf(&rec);

@@ -1,14 +1,11 @@
 // FPGA matrix access: the exact bus transfers of verified writes and of the sink gates.
-#include <string>
-#include <vector>
-
 #include "am_unit.h"
+#include "qb_audio_earc.h"
 
 namespace am_unit {
 namespace {
 
 using Seq = std::vector<std::string>;
-using Writes = am_test::I2cFake::RegWrites;
 
 class Fpga : public RoutingTest {};
 
@@ -34,32 +31,36 @@ TEST_F(Fpga, SinkMuteChangesOnlyItsOwnBit) {
   bus.set_reg(kBus, kFpga, 0x53, 0xFF);
   EXPECT_EQ(spdif_output_mute(), 1);
   EXPECT_EQ(transfers(bus), (Seq{"R 52", "R 53", "W 53=fd", "R 53"}));
-  struct Case { int (*fn)(void); const char* text; uint8_t reg, before, after; };
-  const Case cases[] = {
-      {earc_output_mute, "earc output mute", 0x52, 0xFF, 0x7F},
-      {earc_output_unmute, "earc output unmute", 0x52, 0x00, 0x80},
-      {analog_output_mute, "analog output mute", 0x52, 0xFF, 0xBF},
-      {analog_output_unmute, "analog output unmute", 0x52, 0x00, 0x40},
-      {hdmi_output_mute, "hdmi output mute", 0x52, 0xFF, 0xDF},
-      {hdmi_output_unmute, "hdmi output unmute", 0x52, 0x00, 0x20},
-      {dsp_output_mute, "dsp output mute", 0x52, 0xFF, 0xFE},
-      {dsp_output_unmute, "dsp output unmute", 0x52, 0x00, 0x01},
-      {spdif_output_mute, "spdif output mute", 0x53, 0xFF, 0xFD},
-      {spdif_output_unmute, "spdif output unmute", 0x53, 0x00, 0x02},
-  };
+  // Muting clears only the sink's bit of an all-enabled register, unmuting sets only it.
+  struct Case { const char* name; int (*mute)(void), (*unmute)(void); uint8_t reg, bit; };
+  const Case cases[] = {{"earc", earc_output_mute, earc_output_unmute, 0x52, 0x80},
+                        {"analog", analog_output_mute, analog_output_unmute, 0x52, 0x40},
+                        {"hdmi", hdmi_output_mute, hdmi_output_unmute, 0x52, 0x20},
+                        {"dsp", dsp_output_mute, dsp_output_unmute, 0x52, 0x01},
+                        {"spdif", spdif_output_mute, spdif_output_unmute, 0x53, 0x02}};
   for (const Case& c : cases) {
-    bus.set_reg(kBus, kFpga, 0x52, c.reg == 0x52 ? c.before : 0x00);
-    bus.set_reg(kBus, kFpga, 0x53, c.reg == 0x53 ? c.before : 0x00);
-    EXPECT_EQ(c.fn(), 1) << c.text;
-    EXPECT_EQ(bus.reg(kBus, kFpga, c.reg), c.after) << c.text;
+    for (const bool mute : {true, false}) {
+      bus.set_reg(kBus, kFpga, 0x52, c.reg == 0x52 && mute ? 0xFF : 0x00);
+      bus.set_reg(kBus, kFpga, 0x53, c.reg == 0x53 && mute ? 0xFF : 0x00);
+      EXPECT_EQ((mute ? c.mute : c.unmute)(), 1) << c.name << mute;
+      EXPECT_EQ(bus.reg(kBus, kFpga, c.reg), mute ? 0xFF ^ c.bit : c.bit) << c.name << mute;
+    }
   }
-
   // The enable register cannot be read, or the register is no sink: nothing written.
   bus.clear_records();
   bus.fail_next_reads(1);
   EXPECT_EQ(output_mute_ctrl(0x11, 1), 0);
   EXPECT_EQ(output_mute_ctrl(0x19, 1), 0);
   EXPECT_EQ(transfers(bus), (Seq{"R 52", "R 52"}));
+}
+
+// A stream on the eARC output brings the status bytes of its channel first.
+TEST_F(Fpga, StreamOnTheEarcOutputBringsItsChannelStatus) {
+  qb_audio_info r = make_record(2, 2, 0x80);
+  r.ChStat[0] = 7;
+  qb_audio_channel_state_set(7, &r);  // stream 2 plays on sai3, the channel of network input 3
+  EXPECT_EQ(qb_audio_earc_output_src_select(QB_AUDIO_SRC_STREAM, 2), 1);
+  EXPECT_EQ(fpga_writes(), (Writes{{0x30, 7}, {0x31, 0}, {0x32, 0}, {0x33, 0}, {0x34, 0}, {0x35, 0}, {0x10, 5}}));
 }
 
 }  // namespace

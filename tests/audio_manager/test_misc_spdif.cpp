@@ -1,12 +1,5 @@
 // S/PDIF receiver: a sparse file stands in for "/dev/mem"; the registers are written into it at
 // the receiver's physical address and read back through the module's mapping.
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstdint>
-#include <string>
-
 #include "qb_audio_misc_private.h"
 #include "qb_audio_misc_spdif.h"
 #include "am_unit.h"

@@ -29,6 +29,7 @@ TEST_F(Stream, InputRequestsSetTheGroupOfTheirSubscription) {
   r.subscriptionID = 1;
   std::memcpy(r.deviceID, "0011223F0000", 12);
   EXPECT_EQ(qb_audio_stream_input_from_net_set(&r), 1);
+  qb_misc_net_stream_in5_ipaddr_set(nullptr);  // no address: the group stays
   EXPECT_STREQ(qb_misc_net_stream_in5_ipaddr_get(), "234.63.0.0");
   r.subscriptionID = 3;
   EXPECT_EQ(qb_audio_stream_input_from_net_set(&r), 0);

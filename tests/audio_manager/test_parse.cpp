@@ -68,7 +68,7 @@ TEST_F(ParseDispatch, OperationChoosesTheHandler) {
   const Case cases[] = {
       {2, 1, {{2, 1, p}}}, {2, 2, {{2, 2, p}}}, {2, 3, {}} /* no notify handler */, {17, 2, {}} /* no set handler */,
       {17, 1, {{17, 1, p}}}, {8, 3, {{8, 3, p}}}, {8, 2, {}}, {2, 0, {}}, {2, 4, {}}, {2, 0xFFFF, {}}, {20, 2, {}},
-      {0, 2, {}}, {0xFFFF, 2, {}},
+      {0, 2, {}}, {0xFFFF, 2, {}}, {1, 1, {{1, 1, p}}},
   };
   for (const Case& c : cases) {
     g_calls.clear();
@@ -113,27 +113,17 @@ TEST_F(ParseDispatch, OuterItemChecks) {
 // A message whose outer type is 3: always logged as "invalid cmd", whatever the handlers do.
 const Bytes kInvalidCmd = {0x03, 0, 0, 0, 0x0C, 0, 0, 0, 0x02, 0, 0x02, 0, 0x04, 0, 0, 0, 1, 2, 3, 4};
 
-struct sockaddr_in loopback(uint16_t port) {
-  struct sockaddr_in addr;
-  std::memset(&addr, 0, sizeof addr);
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(port);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return addr;
-}
 bool send_to(int fd, const struct sockaddr_in& to, const Bytes& bytes) {
   return sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const struct sockaddr*>(&to), sizeof to) ==
          static_cast<ssize_t>(bytes.size());
 }
 
 TEST(ParseReceive, OversizedAndEmptyDatagramsAreRefusedAndTheNextOneIsServed) {
-  // An ephemeral loopback socket stands in for the daemon's command socket.
-  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  struct sockaddr_in addr = loopback(0);
-  ASSERT_EQ(bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr), 0);
+  am_test::UdpReceiver cmd(0);  // an ephemeral loopback socket stands in for the daemon's command socket
+  struct sockaddr_in addr;
   socklen_t len = sizeof addr;
-  getsockname(fd, reinterpret_cast<struct sockaddr*>(&addr), &len);
-  audio_cmd_fd_set(fd);
+  getsockname(cmd.fd(), reinterpret_cast<struct sockaddr*>(&addr), &len);
+  audio_cmd_fd_set(cmd.fd());
   const int tx = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   Log log;
   Bytes full = kInvalidCmd;
@@ -147,7 +137,6 @@ TEST(ParseReceive, OversizedAndEmptyDatagramsAreRefusedAndTheNextOneIsServed) {
   }
   audio_cmd_fd_set(0);
   close(tx);
-  close(fd);
 }
 
 }  // namespace

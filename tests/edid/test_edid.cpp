@@ -61,7 +61,7 @@ const Bytes kTwoSads = {0x26, 0x09, 0x07, 0x01, 0x09, 0x07, 0x02};
 // ---- real sinks ---------------------------------------------------------------------------------
 // Each list was written down from an independent decoder's listing of the file's first extension
 // (format, maximum channels, sample rates, sample sizes / bit rate / format-dependent byte).
-// 384-byte EDIDs do not fit the reader's 256-byte store and are refused.
+// 384-byte EDIDs do not fit the reader's 256-byte store and are refused; sister models are left out.
 struct Sad {
   qb_u32_t format, channels, rates, flag;
 };
@@ -77,29 +77,21 @@ const std::vector<Sad> kLgTv = {{7, 6, 0x06, 1536}, {2, 6, 0x07, 640}, {1, 2, 0x
 const std::vector<Sad> kSamsungTv = {kStereo, {2, 6, 0x07, 640}, {7, 6, 0x04, 1536}};
 const std::vector<Sad> kHdfury = {{1, 2, 0x6e, 7}, {2, 5, 0x04, 1024}, {7, 5, 0x04, 1536}, {6, 5, 0x04, 256}};
 const std::vector<CorpusCase> kCorpus = {
-    {"acer-xv273k-dp", 384, {}}, {"acer-xv273k-dp1-tile0", 384, {}}, {"acer-xv273k-dp2-tile1", 384, {}},
-    {"apple-cinemahd-30-dvi", 256, {}}, {"asus-vw246-hdmi", 256, {kStereo}}, {"dell-2408wfp-dp", 128, {}},
-    {"dell-3007wfp-dvi", 128, {}}, {"dell-e178wfp-vga", 128, {}}, {"dell-p2415q-dp", 256, {kStereo5}},
-    {"dell-p2415q-hdmi1.4", 256, {kStereo5}}, {"dell-p2415q-hdmi2.0", 256, {kStereo5}},
-    {"dell-up2715k-dp", 256, {kStereo}}, {"dell-up2715k-dp-switchresx", 384, {}}, {"dell-up2715k-dp1-tile1", 384, {}},
-    {"dell-up2715k-dp2-tile0", 256, {}}, {"dell-up2718q-dp", 256, {kStereo5}}, {"dell-up3218k-dp1-tile0", 384, {}},
-    {"dell-up3218k-dp2-tile1", 384, {}}, {"elo-4600l-hdmi", 256, {kStereo}}, {"hdfury-doctorhdmi-3d-hdmi", 256, kHdfury},
-    {"hdfury-doctorhdmi-no3d-hdmi", 256, kHdfury}, {"hp-lp2275w-dp", 128, {}}, {"hp-lp2480zx-dp", 128, {}},
-    {"hp-lp2480zx-hdmi", 256, {}}, {"kogan-kaled24144f-dp", 256, {kStereo}}, {"kogan-kaled24144f-hdmi", 256, {kStereo}},
-    {"lg-32ud99-w-dp", 256, {kStereo}}, {"lg-32ud99-w-hdmi", 256, {kStereo}}, {"lg-55uh5c-hdmi", 256, kLgTv},
-    {"lg-75uh5c-hdmi", 256, {{7, 6, 0x06, 1536}, {2, 6, 0x50, 640}, {1, 2, 0x57, 7}}}, {"lg-88bh7d-hdmi", 256, kLgTv},
+    {"acer-xv273k-dp", 384, {}}, {"apple-cinemahd-30-dvi", 256, {}}, {"asus-vw246-hdmi", 256, {kStereo}},
+    {"dell-2408wfp-dp", 128, {}}, {"dell-3007wfp-dvi", 128, {}}, {"dell-e178wfp-vga", 128, {}},
+    {"dell-p2415q-dp", 256, {kStereo5}}, {"dell-p2415q-hdmi1.4", 256, {kStereo5}}, {"dell-up2715k-dp", 256, {kStereo}},
+    {"dell-up2715k-dp2-tile0", 256, {}}, {"dell-up2718q-dp", 256, {kStereo5}}, {"elo-4600l-hdmi", 256, {kStereo}},
+    {"hdfury-doctorhdmi-3d-hdmi", 256, kHdfury}, {"hp-lp2275w-dp", 128, {}}, {"hp-lp2480zx-dp", 128, {}},
+    {"hp-lp2480zx-hdmi", 256, {}}, {"kogan-kaled24144f-dp", 256, {kStereo}}, {"lg-32ud99-w-hdmi", 256, {kStereo}},
+    {"lg-55uh5c-hdmi", 256, kLgTv}, {"lg-75uh5c-hdmi", 256, {{7, 6, 0x06, 1536}, {2, 6, 0x50, 640}, {1, 2, 0x57, 7}}},
     {"lg-l206wu-usb-dvi", 128, {}},
     {"lg-oled-c9-hdmi", 256, {{1, 2, 0x57, 7}, {2, 6, 0x07, 640}, {10, 8, 0x07, 1}, {12, 8, 0x04, 3}, {7, 6, 0x1e, 1536}, {11, 8, 0x7e, 1}}},
     {"lg-oled-cx-hdmi", 256, {{1, 2, 0x57, 7}, {2, 6, 0x07, 640}, {10, 8, 0x07, 1}, {12, 8, 0x04, 3}}},
-    {"lg-oled55b6v-hdmi", 256, kLgTv},
     {"lg-oled55b6v-hdmi-denon-avr-x2300w-hdmi", 256, {{1, 8, 0x7f, 7}, {7, 6, 0x1e, 1536}, {2, 6, 0x07, 640}, {11, 8, 0x7e, 3}, {10, 8, 0x06, 3}, {12, 8, 0x7e, 3}, {11, 8, 0x7e, 1}}},
-    {"lg-oled55e6v-hdmi", 256, kLgTv}, {"lg-ultrafine-5k-v2-thunderbolt-dp1-tile0", 384, {}},
     {"lg-ultrafine-5k-v2-thunderbolt-dp2-tile1", 256, {}}, {"matrox-triplehead2go-dvi", 128, {}},
     {"oculus-rift-dk1-hdmi", 256, {}}, {"samsung-qm65h-hdmi", 256, {kStereo}},
     {"samsung-qp82r-8k-hdmi4", 256, {kStereo, {2, 6, 0x07, 640}, {10, 8, 0x07, 0}}},
-    {"samsung-ue40d8000yu-hmdi", 256, {kStereo}}, {"samsung-ue40ku6070-hdmi", 256, kSamsungTv},
-    {"samsung-ue48ju7090-hdmi", 256, kSamsungTv}, {"samsung-ue49ks8005-hdmi", 256, kSamsungTv},
-    {"samsung-ue55ks-hdmi", 256, kSamsungTv}, {"sharp-aquos-hdmi", 256, {{1, 2, 0x07, 1}}}, {"sharp-pn465-dvi", 256, {}},
+    {"samsung-ue40ku6070-hdmi", 256, kSamsungTv}, {"sharp-aquos-hdmi", 256, {{1, 2, 0x07, 1}}}, {"sharp-pn465-dvi", 256, {}},
     {"skyworth-50e780u-hdmi", 256, {{1, 2, 0x7f, 3}, {2, 2, 0x7f, 192}}},
     {"sony-kd55xd-hdmi", 256, {{1, 6, 0x7f, 7}, {2, 6, 0x07, 640}, {7, 6, 0x07, 1504}}},
 };

@@ -2,6 +2,7 @@
 // stream 0, RX plays it on its analog output (recorded by its card), eth0 of both on one veth pair.
 // One run walks: a bit-exact copy played; the transmitter's debug pipe, whose path is blocked at
 // start (retried with a pause, then served); clock steering against a receiver card 300 ppm fast;
+// cards unplugged or stalled, the sender frozen 5 s, a flood of malformed datagrams on the group;
 // a stalled playback card recovered in place; SIGTERM to both daemons (status 0 within 2 s).
 //
 // At +300 ppm the card plays 14.4 frames a second more than arrive: unsteered, the ~1440 queued
@@ -19,6 +20,8 @@ constexpr int kStallMs = 300;  // longer than the device buffer can bridge
 constexpr int kStopLimitMs = 2000, kDumpTimeoutMs = 30000;
 constexpr long kFpgaRegisterBase = 0x48 * 256;
 constexpr const char* kTxMac = "02000000a001";
+constexpr const char* kGroup = "234.48.160.1";  // kTxMac's stream group
+constexpr int kFloodBursts = 500, kFloodBurst = 20;  // 10000 datagrams in 5 s, 7 times the stream's rate
 const std::string kBin = std::string(am_test::kBinDir) + "/";
 
 class Bench {
@@ -38,6 +41,7 @@ class Bench {
         ("env " + env_ + " bash " + am_test::kSourceDir + "/sim/board " + args + " >>" + work_ + "/board.out 2>&1").c_str());
     return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
   }
+  int command(const std::string& n, const std::string& args) const { return board("exec " + n + " -- " + kBin + "amctl " + args); }
   // amctl outside the namespace with the board's root (the pipe is a file of the root).
   std::string amctl(const std::string& name, const std::string& args, int* status = nullptr) const {
     return am_test::output_of("AUDIO_MANAGER_ROOT=" + root(name) + " " + kBin + "amctl " + args + " 2>&1", status);
@@ -46,18 +50,21 @@ class Bench {
     if (work_.empty() || board("create " + root("tx") + " --model TX-A") != 0 ||
         board("create " + root("rx") + " --model RX") != 0)
       return "create";
+    for (const char* name : {"tx", "rx"})  // room for the drop messages of a flood in one log file
+      std::system(("sed -i s/maxFileSize=1048576/maxFileSize=268435456/ " + root(name) + "/config/logconf/audio_manager.conf").c_str());
     before_start();
     if (board("up tx " + root("tx") + " --mac 02:00:00:00:a0:01") != 0 ||
         board("up rx " + root("rx") + " --mac 02:00:00:00:a0:02") != 0 || board("link tx rx") != 0)
       return "network";
-    if (board("start tx") != 0 || board("start rx --env AMSIM_OUTFILE_PLAY1=/tmp/bench/played.raw " + rx_env) != 0)
+    if (board("start tx --env AMSIM_FAIL_AFTER_CAP2=200 --env AMSIM_FAIL_MODE_CAP2=stall --env AMSIM_FAIL_AFTER_CAP3=200") != 0 ||
+        board("start rx --env AMSIM_FAIL_AFTER_PLAY2=200 --env AMSIM_OUTFILE_PLAY1=/tmp/bench/played.raw " + rx_env) != 0)
       return "start";
     for (const char* name : {"tx", "rx"})
       if (board(std::string("wait-log ") + name + " 'audio manager init done' --timeout 30") != 0) return "init";
     for (const std::string& cmd : {std::string("tx channel-info analog --rate 48000 --channels 2 --size 24"),
                                    std::string("tx to-net 0 analog ") + kTxMac, std::string("rx from-net ") + kTxMac + " 0",
                                    std::string("rx stream-in analog 0"), std::string("rx output-src analog stream")})
-      if (board("exec " + cmd.substr(0, 2) + " -- " + kBin + "amctl" + cmd.substr(2)) != 0) return "amctl " + cmd;
+      if (command(cmd.substr(0, 2), cmd.substr(3)) != 0) return "amctl " + cmd;
     if (!am_test::wait_for([&] { return played_bytes() > 48000 * 8; }, 30000, 100)) return "the stream never started";
     for (const char* name : {"tx", "rx"})  // so that a loaded host does not starve the 30 ms queued
       if (std::system(("chrt -f -a -p 20 " + std::to_string(daemon_pid(name)) + " >/dev/null 2>&1").c_str()) != 0)
@@ -76,7 +83,8 @@ class Bench {
     return text.substr(0, text.find_last_not_of("\n ") + 1);
   }
   int underruns() const { return am_test::count(log("rx"), "uNderrun") + am_test::count(log("rx"), "undErrun"); }
-  int runs() const { return am_test::count(log("rx"), "playback_new,"); }
+  int runs() const { return am_test::count(log("rx"), "qb_audio_oper_playback,hw:1,0,"); }
+  int count(const std::string& name, const std::string& text) const { return am_test::count(log(name), text); }
 
  private:
   std::string work_;
@@ -244,7 +252,67 @@ void walk_debug_pipe(const Bench& bench, double blocked_s) {
   }
 }
 
-TEST(StreamBoards, BitExactDebugPipeFastCardSteeredXrunAndSigterm) {
+// Played so far: a copy of the pattern, nothing bridged with silence, jumps only where a device
+// ran over (the receiver drops a chunk, the sender's ring is reset).
+void expect_bit_exact(const Bench& bench, long min_frames) {
+  const std::string snap = bench.root("played.snap");
+  ASSERT_TRUE(am_test::write_file(snap, am_test::read_file(bench.played_path())));
+  auto verify = am_test::key_values(
+      am_test::output_of(kBin + "demo_probe verify --received " + snap + " --rate 48000 --channels 2 --size 24"), "VERIFY");
+  EXPECT_GE(std::atol(verify["frames"].c_str()), min_frames);
+  EXPECT_EQ(verify["corrupt"], "0");
+  EXPECT_EQ(verify["silenced"], "0");
+  EXPECT_LE(std::atol(verify["skips"].c_str()), bench.underruns() + bench.count("tx", "oVerrun!!!"));
+}
+
+// Cards that fail 200 periods into each open (set at start). Unplugged, rx card 2 (plays stream 0
+// too) and tx card 3 (sends stream 1): each run ends on the error and the worker starts the next,
+// until a second command stops it. Stalled, tx card 2 (stream 2): the run waits in 100 ms steps
+// until the next command (a new group) ends it and a new one starts.
+void walk_card_faults(const Bench& bench) {
+  for (const auto& row : {std::vector<std::string>{"rx", std::string("from-net ") + kTxMac + " 2", "from-net 000000000000 2",
+                                                     "write error: hw:2,0,No such device, aborting", "qb_audio_oper_playback,hw:2,0,"},
+                          {"tx", "to-net 1 analog 02000000c001", "to-net 1 analog", "read error: hw:3,0,No such device, aborting",
+                           "qb_audio_oper_capture,hw:3,0,"}}) {
+    ASSERT_EQ(0, bench.command(row[0], row[1]));
+    ASSERT_TRUE(am_test::wait_for([&] { return bench.count(row[0], row[3]) > 1; }, 60000)) << row[3];
+    EXPECT_TRUE(am_test::wait_for([&] { return bench.count(row[0], row[4]) > 2; }, 20000, 200)) << row[4];
+    ASSERT_EQ(0, bench.command(row[0], row[2]));
+  }
+  const std::string starts = "qb_audio_oper_capture,hw:2,0,", waits = "wait 100 ms r = -11 count = ";
+  ASSERT_EQ(0, bench.command("tx", "to-net 2 analog 02000000b001"));
+  ASSERT_TRUE(am_test::wait_for([&] { return bench.count("tx", waits) >= 10; }, 30000, 200));
+  EXPECT_EQ(1, bench.count("tx", starts));
+  ASSERT_EQ(0, bench.command("tx", "to-net 2 analog 02000000b002"));  // a new group: the run ends
+  EXPECT_TRUE(am_test::wait_for([&] { return bench.count("tx", starts) == 2; }, 20000, 200));
+  EXPECT_EQ(1, bench.count("tx", "qb_audio_oper_capture hw:2,0 ret=-1 stop"));
+  ASSERT_EQ(0, bench.command("tx", "to-net 2 analog"));
+}
+
+// The sender frozen for 5 s, then a hostile sender in its namespace floods the group with
+// datagrams too short or longer than their header says: one receiving run throughout, every
+// datagram of the flood dropped, the card fed at least half as fast as it plays.
+void walk_sender_faults(const Bench& bench) {
+  const int runs = bench.runs(), tx = bench.daemon_pid("tx");
+  ASSERT_EQ(0, kill(tx, SIGSTOP));
+  usleep(5000 * 1000);
+  ASSERT_EQ(0, kill(tx, SIGCONT));
+  ASSERT_TRUE(am_test::wait_for([&, resumed = bench.played_bytes()] { return bench.played_bytes() > resumed + 48000 * 8; }, 20000));
+  am_test::NsSocket hostile("amb" + std::to_string(getpid()) + "-tx");
+  const size_t sizes[] = {40, 56, 156};  // all bytes 0xFF: shorter than a header, or not its size + 56
+  const long before = bench.played_bytes();
+  const auto t0 = std::chrono::steady_clock::now();
+  for (int burst = 0; burst < kFloodBursts; ++burst, usleep(10000))
+    for (int i = 0; i < kFloodBurst; ++i) ASSERT_TRUE(hostile.send(kGroup, 59300, std::vector<uint8_t>(sizes[i % 3], 0xFF)));
+  const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  EXPECT_GT(bench.played_bytes() - before, secs * kRate * 8 / 2);
+  EXPECT_GE(bench.count("rx", "less then head=56") + bench.count("rx", "add head=56"), kFloodBursts * kFloodBurst / 2);
+  EXPECT_EQ(runs, bench.runs());
+  usleep(1000 * 1000);
+  expect_bit_exact(bench, static_cast<long>(secs * kRate));
+}
+
+TEST(StreamBoards, BitExactDebugPipeFastCardSteeredFaultsXrunAndSigterm) {
   if (!am_test::have_netns()) GTEST_SKIP() << "needs root and network namespaces";
   Bench bench;
   const auto t_blocked = std::chrono::steady_clock::now();
@@ -256,14 +324,7 @@ TEST(StreamBoards, BitExactDebugPipeFastCardSteeredXrunAndSigterm) {
   {
     SCOPED_TRACE("the receiver plays a bit-exact copy of the transmitter's pattern");
     usleep(2000 * 1000);
-    const std::string snap = bench.root("played.snap");
-    ASSERT_TRUE(am_test::write_file(snap, am_test::read_file(bench.played_path())));
-    auto verify = am_test::key_values(
-        am_test::output_of(kBin + "demo_probe verify --received " + snap + " --rate 48000 --channels 2 --size 24"), "VERIFY");
-    EXPECT_GE(std::atol(verify["frames"].c_str()), 48000) << "a second of audio after the leading silence";
-    EXPECT_EQ(verify["corrupt"], "0");
-    EXPECT_EQ(verify["silenced"], "0");
-    EXPECT_LE(std::atol(verify["skips"].c_str()), bench.underruns()) << "only an underrun drops a chunk";
+    expect_bit_exact(bench, 48000);
   }
   {
     SCOPED_TRACE("debug pipe of the transmitter: blocked path retried with a pause, then served");
@@ -280,6 +341,14 @@ TEST(StreamBoards, BitExactDebugPipeFastCardSteeredXrunAndSigterm) {
     ASSERT_GT(f0, 0);
     ASSERT_GT(samples.back().t, f0 / drift) << "the run outlasted the unsteered queue (" << f0 << " frames)";
     expect_steered(bench, samples, runs_at_start, 2 * kChunkFrames, kBufferFrames);
+  }
+  {
+    SCOPED_TRACE("card 2 of each board unplugged or stalled after 200 periods");
+    walk_card_faults(bench);
+  }
+  {
+    SCOPED_TRACE("the sender frozen for 5 s, then a flood of malformed datagrams: bit-exact in one run");
+    walk_sender_faults(bench);
   }
   {
     SCOPED_TRACE("a stalled playback card is recovered in place");

@@ -90,4 +90,19 @@ TEST_F(Amsim, StallLongerThanTheBufferGivesEpipeAndTheCardRecovers) {
   }
 }
 
+// fail_after 4 periods in stall mode: capture (1 s buffer, 4 periods) moves exactly 4 periods, then
+// nothing, without an overrun. Unplugged cards are played and captured by the stream boards test.
+TEST_F(Amsim, FailAfterPeriodsInStallModeMovesExactlyThatMuchThenNothing) {
+  setenv("AMSIM_FAIL_AFTER_CAP2", "4", 1);
+  setenv("AMSIM_FAIL_MODE_CAP2", "stall", 1);
+  snd_pcm_t* cap = open_pcm("hw:2,0", SND_PCM_STREAM_CAPTURE, 1000000);
+  snd_pcm_uframes_t buffer = 0, period = 0;
+  ASSERT_TRUE(cap != nullptr && snd_pcm_get_params(cap, &buffer, &period) == 0);
+  EXPECT_EQ(transfer(cap, 5.0, static_cast<long>(2 * period)), 0);
+  usleep(1500 * 1000);
+  EXPECT_EQ(snd_pcm_avail(cap), static_cast<snd_pcm_sframes_t>(2 * period)) << "nothing after the 4th period";
+  EXPECT_EQ(snd_pcm_state(cap), SND_PCM_STATE_RUNNING);
+  snd_pcm_close(cap);
+}
+
 }  // namespace

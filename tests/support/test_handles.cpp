@@ -81,6 +81,9 @@ TEST(I2cDevice, MissingBusOutsideABoardRootIsAnError) {
   qb_u8_t back = 0;
   EXPECT_EQ(I2C_Device_Read(bus.c_str(), 0x48, 0x10, &back, 1), 0);
   EXPECT_EQ(back, 0x5A);
+  EXPECT_EQ(I2C_Device_Read(bus.c_str(), 0x48, 0x10, nullptr, 1), -1);
+  // A register file that cannot be read (this process's memory, at an address never mapped).
+  EXPECT_EQ(I2C_Device_Read("/proc/self/mem", 0x48, 0x10, &back, 1), -1);
 }
 
 }  // namespace

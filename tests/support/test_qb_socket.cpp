@@ -86,6 +86,9 @@ TEST(QbSocket, KindsOptionsAndAddresses) {
   EXPECT_EQ(qb_set_sock_multicast_noloop(s.fd), 0);
   EXPECT_EQ(sock_opt(s.fd, IPPROTO_IP, IP_MULTICAST_LOOP), 0);
   EXPECT_EQ(qb_set_sock_attr(0, 1, 0, 0, 0, 0), -1);
+  const int file = open("/dev/null", O_RDONLY | O_CLOEXEC);  // not a socket: each option fails alone
+  EXPECT_EQ(qb_set_sock_attr(file, 0, 0, 0, 65536, 0), -1);
+  close(file);
   EXPECT_EQ(qb_set_sock_noblock(0), -1);
 
   EXPECT_EQ(qb_ip_a2n("239.255.1.3"), 0xEFFF0103U);
@@ -93,6 +96,7 @@ TEST(QbSocket, KindsOptionsAndAddresses) {
   EXPECT_EQ(qb_ip_a2n(nullptr), 0xFFFFFFFFU);
   testing::internal::CaptureStdout();
   EXPECT_NE(qb_set_sock_rm_multi_membership(s.fd, "239.1.2.3"), 0);  // never joined
+  EXPECT_NE(qb_set_sock_rm_multi_membership(s.fd, nullptr), 0);
   EXPECT_EQ(qb_ip_a2n(""), 0xFFFFFFFFU);
   const std::string out = testing::internal::GetCapturedStdout();
   EXPECT_EQ(out.rfind("setsockopt IP_DROP_MEMBERSHIP errno:", 0), 0u) << out;

@@ -1,0 +1,58 @@
+// The routing state of the local outputs: the network stream each output plays (selected, actual,
+// fallback), stream modes, the analog mute, downmix modes, the matrix source carrying each
+// network input, and the analog output's local-port record. Stream-id tables:
+// qb_misc_audio_get_saiid_by_sid and qb_misc_audio_get_chn_saiid_by_sid (qb_audio_misc.h).
+#pragma once
+
+#include "qb_audio_misc.h"
+#include "qb_types.h"
+
+int qb_misc_audio_sid_hdmi_get(void);
+int qb_misc_audio_sid_analog_get(void);
+int qb_misc_audio_sid_spdif_get(void);
+int qb_misc_audio_sid_earc_get(void);
+int qb_misc_audio_saiid_hdmi_get(void);
+int qb_misc_audio_saiid_analog_get(void);
+int qb_misc_audio_saiid_spdif_get(void);
+int qb_misc_audio_saiid_earc_get(void);
+int qb_misc_audio_fallback_sid_hdmi_get(void);
+int qb_misc_audio_fallback_sid_spdif_get(void);
+int qb_misc_audio_fallback_sid_earc_get(void);
+
+void set_output_hdmi_stream_mode(int mode);
+int get_output_hdmi_stream_mode(void);
+void set_output_spdif_stream_mode(int mode);
+int get_output_spdif_stream_mode(void);
+void set_output_earc_stream_mode(int mode);
+int get_output_earc_stream_mode(void);
+void set_output_hdmi_stream_actual_sid(int sid);
+int get_output_hdmi_stream_actual_sid(void);
+void set_output_spdif_stream_actual_sid(int sid);
+int get_output_spdif_stream_actual_sid(void);
+void set_output_earc_stream_actual_sid(int sid);
+int get_output_earc_stream_actual_sid(void);
+void set_output_analog_mute(int mute);
+int get_output_analog_mute(void);
+
+void qb_misc_audio_downmix_hdmi_set(const qb_audio_output_dwm_mode_t* mode);
+void qb_misc_audio_downmix_spdif_set(const qb_audio_output_dwm_mode_t* mode);
+void qb_misc_audio_downmix_earc_set(const qb_audio_output_dwm_mode_t* mode);
+qb_u32_t qb_misc_audio_downmix_hdmi_get(void);
+qb_u32_t qb_misc_audio_downmix_spdif_get(void);
+qb_u32_t qb_misc_audio_downmix_earc_get(void);
+
+int qb_msic_net_stream_in_analog_get(void);
+void qb_msic_net_stream_in_analog_set(int src);
+int qb_msic_net_stream_in_hdmi_get(void);
+void qb_msic_net_stream_in_hdmi_set(int src);
+int qb_msic_net_stream_in_earc_get(void);
+void qb_msic_net_stream_in_earc_set(int src);
+int qb_msic_net_stream_in_spdif_get(void);
+void qb_msic_net_stream_in_spdif_set(int src);
+
+// The analog output's local-port record (read its words with the snapshot below from other
+// threads).
+local_port_info_t* qb_misc_audio_info_analog_port_get(void);
+// Race-free copy of the analog output's local-port record.
+local_port_info_t qb_misc_audio_info_analog_port_copy(void);
+void qb_misc_audio_local_port_analog_src_set(qb_u32_t src);
