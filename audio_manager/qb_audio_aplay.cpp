@@ -25,8 +25,11 @@ qb_audio_aplay_main_ctrl_t& g_aplay = *qb_audio_aplay_ctrl_get();
 
 constexpr size_t kThreadNameSize = 16;
 constexpr size_t kAddrSize = 33;  // at most 32 characters of the address, zero-terminated
-constexpr unsigned kIdleSleepMs = 1000;
-constexpr unsigned kPlaybackStartSleepMs = 300;
+// An idle worker looks again after this period; also the pause before each capture run.
+constexpr unsigned kIdleWaitMs = 1000;
+// A playback run starts this long after its input address is known.
+constexpr unsigned kPlaybackStartWaitMs = 300;
+// The control thread polls the S/PDIF receiver at this period.
 constexpr unsigned kControlPollMs = 100;
 constexpr int kSelectionSpdif = 2;
 constexpr int kSelectionArc = 3;
@@ -81,8 +84,8 @@ void wait_unless_stopped(unsigned ms) {
 }
 
 // The worker's pauses, each ended early by a stop request.
-void idle_wait() { wait_unless_stopped(kIdleSleepMs); }
-void playback_start_wait() { wait_unless_stopped(kPlaybackStartSleepMs); }
+void idle_wait() { wait_unless_stopped(kIdleWaitMs); }
+void playback_start_wait() { wait_unless_stopped(kPlaybackStartWaitMs); }
 void control_poll_wait() { wait_unless_stopped(kControlPollMs); }
 
 void name_thread(const char* fmt, int index) {
