@@ -6,7 +6,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
+#include <mutex>
 
 #include "am_log.h"
 #include "qb_audio_misc.h"
@@ -22,10 +25,12 @@ qb_audio_aplay_main_ctrl_t& g_aplay = *qb_audio_aplay_ctrl_get();
 
 constexpr size_t kThreadNameSize = 16;
 constexpr size_t kAddrSize = 33;  // at most 32 characters of the address, zero-terminated
-constexpr unsigned kIdleSleepMs = 1000;
-constexpr unsigned kPlaybackStartSleepMs = 300;
+// An idle worker looks again after this period; also the pause before each capture run.
+constexpr unsigned kIdleWaitMs = 1000;
+// A playback run starts this long after its input address is known.
+constexpr unsigned kPlaybackStartWaitMs = 300;
+// The control thread polls the S/PDIF receiver at this period.
 constexpr unsigned kControlPollMs = 100;
-constexpr unsigned kSleepSliceMs = 20;
 constexpr int kSelectionSpdif = 2;
 constexpr int kSelectionArc = 3;
 constexpr int kSelectionHdmiDownmix = 6;
@@ -57,17 +62,31 @@ constexpr capture_worker_t kCaptureWorkers[QB_AUDIO_APLAY_WORKERS] = {
 
 long kernel_tid() { return static_cast<long>(syscall(SYS_gettid)); }
 
+// The stop request: set under g_stop_mutex and announced on g_stop_cv, so that a thread in one of
+// its idle waits wakes at once.
+std::mutex g_stop_mutex;
+std::condition_variable g_stop_cv;
+
 bool exiting() { return g_aplay.exit.load() != 0; }
 
-// Sleeps in short slices so that a stop request is seen at once.
-void aplay_sleep_ms(unsigned ms) {
-  unsigned left = ms;
-  while (left > 0 && !exiting()) {
-    const unsigned step = left < kSleepSliceMs ? left : kSleepSliceMs;
-    usleep(step * 1000U);
-    left -= step;
+void exit_set(int on) {
+  {
+    std::lock_guard<std::mutex> lock(g_stop_mutex);
+    g_aplay.exit.store(on);
   }
+  g_stop_cv.notify_all();
 }
+
+// Waits `ms` milliseconds, or less when the module is told to stop.
+void wait_unless_stopped(unsigned ms) {
+  std::unique_lock<std::mutex> lock(g_stop_mutex);
+  g_stop_cv.wait_for(lock, std::chrono::milliseconds(ms), [] { return exiting(); });
+}
+
+// The worker's pauses, each ended early by a stop request.
+void idle_wait() { wait_unless_stopped(kIdleWaitMs); }
+void playback_start_wait() { wait_unless_stopped(kPlaybackStartWaitMs); }
+void control_poll_wait() { wait_unless_stopped(kControlPollMs); }
 
 void name_thread(const char* fmt, int index) {
   char name[kThreadNameSize];
@@ -106,10 +125,10 @@ void* playback_worker(void* arg) {
   while (!exiting()) {
     const char* address = w.address();
     if (address == nullptr || address[0] == '\0') {
-      aplay_sleep_ms(kIdleSleepMs);
+      idle_wait();
       continue;
     }
-    aplay_sleep_ms(kPlaybackStartSleepMs);
+    playback_start_wait();
     if (exiting()) {
       break;
     }
@@ -130,22 +149,22 @@ void capture_pass(int i, qb_audio_oper_ctrl_t* ctrl, const char** device, char* 
   qb_audio_info record;
   memset(&record, 0, sizeof(record));
   if (i == 1 && is_qb_audio_output_mute_from_ch(QB_AUDIO_CHN_NSO3) == 1) {
-    aplay_sleep_ms(kIdleSleepMs);
+    idle_wait();
     return;
   }
   qb_audio_channel_state_copy(w.channel, &record);
   g_aplay.ctid[i].store(tid);
   if (address == nullptr || address[0] == '\0' || record.Audio_On == 0) {
-    aplay_sleep_ms(kIdleSleepMs);
+    idle_wait();
     const int selection = w.selection();
     if (selection == kSelectionHdmiDownmix && audio_hdmi_streamout() == 0 && hdmi_input_audio_on() &&
         audio_hdmi_to_fpga_mute() != 0) {
       input_mute_ctrl(kHdmiCaptureGate, 0);
-      aplay_sleep_ms(kIdleSleepMs);
+      idle_wait();
     }
     return;
   }
-  aplay_sleep_ms(kIdleSleepMs);
+  idle_wait();
   if (exiting()) {
     return;
   }
@@ -201,7 +220,7 @@ void* control_thread(void*) {
         spdif_restart(selection);
       }
     }
-    aplay_sleep_ms(kControlPollMs);
+    control_poll_wait();
   }
   AM_LOG_INFO("audio aplay ctrl thread exit");
   return nullptr;
@@ -209,7 +228,7 @@ void* control_thread(void*) {
 
 void reset_singleton() {
   g_aplay.tid.store(0);
-  g_aplay.exit.store(0);
+  exit_set(0);
   g_aplay.init.store(0);
   g_aplay.ptids_created = false;
   for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
@@ -291,7 +310,7 @@ int qb_audio_aplay_init() {
   reset_singleton();
   qb_audio_oper_shutdown_set(0);
   AM_LOG_INFO("audio aplay init");
-  g_aplay.exit.store(0);
+  exit_set(0);
   if (pthread_create(&g_aplay.ptids, nullptr, control_thread, nullptr) != 0) {
     AM_LOG_ERROR("aplay1 thread create fail");
     return 0;
@@ -307,7 +326,7 @@ int qb_audio_aplay_uninit() {
   if (g_aplay.init.load() == 0) {
     return 0;
   }
-  g_aplay.exit.store(1);
+  exit_set(1);
   g_aplay.init.store(0);
   // A run that starts after this point resets its own stop flag: the engine-wide stop ends it too.
   qb_audio_oper_shutdown_set(1);

@@ -5,10 +5,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <climits>
 #include <cmath>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <new>
 
 #include "am_log.h"
@@ -19,6 +22,14 @@
 namespace {
 
 std::atomic<int> g_engine_shutdown{0};
+
+// Stop requests (an engine's own or the engine-wide one) are set under g_stop_mutex and announced
+// on g_stop_cv, so that an engine waiting in qb_audio_oper_wait_unless_aborting wakes at once.
+std::mutex g_stop_mutex;
+std::condition_variable g_stop_cv;
+
+// After the device and ALSA's configuration cache are released, before the run's buffers go.
+constexpr unsigned kUninitSettleMs = 100;
 
 // Period in µs of 8-channel streams at high rates, per sample format.
 struct period_override_t {
@@ -51,8 +62,6 @@ constexpr int kDelayUsecMin = 20;
 constexpr int kAlsaFormatsLast = 52;
 
 const char* const kHwDumpRule = "--------------------\n";
-
-void sleep_ms(unsigned ms) { usleep(ms * 1000U); }
 
 // Grows a buffer to at least `size` bytes; false when memory is short (the old buffer is kept).
 bool grow_buffer(qb_u8_t** buf, size_t size) {
@@ -217,7 +226,13 @@ void set_sample_geometry(qb_audio_oper_ctrl_t* ctrl) {
 // Engine-wide stop and the stop flag
 // ---------------------------------------------------------------------------------------------
 
-void qb_audio_oper_shutdown_set(int on) { g_engine_shutdown.store(on != 0 ? 1 : 0); }
+void qb_audio_oper_shutdown_set(int on) {
+  {
+    std::lock_guard<std::mutex> lock(g_stop_mutex);
+    g_engine_shutdown.store(on != 0 ? 1 : 0);
+  }
+  g_stop_cv.notify_all();
+}
 
 int qb_audio_oper_shutdown_get() { return g_engine_shutdown.load(); }
 
@@ -228,9 +243,20 @@ bool qb_audio_oper_is_aborting(const qb_audio_oper_ctrl_t* ctrl) {
 
 void qb_audio_oper_abort(qb_audio_oper_ctrl_t* ctrl) {
   if (ctrl != nullptr) {
-    ctrl->in_aborting.store(1);
+    {
+      std::lock_guard<std::mutex> lock(g_stop_mutex);
+      ctrl->in_aborting.store(1);
+    }
+    g_stop_cv.notify_all();
   }
 }
+
+void qb_audio_oper_wait_unless_aborting(const qb_audio_oper_ctrl_t* ctrl, unsigned ms) {
+  std::unique_lock<std::mutex> lock(g_stop_mutex);
+  g_stop_cv.wait_for(lock, std::chrono::milliseconds(ms), [ctrl] { return qb_audio_oper_is_aborting(ctrl); });
+}
+
+void qb_audio_oper_pause_ms(unsigned ms) { usleep(ms * 1000U); }
 
 // ---------------------------------------------------------------------------------------------
 // Record and device
@@ -340,7 +366,7 @@ int qb_audio_oper_general_uninit(qb_audio_oper_ctrl_t* ctrl) {
     ctrl->log = nullptr;
   }
   snd_config_update_free_global();
-  sleep_ms(100);
+  qb_audio_oper_pause_ms(kUninitSettleMs);
   ctrl->arrChunkNum = nullptr;
   delete ctrl->pAudBuf;
   ctrl->pAudBuf = nullptr;

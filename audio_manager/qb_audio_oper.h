@@ -200,8 +200,12 @@ void qb_audio_oper_shutdown_set(int on);
 int qb_audio_oper_shutdown_get();
 // Whether the current run of this engine must end (its stop flag or the engine-wide stop).
 bool qb_audio_oper_is_aborting(const qb_audio_oper_ctrl_t* ctrl);
-// Ends the current run of an engine (any thread).
+// Ends the current run of an engine (any thread); wakes the engine if it waits.
 void qb_audio_oper_abort(qb_audio_oper_ctrl_t* ctrl);
+// Waits `ms` milliseconds, or less when the engine's run is told to end.
+void qb_audio_oper_wait_unless_aborting(const qb_audio_oper_ctrl_t* ctrl, unsigned ms);
+// A fixed pause of the engine's sequence (a device or peer settles), not ended by a stop request.
+void qb_audio_oper_pause_ms(unsigned ms);
 
 // ---- Record and device set-up
 int qb_audio_oper_default(qb_audio_oper_ctrl_t* ctrl);

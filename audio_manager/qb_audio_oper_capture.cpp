@@ -19,8 +19,12 @@ namespace {
 constexpr int kCaptureWaitMs = 100;
 constexpr unsigned kUnmuteAfterChunks = 11;
 constexpr int kSelectionArc = 3;
-
-void sleep_ms(unsigned ms) { usleep(ms * 1000U); }
+// A suspended device is asked to resume once per period until it does.
+constexpr unsigned kSuspendRetryMs = 1000;
+// After a failed read the chunk is dropped; a failing device is not read again at once.
+constexpr unsigned kReadErrorPauseMs = static_cast<unsigned>(kCaptureWaitMs);
+// After the run's tear-down, before the worker's next pass.
+constexpr unsigned kRunEndPauseMs = 100;
 
 // Channel state of the network output a capture stream feeds (10, 11, 12 for streams 1, 2, 3).
 int capture_channel_of_stream(int stream) {
@@ -58,7 +62,7 @@ void handle_suspend(qb_audio_oper_ctrl_t* ctrl) {
   }
   int res = snd_pcm_resume(ctrl->handle);
   while (res == -EAGAIN && !qb_audio_oper_is_aborting(ctrl)) {
-    sleep(1);
+    qb_audio_oper_wait_unless_aborting(ctrl, kSuspendRetryMs);
     AM_LOG_INFO("suspended, wait suspend flag is released");
     res = snd_pcm_resume(ctrl->handle);
   }
@@ -135,7 +139,7 @@ snd_pcm_sframes_t capture_read_chunk(qb_audio_oper_ctrl_t* ctrl, qb_u8_t* data, 
         AM_LOG_ERROR("read error: %s,%s, aborting", ctrl->pcm_name, snd_strerror(static_cast<int>(r)));
         qb_audio_oper_abort(ctrl);
       } else {
-        sleep_ms(static_cast<unsigned>(kCaptureWaitMs));  // the chunk is dropped; a failing device is not read again at once
+        qb_audio_oper_wait_unless_aborting(ctrl, kReadErrorPauseMs);
       }
       return -1;
     }
@@ -287,6 +291,6 @@ int qb_audio_oper_capture(qb_audio_oper_ctrl_t* ctrl, const char* pcm_name, cons
               group);
   qb_audio_oper_publish(ctrl);
   AM_LOG_INFO("%s %s ret=%d stop", "qb_audio_oper_capture", pcm_name, ret);
-  sleep_ms(100);
+  qb_audio_oper_pause_ms(kRunEndPauseMs);
   return ret;
 }

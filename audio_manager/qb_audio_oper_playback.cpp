@@ -33,7 +33,10 @@ constexpr unsigned kRxCallsPerPass = 8;
 
 std::atomic<playback_new_format_fn> g_new_format_hook{nullptr};
 
-void sleep_ms(unsigned ms) { usleep(ms * 1000U); }
+// After the end of a run (device drained, epoll closed), before the tear-down.
+constexpr unsigned kRunEndPauseMs = 100;
+// After the sample rate is sent to the genlock service, before the device is set up.
+constexpr unsigned kGenlockParamPauseMs = 100;
 
 int playback_channel_of_stream(int stream) {
   return stream == 1 ? QB_AUDIO_CHN_NSI1 : stream == 2 ? QB_AUDIO_CHN_NSI3 : QB_AUDIO_CHN_NSI5;
@@ -368,7 +371,7 @@ int playback_loop(qb_audio_oper_ctrl_t* ctrl, const char* group) {
   if (run.epfd >= 0) {
     close(run.epfd);
   }
-  sleep_ms(100);
+  qb_audio_oper_pause_ms(kRunEndPauseMs);
   return 0;
 }
 
@@ -421,7 +424,7 @@ int qb_audio_oper_playback(qb_audio_oper_ctrl_t* ctrl, const char* pcm_name, con
     };
     send_set_param2(ctrl->clifd, ctrl->file_param_num, static_cast<int>(ctrl->hwparams.rate), stopping, ctrl);
   }
-  sleep_ms(100);
+  qb_audio_oper_pause_ms(kGenlockParamPauseMs);
 
   net_data_open(ctrl);
   int ret = qb_audio_oper_general_init(ctrl);

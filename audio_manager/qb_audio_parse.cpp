@@ -46,6 +46,8 @@ constexpr qb_audio_cmd_operation_t qb_audio_cmd_table[QB_AUDIO_CMD_TABLE_ROWS] =
 
 // Offset of the outer length in a message.
 constexpr int kOuterLengthOffset = 4;
+// Without a usable socket the wait fails at once: the loop pauses as long as one wait would last.
+constexpr useconds_t kCmdSocketErrorPauseUs = static_cast<useconds_t>(QB_AUDIO_CMD_SELECT_TIMEOUT_MS) * 1000U;
 
 // Reads the little-endian 32-bit integer at `offset` of a message of `size` bytes; bytes beyond
 // the end count as zero (the receive buffer is zeroed before every datagram).
@@ -213,8 +215,7 @@ void* qb_cmd_audio_task1(void* arg) {
     if (ready == fd + QB_SOCK_READABLE) {
       (void)audio_proc();
     } else if (ready < 0) {
-      // Without a usable socket the wait fails at once: pause as long as one wait would last.
-      usleep(QB_AUDIO_CMD_SELECT_TIMEOUT_MS * 1000);
+      usleep(kCmdSocketErrorPauseUs);
     }
   }
   close_cmd_socket();

@@ -3,11 +3,13 @@
 // 127.0.0.1:11000 until SIGTERM, SIGINT or SIGTSTP. Under systemd it says READY=1 once the chip is
 // initialised and the service socket is bound, and STOPPING=1 when a signal ends it.
 #include <signal.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
-#include <ctime>
 
 #include "am_log.h"
 #include "am_notify.h"
@@ -16,15 +18,25 @@
 namespace {
 
 constexpr const char* QB_GENLOCK_LOG_CONF = "/config/logconf/qb_genlock.conf";
-constexpr long QB_GENLOCK_EXIT_POLL_NS = 100L * 1000L * 1000L;
 
 // Signals that end the service, as they end audio_manager.
 constexpr int kTerminationSignals[] = {SIGTERM, SIGINT, SIGTSTP};
 
 std::atomic<bool> g_exit_requested{false};
+// Wakes the main thread: written by the signal handler and by the service thread once its socket
+// is bound.
+int g_wake_fd = -1;
+
+void wake_main() {
+  const int saved_errno = errno;
+  const uint64_t one = 1;
+  (void)!write(g_wake_fd, &one, sizeof one);
+  errno = saved_errno;
+}
 
 void on_terminate(int /*sig*/) {
   g_exit_requested.store(true);
+  wake_main();
 }
 
 void install_handlers() {
@@ -42,11 +54,16 @@ void install_handlers() {
 int main() {
   static_assert(std::atomic<bool>::is_always_lock_free, "signal handler needs a lock-free flag");
   am_log_configure(QB_GENLOCK_LOG_CONF);
+  g_wake_fd = eventfd(0, EFD_CLOEXEC);
+  if (g_wake_fd < 0) {
+    AM_LOG_ERROR("eventfd err, errno %d", errno);
+    return 1;
+  }
   install_handlers();
+  si5351_svr_on_open_set(wake_main);
   if (qb_si5351_start2() != 0) {
     return 1;
   }
-  const timespec pause = {0, QB_GENLOCK_EXIT_POLL_NS};
   bool ready = false;
   while (!g_exit_requested.load()) {
     // qb_si5351_start2 has programmed the chip; the service thread binds its socket soon after.
@@ -54,7 +71,8 @@ int main() {
       am_notify_ready();
       ready = true;
     }
-    nanosleep(&pause, nullptr);
+    uint64_t wakes = 0;
+    (void)!read(g_wake_fd, &wakes, sizeof wakes);  // blocks until a signal or the bound socket
   }
   am_notify_stopping();
   AM_LOG_INFO("qb_genlock exit");

@@ -43,6 +43,7 @@ pthread_t si5351tidp;
 std::atomic<qb_s64_t> si5351pid{0};
 // Set once the service socket is bound (read by the service program for its readiness notice).
 std::atomic<bool> g_svr_open{false};
+std::atomic<void (*)(void)> g_svr_on_open{nullptr};
 
 // Receive buffer of the service, zeroed once when the service socket opens. Requests are not
 // length-checked: a short datagram leaves the earlier bytes in place, and the set-param reply
@@ -581,6 +582,10 @@ void si5351_svr_start(void) {
     fd = si5351_svr_open(SI5351_SVR_ADDR, SI5351_SVR_PORT);
   }
   g_svr_open.store(true);
+  void (*on_open)(void) = g_svr_on_open.load();
+  if (on_open != nullptr) {
+    on_open();
+  }
   for (;;) {
     si5351_svr_poll(fd, SI5351_SVR_IDLE_MS);
   }
@@ -589,6 +594,8 @@ void si5351_svr_start(void) {
 bool si5351_svr_is_open(void) {
   return g_svr_open.load();
 }
+
+void si5351_svr_on_open_set(void (*on_open)(void)) { g_svr_on_open.store(on_open); }
 
 int si5351_svr_open(const char* addr, int port) {
   const int fd = open_bound_udp(addr, port);

@@ -185,6 +185,9 @@ void* si5351_task(void* arg);
 void si5351_svr_start(void);
 // True once the service loop's socket is bound on 127.0.0.1:11000.
 bool si5351_svr_is_open(void);
+// Called once by the service thread right after its socket is bound (set before the service
+// starts; null for none).
+void si5351_svr_on_open_set(void (*on_open)(void));
 // Opens the service socket (bound, not connected) on addr:port; the socket or -1.
 int si5351_svr_open(const char* addr, int port);
 // One turn of the service loop on socket fd: wait up to wait_ms, then run the idle step or serve
