@@ -1,46 +1,32 @@
 // The EDID reader: the audio lists of real sinks, the data block walk and its ten-entry limit,
 // validation of files and the reader's life cycle.
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <memory>
-#include <string>
-#include <vector>
+#include "am_test_sys.h"
 
 #include "Edid_Parser.h"
 #include "am_test_edid.h"
-#include "am_test_env.h"
-#include "am_test_paths.h"
 
 namespace {
 
 using Bytes = am_test::EdidBytes;
-
-using am_test::edid_base_block;
-using am_test::edid_fix_checksum;
-using am_test::edid_with;
+using am_test::edid_base_block, am_test::edid_fix_checksum, am_test::edid_with;
 
 EDID_Data to_data(const Bytes& bytes) {
   EDID_Data d;
-  d.assign(bytes.data(), bytes.size());
-  return d;
+  return d.assign(bytes.data(), bytes.size()), d;
 }
 
 // A record filled with a recognisable pattern, to tell whether the getter wrote it.
 T_Edid_Audio_Info sentinel() {
   T_Edid_Audio_Info info;
-  std::memset(&info, 0xA5, sizeof(info));
-  return info;
+  return std::memset(&info, 0xA5, sizeof(info)), info;
 }
 
 struct Loaded {
   int result;
   T_Edid_Audio_Info info;  // the sentinel unless the getter wrote it
   std::string out;         // what the reader printed
-  bool untouched() const {
-    const T_Edid_Audio_Info s = sentinel();
-    return memcmp(&info, &s, sizeof(s)) == 0;
-  }
+  bool untouched() const { return memcmp(&info, &kSentinel, sizeof(info)) == 0; }
+  static inline const T_Edid_Audio_Info kSentinel = sentinel();
 };
 
 // Runs init on bytes in memory, or on the TV's EDID file under a temporary root.
@@ -62,37 +48,29 @@ const Bytes kTwoSads = {0x26, 0x09, 0x07, 0x01, 0x09, 0x07, 0x02};
 // Each list was written down from an independent decoder's listing of the file's first extension
 // (format, maximum channels, sample rates, sample sizes / bit rate / format-dependent byte).
 // 384-byte EDIDs do not fit the reader's 256-byte store and are refused; sister models are left out.
-struct Sad {
-  qb_u32_t format, channels, rates, flag;
-};
-struct CorpusCase {
-  const char* file;
-  size_t size;
-  std::vector<Sad> audio;
-};
+struct Sad { qb_u32_t format, channels, rates, flag; };
+struct CorpusCase { const char* file; size_t size; std::vector<Sad> audio; };
 void PrintTo(const CorpusCase& c, std::ostream* os) { *os << c.file; }
 
 const Sad kStereo = {1, 2, 0x07, 7}, kStereo5 = {1, 2, 0x1f, 7};
-const std::vector<Sad> kLgTv = {{7, 6, 0x06, 1536}, {2, 6, 0x07, 640}, {1, 2, 0x57, 7}};
-const std::vector<Sad> kSamsungTv = {kStereo, {2, 6, 0x07, 640}, {7, 6, 0x04, 1536}};
-const std::vector<Sad> kHdfury = {{1, 2, 0x6e, 7}, {2, 5, 0x04, 1024}, {7, 5, 0x04, 1536}, {6, 5, 0x04, 256}};
 const std::vector<CorpusCase> kCorpus = {
     {"acer-xv273k-dp", 384, {}}, {"apple-cinemahd-30-dvi", 256, {}}, {"asus-vw246-hdmi", 256, {kStereo}},
     {"dell-2408wfp-dp", 128, {}}, {"dell-3007wfp-dvi", 128, {}}, {"dell-e178wfp-vga", 128, {}},
     {"dell-p2415q-dp", 256, {kStereo5}}, {"dell-p2415q-hdmi1.4", 256, {kStereo5}}, {"dell-up2715k-dp", 256, {kStereo}},
     {"dell-up2715k-dp2-tile0", 256, {}}, {"dell-up2718q-dp", 256, {kStereo5}}, {"elo-4600l-hdmi", 256, {kStereo}},
-    {"hdfury-doctorhdmi-3d-hdmi", 256, kHdfury}, {"hp-lp2275w-dp", 128, {}}, {"hp-lp2480zx-dp", 128, {}},
-    {"hp-lp2480zx-hdmi", 256, {}}, {"kogan-kaled24144f-dp", 256, {kStereo}}, {"lg-32ud99-w-hdmi", 256, {kStereo}},
-    {"lg-55uh5c-hdmi", 256, kLgTv}, {"lg-75uh5c-hdmi", 256, {{7, 6, 0x06, 1536}, {2, 6, 0x50, 640}, {1, 2, 0x57, 7}}},
-    {"lg-l206wu-usb-dvi", 128, {}},
+    {"hdfury-doctorhdmi-3d-hdmi", 256, {{1, 2, 0x6e, 7}, {2, 5, 0x04, 1024}, {7, 5, 0x04, 1536}, {6, 5, 0x04, 256}}},
+    {"hp-lp2275w-dp", 128, {}}, {"hp-lp2480zx-dp", 128, {}}, {"hp-lp2480zx-hdmi", 256, {}},
+    {"kogan-kaled24144f-dp", 256, {kStereo}}, {"lg-32ud99-w-hdmi", 256, {kStereo}}, {"lg-l206wu-usb-dvi", 128, {}},
+    {"lg-55uh5c-hdmi", 256, {{7, 6, 0x06, 1536}, {2, 6, 0x07, 640}, {1, 2, 0x57, 7}}},
+    {"lg-75uh5c-hdmi", 256, {{7, 6, 0x06, 1536}, {2, 6, 0x50, 640}, {1, 2, 0x57, 7}}},
     {"lg-oled-c9-hdmi", 256, {{1, 2, 0x57, 7}, {2, 6, 0x07, 640}, {10, 8, 0x07, 1}, {12, 8, 0x04, 3}, {7, 6, 0x1e, 1536}, {11, 8, 0x7e, 1}}},
     {"lg-oled-cx-hdmi", 256, {{1, 2, 0x57, 7}, {2, 6, 0x07, 640}, {10, 8, 0x07, 1}, {12, 8, 0x04, 3}}},
     {"lg-oled55b6v-hdmi-denon-avr-x2300w-hdmi", 256, {{1, 8, 0x7f, 7}, {7, 6, 0x1e, 1536}, {2, 6, 0x07, 640}, {11, 8, 0x7e, 3}, {10, 8, 0x06, 3}, {12, 8, 0x7e, 3}, {11, 8, 0x7e, 1}}},
     {"lg-ultrafine-5k-v2-thunderbolt-dp2-tile1", 256, {}}, {"matrox-triplehead2go-dvi", 128, {}},
-    {"oculus-rift-dk1-hdmi", 256, {}}, {"samsung-qm65h-hdmi", 256, {kStereo}},
+    {"oculus-rift-dk1-hdmi", 256, {}}, {"samsung-qm65h-hdmi", 256, {kStereo}}, {"sharp-pn465-dvi", 256, {}},
     {"samsung-qp82r-8k-hdmi4", 256, {kStereo, {2, 6, 0x07, 640}, {10, 8, 0x07, 0}}},
-    {"samsung-ue40ku6070-hdmi", 256, kSamsungTv}, {"sharp-aquos-hdmi", 256, {{1, 2, 0x07, 1}}}, {"sharp-pn465-dvi", 256, {}},
-    {"skyworth-50e780u-hdmi", 256, {{1, 2, 0x7f, 3}, {2, 2, 0x7f, 192}}},
+    {"samsung-ue40ku6070-hdmi", 256, {kStereo, {2, 6, 0x07, 640}, {7, 6, 0x04, 1536}}},
+    {"sharp-aquos-hdmi", 256, {{1, 2, 0x07, 1}}}, {"skyworth-50e780u-hdmi", 256, {{1, 2, 0x7f, 3}, {2, 2, 0x7f, 192}}},
     {"sony-kd55xd-hdmi", 256, {{1, 6, 0x7f, 7}, {2, 6, 0x07, 640}, {7, 6, 0x07, 1504}}},
 };
 
@@ -115,11 +93,10 @@ TEST_P(EdidCorpus, AudioListMatchesTheSinksDescriptors) {
   ASSERT_EQ(l.result, 1);
   ASSERT_EQ(l.info.u8AudioInfoNum, c.audio.size());
   for (size_t i = 0; i < EDID_AUDIO_INFO_MAX_NUM; ++i) {
-    const Sad want = i < c.audio.size() ? c.audio[i] : Sad{0, 0, 0, 0};
-    const T_Audio_Info& got = l.info.ptAudioInfo[i];
-    EXPECT_EQ((std::vector<qb_u32_t>{got.eAudioFomat, got.u8MaxChannels, got.eSampleRateFlags, got.u8BitFlag}),
-              (std::vector<qb_u32_t>{want.format, want.channels, want.rates, want.flag}))
-        << "entry " << i;
+    const Sad w = i < c.audio.size() ? c.audio[i] : Sad{0, 0, 0, 0};
+    const T_Audio_Info& g = l.info.ptAudioInfo[i];
+    EXPECT_EQ((std::vector<qb_u32_t>{g.eAudioFomat, g.u8MaxChannels, g.eSampleRateFlags, g.u8BitFlag}),
+              (std::vector<qb_u32_t>{w.format, w.channels, w.rates, w.flag})) << "entry " << i;
   }
   for (size_t len = 0; c.size == 256 && len < bytes.size(); ++len) {
     const Loaded cut = load(Bytes(bytes.begin(), bytes.begin() + len));
@@ -153,12 +130,8 @@ TEST(EdidParser, ValidationOfFiles) {
   }
   two_ext.insert(two_ext.end(), good.begin() + 128, good.end());
   long_file.push_back(0);
-  const struct {
-    const char* name;
-    Bytes bytes;
-    int result, entries;  // entries: list length of a valid EDID
-    const char* message;  // printed text expected, or nullptr
-  } cases[] = {
+  // entries: list length of a valid EDID; message: text printed, or nullptr.
+  const struct { const char* name; Bytes bytes; int result, entries; const char* message; } cases[] = {
       {"good", good, 1, 2, "\n[INFO] EIDI data end\n "},
       {"base block alone", edid_base_block(0), 1, 0, "[INFO] EIDI data start\n\r\n0x00,0xff,0xff,0xff,0xff,0xff,0xff,0x00,"},
       {"extension count 2", two_ext, 1, 0, ",\r\n0x"},

@@ -42,8 +42,7 @@ inline void write(const std::string& board_path, const std::string& content) {
 
 inline void loopback_up() {
   const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  struct ifreq ifr;
-  std::memset(&ifr, 0, sizeof ifr);
+  struct ifreq ifr {};
   std::strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
   if (fd >= 0 && ioctl(fd, SIOCGIFFLAGS, &ifr) == 0) {
     ifr.ifr_flags = static_cast<short>(ifr.ifr_flags | IFF_UP);
@@ -61,10 +60,8 @@ inline void setup() {
   setenv(AM_ROOT_ENV, g_root.c_str(), 1);
   am_platform_reload();
   write("/misc/boardInfo.json", "{\"modelNumber\": \"TR-A\"}");
-  write("/dev/i2c-1", "");
-  write("/dev/i2c-2", "");
-  std::filesystem::create_directories(g_root + "/tmp");
-  std::filesystem::create_directories(g_root + "/customer/bin");
+  for (const char* bus : {"/dev/i2c-1", "/dev/i2c-2"}) write(bus, "");
+  for (const char* dir : {"/tmp", "/customer/bin"}) std::filesystem::create_directories(g_root + dir);
   std::atexit([] { std::filesystem::remove_all(g_root); });
   // Datagrams to the peers (bridge services, reports, genlock) stay inside a namespace of our own
   // when we may create one (root); otherwise they go to the host's loopback.

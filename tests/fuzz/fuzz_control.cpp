@@ -18,9 +18,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size > static_cast<size_t>(QB_AUDIO_CMD_BUF_SIZE)) {
-    return -1;  // a larger datagram is dropped before it is parsed
-  }
+  if (size > static_cast<size_t>(QB_AUDIO_CMD_BUF_SIZE)) return -1;  // dropped before it is parsed
   qb_audio_misc_init();
   std::vector<qb_u8_t> dgram(data, data + size);  // exactly the bytes received: an over-read shows
   audio_recv_data_proc(dgram.empty() ? nullptr : dgram.data(), static_cast<int>(dgram.size()));

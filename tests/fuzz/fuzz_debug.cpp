@@ -7,9 +7,7 @@
 #include "qb_audio_debug.h"
 #include "qb_audio_misc.h"
 
-namespace {
-constexpr size_t kPipeReadMax = 1024;  // one read of the pipe; the buffer keeps a NUL after it
-}
+static constexpr size_t kPipeReadMax = 1024;  // one read of the pipe; the buffer keeps a NUL after it
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   fuzz_board::setup();
@@ -18,9 +16,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size > kPipeReadMax) {
-    return -1;  // the rest would arrive as the next request
-  }
+  if (size > kPipeReadMax) return -1;  // the rest would arrive as the next request
   char request[kPipeReadMax + 1] = {};
   std::memcpy(request, data, size);
   qb_debug_serve_request(request);

@@ -13,8 +13,7 @@
 
 namespace {
 
-constexpr int kHdmiSid = 1;
-constexpr int kHdmiFallbackSid = 2;
+constexpr int kHdmiSid = 1, kHdmiFallbackSid = 2;
 // Audio_On, rate code, channels, size, io, up, down, 16-bit, type, S/PDIF, AUD_DB (decoder code
 // first), ChStat (byte 1: 0 LPCM, 1 compressed, 2 compressed HBR, 3 one-bit).
 const qb_audio_info kRecords[] = {
@@ -39,9 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz_board::write(EDID_TV_FILE_PATH, std::string(reinterpret_cast<const char*>(data), size));
   EdidParser parser;
   T_Edid_Audio_Info_ list{};
-  if (parser.init(EDID_TV_FILE_PATH) == 1) {
-    parser.getEdidAudioInfo(&list);
-  }
+  if (parser.init(EDID_TV_FILE_PATH) == 1) parser.getEdidAudioInfo(&list);
   const int hdmi_channel = qb_misc_audio_get_chn_saiid_by_sid(kHdmiSid);
   for (const qb_audio_info& rec : kRecords) {
     (void)hdmi_output_needs_fallback(&rec);

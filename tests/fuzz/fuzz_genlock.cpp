@@ -12,10 +12,8 @@
 #include "qb_si5351.h"
 
 namespace {
-constexpr int kServeWaitMs = 100;  // generous: a loopback datagram is there at once
-constexpr uint8_t kIdleTurnBit = 0x80;
-constexpr uint8_t kLengthMask = 0x7F;
-constexpr int kNominalRate = 48000;
+constexpr int kServeWaitMs = 100, kNominalRate = 48000;  // the wait is generous: a loopback datagram is there at once
+constexpr uint8_t kIdleTurnBit = 0x80, kLengthMask = 0x7F;
 int g_client = -1;
 }  // namespace
 
@@ -43,8 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     si5351_svr_poll(fd, kServeWaitMs);
     if (idle) handle_reset_stat();  // what a turn without a datagram does
     uint8_t reply[SI5351_SVR_BUF_LEN];
-    while (recv(g_client, reply, sizeof reply, 0) >= 0) {
-    }
+    while (recv(g_client, reply, sizeof reply, 0) >= 0) continue;
     data += 1 + n;
     size -= 1 + n;
   }

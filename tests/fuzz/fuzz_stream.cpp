@@ -20,8 +20,7 @@ namespace {
 
 constexpr unsigned kPeriodsPerSecond = 200;  // the device's 5 ms period: one chunk
 constexpr int kRingSlots = 60;
-constexpr uint16_t kLengthMask = 0x0FFF;
-constexpr uint16_t kSocketEmptyBit = 0x8000;
+constexpr uint16_t kLengthMask = 0x0FFF, kSocketEmptyBit = 0x8000;
 constexpr size_t kMaxRxMessages = 128;
 
 uint8_t g_block_pattern = 0;
@@ -94,7 +93,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   }
   if (!qb_audio_oper_is_aborting(&ctrl)) move_to_device(&ctrl);
-  ctrl.pAudBuf = nullptr;
-  ctrl.audiobuf = nullptr;
+  ctrl.pAudBuf = nullptr, ctrl.audiobuf = nullptr;
   return 0;
 }

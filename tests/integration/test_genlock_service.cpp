@@ -11,8 +11,7 @@
 
 namespace {
 
-constexpr uint32_t kSetParam = 0x1234;
-constexpr uint32_t kSetInc = 0x1235;
+constexpr uint32_t kSetParam = 0x1234, kSetInc = 0x1235;
 constexpr int kChipAddr = 0x60;
 constexpr uint16_t kServicePort = 11000;
 
@@ -23,27 +22,6 @@ Bytes request(uint32_t command, int32_t ch, int32_t arg1) {
   Bytes out(12);
   for (const auto& [at, v] : {std::pair<size_t, uint32_t>{0, command}, {4, ch}, {8, arg1}}) std::memcpy(&out[at], &v, 4);
   return out;
-}
-
-// Inside the namespace: sends the requests from 127.0.0.1:port to the service. With want_reply,
-// one 64-byte reply starting with the last request must come within 3 s, else none within
-// quiet_ms. 0, or the step that failed.
-int exchange(int port, const std::vector<Bytes>& requests, bool want_reply, int quiet_ms = 0) {
-  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET, a.sin_port = htons(static_cast<uint16_t>(port)), a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) return 10;
-  a.sin_port = htons(kServicePort);
-  for (const Bytes& req : requests)
-    if (sendto(fd, req.data(), req.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof a) != 12) return 11;
-  const int wait_ms = want_reply ? 3000 : quiet_ms;
-  const timeval tv{wait_ms / 1000, (wait_ms % 1000) * 1000};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-  uint8_t buf[256];
-  const ssize_t n = wait_ms > 0 ? recv(fd, buf, sizeof buf, 0) : -1;
-  close(fd);
-  if (!want_reply) return n < 0 ? 0 : 12;
-  return n == 64 && std::memcmp(buf, requests.back().data(), 12) == 0 ? 0 : 13;
 }
 
 // A TX-A and an RX board behind the relay; the receiver's card runs 500 ppm slow, so it steers
@@ -110,8 +88,7 @@ TEST(GenlockService, StreamingPairFullDiskServicesAbsentAndSigtermInEveryState) 
   for (const std::string& args : {"create " + p.at("tx", " --model TX-A"), "create " + p.at("rx", " --model RX"),
                                   "up tx " + p.at("tx", " --mac 02:00:00:00:a0:01 --net n"),
                                   "up rx " + p.at("rx", " --mac 02:00:00:00:a0:02 --net n"),
-                                  std::string("relay start r n -- --group 234.48.160.1 --in tx --out rx") +
-                                      " --drop-rate .01",
+                                  std::string("relay start r n -- --group 234.48.160.1 --in tx --out rx --drop-rate .01"),
                                   std::string("start tx"), std::string("wait-log tx 'manager init done' --timeout 30")})
     ASSERT_EQ(0, p.board(args)) << args;
   ASSERT_EQ(0, mount("tmpfs", p.at("rx", "/tmp").c_str(), "tmpfs", 0, "size=2m"));
@@ -122,11 +99,20 @@ TEST(GenlockService, StreamingPairFullDiskServicesAbsentAndSigtermInEveryState) 
     const std::string bytes(want.begin(), want.end());
     return am_test::wait_for([&] { return p.log("/dev/i2c-1").substr(kChipAddr * 256 + first, 8) == bytes; }, 5000);
   };
-  auto in_rx = [&](const std::function<int()>& fn) {  // on this thread, inside the receiver's namespace
+  // One request to the service from 127.0.0.1:11006 in the receiver's namespace (this thread joins it
+  // for the call); the datagram that comes back within wait_ms, empty when none does.
+  auto exchange = [&](const Bytes& req, int wait_ms) {
     const int home = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
     const int ns = open(("/var/run/netns/" + p.ns()).c_str(), O_RDONLY | O_CLOEXEC);
-    const int rc = setns(ns, CLONE_NEWNET) == 0 ? fn() : -1;
-    return setns(home, CLONE_NEWNET), close(home), close(ns), rc;
+    Bytes got;
+    if (setns(ns, CLONE_NEWNET) == 0) {
+      am_test::UdpReceiver me(11006);
+      sockaddr_in to{};
+      to.sin_family = AF_INET, to.sin_port = htons(kServicePort), to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      if (sendto(me.fd(), req.data(), req.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to) == 12)
+        me.receive(&got, wait_ms);
+    }
+    return setns(home, CLONE_NEWNET), close(home), close(ns), got;
   };
   std::unique_ptr<am_test::Process> service;
   {
@@ -147,9 +133,10 @@ TEST(GenlockService, StreamingPairFullDiskServicesAbsentAndSigtermInEveryState) 
               "W 60 03 FF\nW 60 1D 0E\nW 60 03 00\n");
     EXPECT_TRUE(regs_become(58, MsRegs{0x00, 0x01, 0x00, 0x02, 0x80, 0x00, 0x00, 0x00}));
     // Set-param on channel 2 is answered, then programmed; a step is not answered, then programmed.
-    EXPECT_EQ(in_rx([] { return exchange(11006, {request(kSetParam, 2, 44100)}, true); }), 0);
+    const Bytes set_param = request(kSetParam, 2, 44100), reply = exchange(set_param, 3000);
+    EXPECT_TRUE(reply.size() == 64 && std::equal(set_param.begin(), set_param.end(), reply.begin())) << reply.size();
     EXPECT_TRUE(regs_become(50, MsRegs{0x58, 0x33, 0x20, 0x11, 0xEE, 0x00, 0x07, 0x96}));
-    EXPECT_EQ(in_rx([] { return exchange(11006, {request(kSetInc, 2, 0)}, false, 300); }), 0);
+    EXPECT_TRUE(exchange(request(kSetInc, 2, 0), 300).empty()) << "a step is not answered";
     EXPECT_TRUE(regs_become(50, MsRegs{0xB9, 0x05, 0x20, 0x11, 0xED, 0x11, 0x67, 0x5F}));
     EXPECT_TRUE(am_test::wait_for([&] { return steps() > before; }, 60000, 200)) << "no step after the restart";
     p.sigterm("rx", "streaming");

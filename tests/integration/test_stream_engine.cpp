@@ -15,10 +15,8 @@ namespace {
 
 constexpr const char* kGroup = "239.77.0.2";
 constexpr uint32_t kFrameMask = 0x1FFFFF;  // the pattern's frame counter in S24_LE samples
-constexpr int kRate48k = 2;                // sample frequency codes of the format record
-constexpr int kRate96k = 10;
-constexpr int kLossUnit = 128;
-constexpr int kEndedByItself = 100;
+constexpr int kRate48k = 2, kRate96k = 10;  // sample frequency codes of the format record
+constexpr int kLossUnit = 128, kEndedByItself = 100;
 constexpr size_t kDatagramFrames = 176;  // 1408 bytes of stereo 32-bit audio
 constexpr uint32_t kChunkFrames = 240;
 
@@ -68,9 +66,7 @@ int run_engine(bool capture, int ms, int rate_code = kRate48k) {
   for (int waited = 0; waited < ms && result.load() == 99; waited += 10) usleep(10000);
   const bool ended_by_itself = result.load() != 99;
   qb_audio_oper_abort(&ctrl);
-  engine.join();
-  stop = true;
-  genlock.join();
+  engine.join(), stop = true, genlock.join();
   if (capture) return result.load() < 0 ? 100 - result.load() : result.load();
   if (rate_code != kRate48k) {
     qb_audio_info now;
@@ -88,10 +84,7 @@ int run_engine(bool capture, int ms, int rate_code = kRate48k) {
 void expect_bridged_gaps(const std::string& played, size_t gaps) {
   const auto* s = reinterpret_cast<const uint8_t*>(played.data());
   const size_t frames = played.size() / 8;
-  auto sample = [&](size_t f, int ch) {
-    uint32_t v;
-    return *static_cast<uint32_t*>(std::memcpy(&v, s + f * 8 + ch * 4, 4));
-  };
+  auto sample = [&](size_t f, int ch) { uint32_t v; std::memcpy(&v, s + f * 8 + ch * 4, 4); return v; };
   auto silent = [&](size_t f) { return sample(f, 0) == 0 && sample(f, 1) == 0; };
   size_t f = 0;
   while (f < frames && silent(f)) ++f;
@@ -146,8 +139,7 @@ TEST(StreamEngine, ThroughTheRelayLossIsBridgedALongGapEndsTheRunANewFormatIsAdo
   // Packet_Size field inverted.
   am_test::Process relay({relay_bin, "--group", kGroup, "--in", "vt", "--out", "vr", "--ready", root.at("/tmp/ready"),
                           "--drop", "300,900-907", "--truncate", "500", "--truncate-to", "40", "--corrupt", "700",
-                          "--corrupt-offset", "12", "--corrupt-len", "2"},
-                         {}, mid.name(), root.at("/tmp/relay.out"));
+                          "--corrupt-offset", "12", "--corrupt-len", "2"}, {}, mid.name(), root.at("/tmp/relay.out"));
   ASSERT_TRUE(am_test::wait_for([&] { return access(root.at("/tmp/ready").c_str(), F_OK) == 0; }, 10000));
   // The receiver joins the group first; the sender runs long enough to pass datagram 907 however
   // slowly it starts.
@@ -180,27 +172,19 @@ class Card : public ::testing::Test {
   // Opens the card and negotiates; set_params_play's result (-100 when the card did not open).
   int open_and_set() {
     qb_audio_oper_default(&ctrl);
-    ctrl.pcm_name = "hw:1,0";
-    ctrl.stream = SND_PCM_STREAM_PLAYBACK;
-    ctrl.open_mode = SND_PCM_NONBLOCK;
-    ctrl.file_param_num = 1;
+    ctrl.pcm_name = "hw:1,0", ctrl.stream = SND_PCM_STREAM_PLAYBACK;
+    ctrl.open_mode = SND_PCM_NONBLOCK, ctrl.file_param_num = 1;
     return qb_audio_oper_general_init(&ctrl) != 0 ? -100 : set_params_play(&ctrl);
   }
-  void TearDown() override {
-    if (ctrl.init || ctrl.handle != nullptr) qb_audio_oper_general_uninit(&ctrl);
-  }
+  void TearDown() override { if (ctrl.init || ctrl.handle != nullptr) qb_audio_oper_general_uninit(&ctrl); }
   am_test::TempRoot root{{"dev", "tmp", "home"}};
   qb_audio_oper_ctrl_t ctrl;
 };
 
 TEST_F(Card, NegotiationFollowsTheLargestBufferTheCardOffersAndAShortWriteIsPadded) {
-  struct Row {
-    const char* max_buffer_bytes;  // the card's limit ("" none)
-    int result;
-    unsigned buffer_time, period_time, chunk_size;
-  };
+  struct Row { const char* max_buffer_bytes; int result; unsigned buffer_time, period_time, chunk_size; };
   const Row rows[] = {
-      {"", 0, 200000, 5000, 240},
+      {"", 0, 200000, 5000, 240},      // the card sets no limit
       {"13440", 0, 30000, 7500, 360},  // 35 ms: rounded down to 30 ms, with longer periods
       {"3832", -1, 0, 0, 0},           // 9979 us: below 10 ms nothing can play
   };
@@ -209,9 +193,8 @@ TEST_F(Card, NegotiationFollowsTheLargestBufferTheCardOffersAndAShortWriteIsPadd
     if (*row.max_buffer_bytes != '\0') setenv("AMSIM_MAX_BUFFER_BYTES_PLAY1", row.max_buffer_bytes, 1);
     EXPECT_EQ(row.result, open_and_set());
     if (row.result == 0) {
-      EXPECT_EQ(row.buffer_time, ctrl.buffer_time);
-      EXPECT_EQ(row.period_time, ctrl.period_time);
-      EXPECT_EQ(row.chunk_size, ctrl.chunk_size);
+      EXPECT_EQ(std::make_tuple(row.buffer_time, row.period_time, unsigned(row.chunk_size)),
+                std::make_tuple(ctrl.buffer_time, ctrl.period_time, unsigned(ctrl.chunk_size)));
     }
     qb_audio_oper_general_uninit(&ctrl);
   }

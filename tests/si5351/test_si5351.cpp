@@ -2,23 +2,11 @@
 // limits; the genlock service's replies and status file; the requests of the client calls. The
 // running service (power-up with its thread, the reset walk from above) is exercised by the
 // integration tests.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <unistd.h>
+#include "am_test_sys.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <array>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "am_i2c_fake.h"
-#include "am_test_env.h"
 #include "qb_si5351.h"
 #include "qb_socket.h"
 
@@ -58,8 +46,7 @@ void reset_channel(int ch, int rate) {
 
 SI5351_CONF_T conf(int ch) {
   SI5351_CONF_T c{};
-  qb_si5351_conf_get(ch, &c);
-  return c;
+  return qb_si5351_conf_get(ch, &c), c;
 }
 
 // A genlock request: command, channel, then the arguments, as little-endian words.
@@ -72,17 +59,14 @@ Bytes request(uint32_t command, std::vector<int32_t> args) {
 
 sockaddr_in loopback(int port) {
   sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(static_cast<uint16_t>(port));
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  a.sin_family = AF_INET, a.sin_port = htons(static_cast<uint16_t>(port)), a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   return a;
 }
 
 int local_port(int fd) {
-  sockaddr_in addr{};
-  socklen_t len = sizeof addr;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-  return ntohs(addr.sin_port);
+  sockaddr_in a{};
+  socklen_t len = sizeof a;
+  return getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0 ? ntohs(a.sin_port) : -1;
 }
 
 // Everything a FILE* receives from fn.
@@ -90,11 +74,9 @@ std::string printed(void (*fn)(FILE*)) {
   char* text = nullptr;
   size_t size = 0;
   FILE* fp = open_memstream(&text, &size);
-  fn(fp);
-  fclose(fp);
-  std::string out(text, size);
-  free(text);
-  return out;
+  fn(fp), fclose(fp);
+  const std::string out(text, size);
+  return free(text), out;
 }
 
 class Si5351Driver : public ::testing::Test {
@@ -110,12 +92,9 @@ class Si5351Driver : public ::testing::Test {
 // Nominal, first and last step each way for every rate, against the encoding of
 // f = nominal +/- step x R; the bytes go out as eight one-byte writes in register order.
 TEST_F(Si5351Driver, ProgramsTheEncodingOfTheShiftedFrequency) {
-  const struct {
-    int rate;
-    uint32_t r, div;
-    uint64_t nominal;
-  } plans[] = {{44100, 4, 2, 22579000}, {48000, 4, 2, 24576000},  {88200, 2, 1, 22579000},
-               {96000, 2, 1, 24576000}, {176400, 1, 0, 22579000}, {192000, 1, 0, 24576000}};
+  const struct { int rate; uint32_t r, div; uint64_t nominal; } plans[] = {
+      {44100, 4, 2, 22579000}, {48000, 4, 2, 24576000}, {88200, 2, 1, 22579000},
+      {96000, 2, 1, 24576000}, {176400, 1, 0, 22579000}, {192000, 1, 0, 24576000}};
   for (const auto& p : plans) {
     for (int v : {0, 300, -300, 2400, -2400}) {
       const int ch = 1 + (p.rate + v) % 3;
@@ -219,8 +198,7 @@ class Si5351Service : public Si5351Driver {
   void SetUp() override {
     Si5351Driver::SetUp();
     svr_ = si5351_svr_open("127.0.0.1", 0);
-    ASSERT_GE(svr_, 0);
-    ASSERT_TRUE(client_.ok());
+    ASSERT_TRUE(svr_ >= 0 && client_.ok());
   }
   void TearDown() override { close(svr_); }
   // Sends one datagram and lets the loop serve it.
@@ -316,49 +294,33 @@ TEST_F(Si5351Service, ClientCalls) {
 
 // ---- calls on the fixed ports, in a private network namespace ---------------------------------
 
-class Si5351ClientNetns : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (!am_test::have_netns()) GTEST_SKIP() << "needs root and network namespaces";
-    ASSERT_TRUE(ns_.ok());
-  }
-  am_test::NetNs ns_;
-};
-
 // The fifo report goes to the service port as sixteen bytes; a service that never answers gets
-// the set-param three times, and the caller goes on.
-TEST_F(Si5351ClientNetns, SilentService) {
-  EXPECT_EQ(ns_.run([] {
-    am_test::UdpReceiver service(11000);
-    const int fd = udp_socket_create("127.0.0.1", 11003);
-    if (!service.ok() || fd < 0 || udp_socket_create("10.9.8.7", 11002) != -1 || udp_socket_create(nullptr, 11002) != -1) {
-      return 1;
-    }
-    Bytes got;
-    if (set_fifo_status(fd, 2, 4096, 7) != 0 || !service.receive(&got, 1000)) return 2;
-    if (got != request(QB_FIFO_REPORT, {2, 4096, 7}) || send_set_param(fd, 3, 44100) != -1) return 3;
-    for (int i = 0; i < 3; ++i) {
-      if (!service.receive(&got, 100) || got != request(QB_SI5351_SET_PARAM, {3, 44100})) return 4;
-    }
-    return 0;
-  }), 0);
-}
-
-// A stand-in service that answers {dump, 0, 48000} at port 11004: four replies are printed, a
-// fifth is not read.
-TEST_F(Si5351ClientNetns, DumpQuery) {
-  EXPECT_EQ(ns_.run([] {
+// the set-param three times, and the caller goes on. A stand-in service that answers {dump, 0,
+// 48000} at port 11004: four replies are printed, a fifth is not read.
+TEST(Si5351ClientNetns, SilentServiceAndDumpQuery) {
+  if (!am_test::have_netns()) GTEST_SKIP() << "needs root and network namespaces";
+  am_test::NetNs ns;
+  ASSERT_TRUE(ns.ok());
+  EXPECT_EQ(ns.run([] {
     am_test::UdpReceiver svr(11000);
-    if (!svr.ok()) return 1;
+    const int fd = udp_socket_create("127.0.0.1", 11003);
+    if (!svr.ok() || fd < 0 || udp_socket_create("10.9.8.7", 11002) != -1) return 1;
+    if (udp_socket_create(nullptr, 11002) != -1) return 1;
+    Bytes got;
+    if (set_fifo_status(fd, 2, 4096, 7) != 0 || !svr.receive(&got, 1000)) return 2;
+    if (got != request(QB_FIFO_REPORT, {2, 4096, 7}) || send_set_param(fd, 3, 44100) != -1) return 3;
+    for (int i = 0; i < 3; ++i)
+      if (!svr.receive(&got, 100) || got != request(QB_SI5351_SET_PARAM, {3, 44100})) return 4;
+    close(fd);
     std::thread answer([&svr] {
-      Bytes got;
-      if (!svr.receive(&got, 5000) || got != request(QB_SI5351_DUMP, {0, 48000})) return;
+      Bytes req;
+      if (!svr.receive(&req, 5000) || req != request(QB_SI5351_DUMP, {0, 48000})) return;
       const sockaddr_in to = loopback(11004);
       for (int i = 0; i < 5; ++i) qb_udp_send(svr.fd(), ("line" + std::to_string(i) + "\n").c_str(), 6, &to);
     });
     const std::string text = printed(qb_si5351_dump);
     answer.join();
-    return text == "line0\nline1\nline2\nline3\n" ? 0 : 2;
+    return text == "line0\nline1\nline2\nline3\n" ? 0 : 5;
   }), 0);
 }
 

@@ -1,18 +1,13 @@
-// Logging, path relocation under the board root, and I2C transfers on the emulated register file
-// and on a character device (the in-process override is what the clock synthesiser tests use).
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <cstdlib>
-#include <functional>
-#include <string>
-#include <vector>
+// Logging, path relocation under the board root, I2C transfers on the emulated register file and
+// on a character device (the in-process override is what the clock synthesiser tests use), and
+// what the process holds on the outside world: the descriptors a helper program inherits, the log
+// files the configuration opens, and a bus path that is not there.
+#include "am_test_sys.h"
 
 #include "am_log.h"
 #include "am_platform.h"
-#include "am_test_env.h"
 #include "i2c_device.h"
+#include "posix_system.h"
 
 namespace {
 
@@ -20,8 +15,20 @@ void collect(int level, const char* message, void* ctx) {
   static_cast<std::vector<std::string>*>(ctx)->push_back(std::to_string(level) + " " + message);
 }
 
-// Messages end with " --[file:line]"; appender files are relocated under the root; a missing or
-// broken configuration falls back to standard error.
+// The descriptors of this process that point at `target`.
+std::vector<int> descriptors_of(const std::string& target) {
+  std::vector<int> fds;
+  char link[64], path[512];
+  for (int fd = 0; fd < 1024; ++fd) {
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const ssize_t n = readlink(link, path, sizeof path - 1);
+    if (n > 0 && target == std::string(path, static_cast<size_t>(n))) fds.push_back(fd);
+  }
+  return fds;
+}
+
+// Messages end with " --[file:line]"; appender files are relocated under the root and closed on
+// exec; a missing or broken configuration falls back to standard error.
 TEST(AmLog, LineEndingRelocationAndFallback) {
   std::vector<std::string> seen;
   am_log_set_observer(collect, &seen);
@@ -40,6 +47,9 @@ TEST(AmLog, LineEndingRelocationAndFallback) {
   AM_LOG_WARN("relocated %d", 7);
   const std::string text = am_test::read_file(root.at("/tmp/am-test.log"));
   EXPECT_EQ(text.rfind("WARN relocated 7 --[test_platform.cpp:", 0), 0u) << text;
+  const std::vector<int> fds = descriptors_of(root.at("/tmp/am-test.log"));
+  ASSERT_FALSE(fds.empty());
+  for (const int fd : fds) EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0) << "descriptor " << fd;
 
   ASSERT_TRUE(root.write("/config/bad.conf", "log4cpp.rootCategory=INFO, x\nlog4cpp.appender.x=NoSuchAppender\n"));
   testing::internal::CaptureStderr();
@@ -53,8 +63,7 @@ TEST(AmLog, LineEndingRelocationAndFallback) {
 }
 
 void set_root(const char* root) {
-  root != nullptr ? setenv(AM_ROOT_ENV, root, 1) : unsetenv(AM_ROOT_ENV);
-  am_platform_reload();
+  root != nullptr ? setenv(AM_ROOT_ENV, root, 1) : unsetenv(AM_ROOT_ENV), am_platform_reload();
 }
 
 // Board paths and the program of a shell command move under the root; arguments, relative paths
@@ -121,11 +130,7 @@ TEST(I2cDevice, FailuresAndTheirTexts) {
   const qb_u8_t v = 1;
   qb_u8_t got = 0;
   const std::string kFailed = "Unable to send data\n";
-  const struct {
-    std::function<int()> call;
-    int rc;
-    std::string out;
-  } cases[] = {
+  const struct { std::function<int()> call; int rc; std::string out; } cases[] = {
       {[&] { return I2C_Device_Write(kBus, 0x80, 0x10, &v, 1); }, -2, kFailed + "I2c_Write Failed at addr=[0x80]\n"},
       {[&] { return I2C_Device_Read(kBus, 0x85, 0x10, &got, 1); }, -1, kFailed + "I2c_Read Failed at addr=[0x85]\n"},
       {[&] { return I2C_Device_Write("/no/such/dir/i2c-9", 0x48, 0x10, &v, 1); }, -1, "Unable to open i2c control file\n"},
@@ -142,6 +147,40 @@ TEST(I2cDevice, FailuresAndTheirTexts) {
     EXPECT_EQ(cases[i].call(), cases[i].rc) << "row " << i;
     EXPECT_EQ(testing::internal::GetCapturedStdout(), cases[i].out) << "row " << i;
   }
+}
+
+// On the board a bus device that is missing is an error, never a new file that takes every
+// transfer; an existing register file is still used as the bus.
+TEST(I2cDevice, MissingBusOutsideABoardRootIsAnError) {
+  am_test::TempRoot scratch;
+  set_root(nullptr);
+  const std::string bus = scratch.path() + "/i2c-9";
+  qb_u8_t value = 0x5A, back = 0;
+  EXPECT_NE(I2C_Device_Write(bus.c_str(), 0x48, 0x10, &value, 1), 0);
+  struct stat st;
+  EXPECT_NE(stat(bus.c_str(), &st), 0) << "the missing bus became a file";
+  ASSERT_TRUE(am_test::write_file(bus, std::string(0x49 * 256, '\0')));
+  EXPECT_EQ(I2C_Device_Write(bus.c_str(), 0x48, 0x10, &value, 1), 0);
+  EXPECT_EQ(I2C_Device_Read(bus.c_str(), 0x48, 0x10, &back, 1), 0);
+  EXPECT_EQ(back, 0x5A);
+  EXPECT_EQ(I2C_Device_Read(bus.c_str(), 0x48, 0x10, nullptr, 1), -1);
+  // A register file that cannot be read (this process's memory, at an address never mapped).
+  EXPECT_EQ(I2C_Device_Read("/proc/self/mem", 0x48, 0x10, &back, 1), -1);
+}
+
+// A helper sees standard input, output and error and nothing else, even descriptors the daemon
+// opened without close-on-exec; its exit status comes back as system() gives it.
+TEST(PosixSystem, HelperInheritsOnlyTheStandardDescriptors) {
+  am_test::TempRoot root({"tmp"});
+  const int leaky_file = open("/dev/null", O_RDONLY), leaky_socket = socket(AF_INET, SOCK_DGRAM, 0);
+  ASSERT_TRUE(leaky_file >= 0 && leaky_socket >= 0);
+  const std::string listing = root.at("/tmp/fds");
+  // ls shows its own descriptor of the folder it reads as 3.
+  EXPECT_EQ(WEXITSTATUS(posix_system(("ls /proc/self/fd > " + listing).c_str())), 0);
+  EXPECT_EQ(am_test::read_file(listing), "0\n1\n2\n3\n");
+  EXPECT_EQ(WEXITSTATUS(posix_system("exit 3")), 3);
+  EXPECT_EQ(WEXITSTATUS(posix_system("/customer/bin/no_such_helper")), 127);
+  close(leaky_file), close(leaky_socket);
 }
 
 }  // namespace

@@ -1,26 +1,18 @@
 // amctl as the daemon sees it: the exact command datagram of every sub-command (printed by
 // --dry-run; the integration tests drive the daemon with real sends).
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
+#include "am_test_sys.h"
+#include <iterator>
 
 #include "../../tools/amctl.h"
 #include "qb_audio_parse.h"
 
 namespace {
 
-struct Outcome {
-  int status = -1;
-  std::string out;
-};
+struct Outcome { int status = -1; std::string out; };
 
 std::vector<std::string> split(const std::string& text) {
-  std::vector<std::string> out;
   std::istringstream in(text);
-  for (std::string word; in >> word;) out.push_back(word);
-  return out;
+  return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
 }
 
 // amctl_main with the given words after the program name; stdout captured.
@@ -29,12 +21,10 @@ Outcome amctl(std::vector<std::string> words) {
   std::vector<char*> argv;
   for (std::string& w : words) argv.push_back(&w[0]);
   argv.push_back(nullptr);
-  Outcome r;
   testing::internal::CaptureStdout();
-  r.status = amctl_main(static_cast<int>(words.size()), argv.data());
+  const int status = amctl_main(static_cast<int>(words.size()), argv.data());
   fflush(stdout);
-  r.out = testing::internal::GetCapturedStdout();
-  return r;
+  return {status, testing::internal::GetCapturedStdout()};
 }
 
 // Bytes from fields: a number is a little-endian 32-bit word, "b:1,0x2" raw bytes, "sN:text" the
@@ -62,11 +52,7 @@ std::vector<uint8_t> le(const std::string& fields) {
 // channels, size, io_in_use 2, three zeros, type, S/PDIF flag, InfoFrame and channel-status bytes.
 TEST(Amctl, DatagramOfEveryCommand) {
   constexpr uint16_t kGet = 1, kSet = 2, kNotify = 3;
-  const struct {
-    const char* words;
-    uint16_t id, op;
-    const char* payload;
-  } cases[] = {
+  const struct { const char* words; uint16_t id, op; const char* payload; } cases[] = {
       {"src-mac 00:11:22:3F:44:55", 1, kSet, "s13:0011223f4455"}, {"mute --get hdmi", 2, kGet, "1 0 0"},
       {"latency hdmi 0x1234", 3, kSet, "1 0x1234"},                 {"output-src spdif hdmiDownmix", 4, kSet, "2 6"},
       {"downmix spdif 7", 5, kSet, "2 7"},                          {"volume 30", 6, kSet, "30"},
@@ -86,8 +72,7 @@ TEST(Amctl, DatagramOfEveryCommand) {
     covered[c.id] = true;
     const std::vector<uint8_t> payload = le(c.payload);
     std::vector<uint8_t> want = le("2 " + std::to_string(8 + payload.size()) + " " + std::to_string(c.id << 16 | c.op) +
-                                   " " + std::to_string(payload.size()));
-    want.insert(want.end(), payload.begin(), payload.end());
+                                   " " + std::to_string(payload.size()) + " " + c.payload);
     const Outcome r = amctl(split(std::string("--dry-run ") + c.words));
     EXPECT_EQ(r.status, AMCTL_EXIT_OK) << c.words;
     EXPECT_EQ(r.out, amctl_hex(want.data(), static_cast<int>(want.size())) + "\n") << c.words;
