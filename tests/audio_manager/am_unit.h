@@ -68,15 +68,10 @@ class Log {
 
 // A record with the given format fields; the rest as the daemon builds them.
 inline qb_audio_info make_record(int sf, int ch, int type, int bspdif = 0) {
-  qb_audio_info r;
-  std::memset(&r, 0, sizeof r);
-  r.Audio_On = 1;
-  r.SampleFrequency = static_cast<qb_s8_t>(sf);
-  r.ValidCh = static_cast<qb_s8_t>(ch);
-  r.SampleSize = 24;
-  r.io_in_use = 2;
-  r.Audio_Type = static_cast<qb_s8_t>(type);
-  r.bSPDIF = static_cast<qb_s8_t>(bspdif);
+  qb_audio_info r{};
+  r.Audio_On = 1, r.SampleSize = 24, r.io_in_use = 2;
+  r.SampleFrequency = static_cast<qb_s8_t>(sf), r.ValidCh = static_cast<qb_s8_t>(ch);
+  r.Audio_Type = static_cast<qb_s8_t>(type), r.bSPDIF = static_cast<qb_s8_t>(bspdif);
   return r;
 }
 inline qb_audio_info record(int ch) {
@@ -91,11 +86,8 @@ inline std::vector<std::string> transfers(const am_test::I2cFake& bus) {
   std::vector<std::string> out;
   for (const am_test::I2cRecord& r : bus.records()) {
     char buf[32];
-    if (r.is_read) {
-      std::snprintf(buf, sizeof buf, "R %02x", r.reg);
-    } else {
-      std::snprintf(buf, sizeof buf, "W %02x=%02x", r.reg, r.bytes.empty() ? 0 : r.bytes[0]);
-    }
+    if (r.is_read) std::snprintf(buf, sizeof buf, "R %02x", r.reg);
+    else std::snprintf(buf, sizeof buf, "W %02x=%02x", r.reg, r.bytes.empty() ? 0 : r.bytes[0]);
     out.push_back(buf);
   }
   return out;
@@ -112,9 +104,8 @@ inline int capture_abort(int i) { return qb_audio_aplay_ctrl_get()->cctrl[i].in_
 // Little-endian 32-bit words as a payload.
 inline Bytes words(std::initializer_list<uint32_t> values) {
   Bytes out;
-  for (uint32_t v : values) {
+  for (uint32_t v : values)
     for (int i = 0; i < 4; ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
-  }
   return out;
 }
 inline Bytes le32(uint32_t v) { return words({v}); }
@@ -164,8 +155,7 @@ class PrivateNet {
     if (home_fd_ < 0 || unshare(CLONE_NEWNET) != 0) return;
     ns_fd_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    struct ifreq ifr;
-    std::memset(&ifr, 0, sizeof ifr);
+    struct ifreq ifr {};
     std::strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
     if (fd >= 0 && ioctl(fd, SIOCGIFFLAGS, &ifr) == 0) {
       ifr.ifr_flags = static_cast<short>(ifr.ifr_flags | IFF_UP);

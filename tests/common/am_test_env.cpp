@@ -240,6 +240,18 @@ bool UdpReceiver::receive(std::vector<uint8_t>* out, int timeout_ms) {
   return n >= 0;
 }
 
+int UdpReceiver::connected_sender() const {
+  sockaddr_in at{};
+  socklen_t len = sizeof at;
+  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd >= 0 && (getsockname(fd_, reinterpret_cast<sockaddr*>(&at), &len) != 0 ||
+                  connect(fd, reinterpret_cast<const sockaddr*>(&at), len) != 0)) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
 NsSocket::NsSocket(const std::string& netns) {
   std::thread t([&] {  // a thread of its own joins the namespace, the socket stays there
     if (join_netns(netns)) fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
