@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <map>
@@ -43,24 +44,18 @@ class Log {
  public:
   Log() { am_log_set_observer(&Log::observe, this); }
   ~Log() { am_log_set_observer(nullptr, nullptr); }
-  std::vector<std::string> lines() const {
+  // How many lines read `text` (all lines when it is null).
+  int count(const char* text = nullptr) const {
     std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
-  }
-  int count(const std::string& text) const {
-    int n = 0;
-    for (const std::string& l : lines()) n += l == text;
-    return n;
+    return static_cast<int>(text == nullptr ? lines_.size() : std::count(lines_.begin(), lines_.end(), text));
   }
 
  private:
   static void observe(int, const char* message, void* ctx) {
     auto* self = static_cast<Log*>(ctx);
-    std::string text(message);
-    const size_t end = text.rfind(" --[");
-    if (end != std::string::npos) text.resize(end);
+    const std::string text(message);
     std::lock_guard<std::mutex> lock(self->mutex_);
-    self->lines_.push_back(text);
+    self->lines_.push_back(text.substr(0, text.rfind(" --[")));
   }
   mutable std::mutex mutex_;  // workers may log while a test reads
   std::vector<std::string> lines_;
@@ -110,6 +105,11 @@ inline Bytes words(std::initializer_list<uint32_t> values) {
 }
 inline Bytes le32(uint32_t v) { return words({v}); }
 inline Bytes text_bytes(const std::string& s) { return Bytes(s.begin(), s.end()); }
+// A channel-information payload: the channel number, then its record.
+inline Bytes channel_note(uint32_t ch, const qb_audio_info& r) {
+  Bytes out = le32(ch);
+  return out.insert(out.end(), reinterpret_cast<const uint8_t*>(&r), reinterpret_cast<const uint8_t*>(&r) + sizeof r), out;
+}
 // A TLV message {outer: {key: value}} as the daemon sends it.
 inline Bytes tlv_message(int32_t outer, int32_t key, const Bytes& value) {
   Bytes out = words({static_cast<uint32_t>(outer), static_cast<uint32_t>(8 + value.size()),
@@ -203,10 +203,7 @@ class ControlTest : public RoutingTest {
     ASSERT_TRUE(PrivateNet::get().enter());
     entered_ = true;
     qb_report_socket_reset();
-    for (int port : {kIt6620Port, kIt6621Port, kAvpPort, kMdinPort, kReportPort}) {
-      peers_[port] = std::make_unique<am_test::UdpReceiver>(port);
-      ASSERT_TRUE(peers_[port]->ok()) << port;
-    }
+    for (int port : {kIt6620Port, kIt6621Port, kAvpPort, kMdinPort, kReportPort}) ASSERT_TRUE((peers_[port] = std::make_unique<am_test::UdpReceiver>(port))->ok()) << port;
     bus.clear_records();
     clear_aborts();
   }
@@ -219,8 +216,7 @@ class ControlTest : public RoutingTest {
   }
   Bytes next(int port, int timeout_ms = kExpectMs) {
     Bytes out;
-    if (!peers_[port]->receive(&out, timeout_ms)) out.clear();
-    return out;
+    return peers_[port]->receive(&out, timeout_ms) ? out : Bytes{};
   }
   bool quiet(int port) {
     Bytes out;

@@ -176,11 +176,7 @@ TEST_F(CommandWalk, MonitorConnectChoosesTheStreamItsEdidTakes) {
 // 0, 1, 2, the third stream's capture route and its S/PDIF and ARC flags; the DSP's decoder code reaches the HDMI records.
 TEST_F(CommandWalk, ChannelInfoRestartsTheCapturesOfItsInput) {
   const std::pair<int, const char*> rows[] = {{1, "1 1 1 r2 f00"}, {2, "1 1 1 r1 f01"}, {3, "1 1 1 r3 f00"}, {4, "1 1 1 r8 f00"}, {5, "1 1 1 r9 f10"}};
-  auto note = [](int ch, const qb_audio_info& rec) {
-    Bytes p = le32(static_cast<uint32_t>(ch));
-    p.insert(p.end(), reinterpret_cast<const uint8_t*>(&rec), reinterpret_cast<const uint8_t*>(&rec) + sizeof rec);
-    send(QB_AUDIO_CMD_CHANNEL_INFO, p, QB_AUDIO_CMD_OP_NOTIFY);
-  };
+  auto note = [](int ch, const qb_audio_info& rec) { send(QB_AUDIO_CMD_CHANNEL_INFO, channel_note(static_cast<uint32_t>(ch), rec), QB_AUDIO_CMD_OP_NOTIFY); };
   auto select_all = [](int src) {
     for (uint32_t sid = 0; sid < 3; ++sid) send(QB_AUDIO_CMD_STREAM_OUTPUT_TONET, words({sid, static_cast<uint32_t>(src), 0x41414141, 0, 0, 0}));
   };

@@ -15,8 +15,7 @@ namespace {
 
 audio_transport_head_t head_of(const Bytes& d) {
   audio_transport_head_t h;
-  std::memcpy(&h, d.data(), sizeof h);
-  return h;
+  return std::memcpy(&h, d.data(), sizeof h), h;
 }
 
 TEST(OperPacket, HeaderBytesAndTheValuesTheSenderWrites) {
@@ -83,10 +82,8 @@ class Sender : public ::testing::Test {
     setsockopt(receiver.fd(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
     ASSERT_GE(fd = receiver.connected_sender(), 0);
     qb_audio_oper_default(&ctrl);
-    ctrl.tx_fd = fd;
-    ctrl.pktSize = 1408;
-    net.assign(QB_AUDIO_BUF_DEFAULT_SIZE, 0);
-    ctrl.net_audiobuf = net.data();
+    ctrl.tx_fd = fd, ctrl.pktSize = 1408;
+    net.assign(QB_AUDIO_BUF_DEFAULT_SIZE, 0), ctrl.net_audiobuf = net.data();
     const qb_audio_info r = make_record(2, 2, 0x80);
     audio_info_head_set(&ctrl, &r);
     for (size_t i = 0; i < pcm.size(); ++i) pcm[i] = static_cast<uint8_t>(i * 7 + 1);
@@ -101,8 +98,7 @@ class Sender : public ::testing::Test {
   am_test::UdpReceiver receiver{0};
   int fd = -1;
   qb_audio_oper_ctrl_t ctrl;
-  Bytes net;
-  Bytes pcm = Bytes(12288);
+  Bytes net, pcm = Bytes(12288);
 };
 
 TEST_F(Sender, ChunksAreCutInto1408ByteDatagramsSentThreePerCall) {

@@ -29,14 +29,12 @@ TEST_F(ChannelTable, CountRateAndResetRefuseWhatTheyCannotTell) {
 }
 
 TEST_F(ChannelTable, CompareIgnoresTheInfoFrameOfHbr) {
-  qb_audio_info a = make_record(14, 8, 0xC0);
-  qb_audio_info b = a;
+  qb_audio_info a = make_record(14, 8, 0xC0), b = a;
   b.AUD_DB[3] = 0x13;
   EXPECT_EQ(cmp_aiinfo(&a, &b), 0);  // InfoFrame bytes ignored for HBR
   a.Audio_Type = b.Audio_Type = static_cast<qb_s8_t>(0x80);
   EXPECT_EQ(cmp_aiinfo(&a, &b), 1);
-  b = a;
-  b.ChStat[4] = 2;
+  b = a, b.ChStat[4] = 2;
   EXPECT_EQ(cmp_aiinfo(&a, &b), 1);
   EXPECT_EQ(qb_audio_channel_state_compare(&a, &b), 1);  // content is not compared
 }
@@ -51,9 +49,7 @@ TEST(ChannelCodes, FrequencyRateMaskAndTypeTables) {
 }
 
 TEST_F(ChannelTable, DumpLinesStatusDumpAndPrintout) {
-  qb_msic_net_stream_in_earc_set(5);
-  qb_net_second_stream_select_set(5);
-  qb_net_third_stream_select_set(7);  // no such source
+  qb_msic_net_stream_in_earc_set(5), qb_net_second_stream_select_set(5), qb_net_third_stream_select_set(7);  // the last: no such source
   const std::string path = root.at("/tmp/dump.txt");
   FILE* fp = std::fopen(path.c_str(), "w");
   ASSERT_NE(fp, nullptr);

@@ -13,8 +13,7 @@ namespace am_unit {
 namespace {
 
 // Format change hook of the tests: counts calls and answers as told.
-int g_hook_calls = 0;
-int g_hook_answer = 1;
+int g_hook_calls = 0, g_hook_answer = 1;
 audio_transport_head_t g_hook_head;
 int count_hook(qb_audio_oper_ctrl_t* ctrl, const audio_transport_head_t* head) {
   ++g_hook_calls;
@@ -36,16 +35,13 @@ class Receiver : public ::testing::Test {
  protected:
   void SetUp() override {
     qb_audio_oper_default(&ctrl);
-    ctrl.file_param_num = 1;
-    ctrl.stream = SND_PCM_STREAM_PLAYBACK;
+    ctrl.file_param_num = 1, ctrl.stream = SND_PCM_STREAM_PLAYBACK;
     set_geometry(8, SND_PCM_FORMAT_S24_LE, 240);
     staging.assign(QB_AUDIO_BUF_DEFAULT_SIZE, 0xEE);
-    ctrl.audiobuf = staging.data();
-    ctrl.audiobuf_capacity = staging.size();
+    ctrl.audiobuf = staging.data(), ctrl.audiobuf_capacity = staging.size();
     const qb_audio_info r = make_record(2, 8, 0x80);
     audio_info_head_set(&ctrl, &r);
-    g_hook_calls = 0;
-    g_hook_answer = 1;
+    g_hook_calls = 0, g_hook_answer = 1;
     playback_new_format_hook_set(count_hook);
     audio_loss_info_reset();
     g_device = &device;
@@ -55,19 +51,15 @@ class Receiver : public ::testing::Test {
     delete ctrl.pAudBuf;
   }
   void set_geometry(unsigned channels, snd_pcm_format_t format, size_t chunk_frames) {
-    ctrl.hwparams.channels = channels;
-    ctrl.hwparams.format = format;
-    ctrl.hwparams.rate = 48000;
+    ctrl.hwparams.channels = channels, ctrl.hwparams.format = format, ctrl.hwparams.rate = 48000;
     ctrl.bits_per_sample = format == SND_PCM_FORMAT_S16_LE ? 16 : 32;
     ctrl.bits_per_frame = ctrl.bits_per_sample * channels;
-    ctrl.chunk_size = chunk_frames;
-    ctrl.chunk_bytes = chunk_frames * ctrl.bits_per_frame / 8;
+    ctrl.chunk_size = chunk_frames, ctrl.chunk_bytes = chunk_frames * ctrl.bits_per_frame / 8;
   }
   // A datagram with the playing header, the given rolling counter and payload.
   Bytes dgram(uint32_t rolling, size_t n, uint8_t fill) const {
     audio_transport_head_t h = ctrl.audio_info_head;
-    h.Packet_Size = static_cast<uint32_t>(n);
-    h.Rolling_Sample_Data_Size_Total = rolling;
+    h.Packet_Size = static_cast<uint32_t>(n), h.Rolling_Sample_Data_Size_Total = rolling;
     Bytes out(sizeof h + n, fill);
     std::memcpy(out.data(), &h, sizeof h);
     return out;
@@ -94,8 +86,7 @@ TEST_F(Receiver, HeaderChecksAndContiguousPayloads) {
   EXPECT_EQ(PLAYBACK_RX_DROPPED, playback_handle_datagram(&ctrl, d.data(), 56));  // header only
   EXPECT_EQ(PLAYBACK_RX_DROPPED, playback_handle_datagram(&ctrl, d.data(), 120));  // wrong length
   EXPECT_EQ(0u, ctrl.audiobuf_datalen);
-  head(d)->Magic = 0;  // magic and sender are not checked
-  head(d)->From = 0x99;
+  head(d)->Magic = 0, head(d)->From = 0x99;  // magic and sender are not checked
   EXPECT_EQ(PLAYBACK_RX_APPENDED, feed(d));
   EXPECT_EQ(PLAYBACK_RX_APPENDED, feed(dgram(100, 1308, 0x11)));
   EXPECT_EQ(PLAYBACK_RX_APPENDED, feed(dgram(1408, 512, 0x22)));
