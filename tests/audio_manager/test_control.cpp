@@ -120,7 +120,9 @@ TEST_F(Control, WrongLengthsAndOutOfRangeValuesChangeNothing) {
   EXPECT_EQ(get_it6621_status(), 1);
   for (int len : {0, 1, 11}) EXPECT_EQ(Payload(len, 'A').call(input_src_mac_set), 0) << len;
   for (int len : {12, 13, 1024}) EXPECT_EQ(Payload(len, 'A').call(input_src_mac_set), 1) << len;
-  EXPECT_EQ(Payload(12, 0xFF).call(input_src_mac_set) + input_src_mac_set(nullptr, 12) + Payload(1024, 0).call(output_src_select_set), 2);
+  EXPECT_EQ(Payload(12, 0xFF).call(input_src_mac_set), 1);
+  EXPECT_EQ(input_src_mac_set(nullptr, 12), 0);
+  EXPECT_EQ(Payload(1024, 0).call(output_src_select_set), 1);
   EXPECT_EQ(call(cec_phyaddr_set, Bytes{0x34, 0x12, 0x00}), 0);
 }
 
