@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <map>
@@ -43,24 +44,18 @@ class Log {
  public:
   Log() { am_log_set_observer(&Log::observe, this); }
   ~Log() { am_log_set_observer(nullptr, nullptr); }
-  std::vector<std::string> lines() const {
+  // How many lines read `text` (all lines when it is null).
+  int count(const char* text = nullptr) const {
     std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
-  }
-  int count(const std::string& text) const {
-    int n = 0;
-    for (const std::string& l : lines()) n += l == text;
-    return n;
+    return static_cast<int>(text == nullptr ? lines_.size() : std::count(lines_.begin(), lines_.end(), text));
   }
 
  private:
   static void observe(int, const char* message, void* ctx) {
     auto* self = static_cast<Log*>(ctx);
-    std::string text(message);
-    const size_t end = text.rfind(" --[");
-    if (end != std::string::npos) text.resize(end);
+    const std::string text(message);
     std::lock_guard<std::mutex> lock(self->mutex_);
-    self->lines_.push_back(text);
+    self->lines_.push_back(text.substr(0, text.rfind(" --[")));
   }
   mutable std::mutex mutex_;  // workers may log while a test reads
   std::vector<std::string> lines_;
@@ -68,15 +63,10 @@ class Log {
 
 // A record with the given format fields; the rest as the daemon builds them.
 inline qb_audio_info make_record(int sf, int ch, int type, int bspdif = 0) {
-  qb_audio_info r;
-  std::memset(&r, 0, sizeof r);
-  r.Audio_On = 1;
-  r.SampleFrequency = static_cast<qb_s8_t>(sf);
-  r.ValidCh = static_cast<qb_s8_t>(ch);
-  r.SampleSize = 24;
-  r.io_in_use = 2;
-  r.Audio_Type = static_cast<qb_s8_t>(type);
-  r.bSPDIF = static_cast<qb_s8_t>(bspdif);
+  qb_audio_info r{};
+  r.Audio_On = 1, r.SampleSize = 24, r.io_in_use = 2;
+  r.SampleFrequency = static_cast<qb_s8_t>(sf), r.ValidCh = static_cast<qb_s8_t>(ch);
+  r.Audio_Type = static_cast<qb_s8_t>(type), r.bSPDIF = static_cast<qb_s8_t>(bspdif);
   return r;
 }
 inline qb_audio_info record(int ch) {
@@ -91,11 +81,8 @@ inline std::vector<std::string> transfers(const am_test::I2cFake& bus) {
   std::vector<std::string> out;
   for (const am_test::I2cRecord& r : bus.records()) {
     char buf[32];
-    if (r.is_read) {
-      std::snprintf(buf, sizeof buf, "R %02x", r.reg);
-    } else {
-      std::snprintf(buf, sizeof buf, "W %02x=%02x", r.reg, r.bytes.empty() ? 0 : r.bytes[0]);
-    }
+    if (r.is_read) std::snprintf(buf, sizeof buf, "R %02x", r.reg);
+    else std::snprintf(buf, sizeof buf, "W %02x=%02x", r.reg, r.bytes.empty() ? 0 : r.bytes[0]);
     out.push_back(buf);
   }
   return out;
@@ -112,13 +99,17 @@ inline int capture_abort(int i) { return qb_audio_aplay_ctrl_get()->cctrl[i].in_
 // Little-endian 32-bit words as a payload.
 inline Bytes words(std::initializer_list<uint32_t> values) {
   Bytes out;
-  for (uint32_t v : values) {
+  for (uint32_t v : values)
     for (int i = 0; i < 4; ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
-  }
   return out;
 }
 inline Bytes le32(uint32_t v) { return words({v}); }
 inline Bytes text_bytes(const std::string& s) { return Bytes(s.begin(), s.end()); }
+// A channel-information payload: the channel number, then its record.
+inline Bytes channel_note(uint32_t ch, const qb_audio_info& r) {
+  Bytes out = le32(ch);
+  return out.insert(out.end(), reinterpret_cast<const uint8_t*>(&r), reinterpret_cast<const uint8_t*>(&r) + sizeof r), out;
+}
 // A TLV message {outer: {key: value}} as the daemon sends it.
 inline Bytes tlv_message(int32_t outer, int32_t key, const Bytes& value) {
   Bytes out = words({static_cast<uint32_t>(outer), static_cast<uint32_t>(8 + value.size()),
@@ -164,8 +155,7 @@ class PrivateNet {
     if (home_fd_ < 0 || unshare(CLONE_NEWNET) != 0) return;
     ns_fd_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    struct ifreq ifr;
-    std::memset(&ifr, 0, sizeof ifr);
+    struct ifreq ifr {};
     std::strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
     if (fd >= 0 && ioctl(fd, SIOCGIFFLAGS, &ifr) == 0) {
       ifr.ifr_flags = static_cast<short>(ifr.ifr_flags | IFF_UP);
@@ -213,10 +203,7 @@ class ControlTest : public RoutingTest {
     ASSERT_TRUE(PrivateNet::get().enter());
     entered_ = true;
     qb_report_socket_reset();
-    for (int port : {kIt6620Port, kIt6621Port, kAvpPort, kMdinPort, kReportPort}) {
-      peers_[port] = std::make_unique<am_test::UdpReceiver>(port);
-      ASSERT_TRUE(peers_[port]->ok()) << port;
-    }
+    for (int port : {kIt6620Port, kIt6621Port, kAvpPort, kMdinPort, kReportPort}) ASSERT_TRUE((peers_[port] = std::make_unique<am_test::UdpReceiver>(port))->ok()) << port;
     bus.clear_records();
     clear_aborts();
   }
@@ -229,8 +216,7 @@ class ControlTest : public RoutingTest {
   }
   Bytes next(int port, int timeout_ms = kExpectMs) {
     Bytes out;
-    if (!peers_[port]->receive(&out, timeout_ms)) out.clear();
-    return out;
+    return peers_[port]->receive(&out, timeout_ms) ? out : Bytes{};
   }
   bool quiet(int port) {
     Bytes out;

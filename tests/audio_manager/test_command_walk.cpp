@@ -128,9 +128,7 @@ TEST_F(CommandWalk, BridgeAndCodecRequests) {
     EXPECT_EQ(transfers(bus), r.fpga) << r.name;
     EXPECT_EQ(r.port != 0 ? next(r.port) : Bytes{}, r.datagram) << r.name;
   }
-  for (const int op : {QB_AUDIO_CMD_OP_GET}) {
-    for (int id : {2, 3, 4, 5, 6, 7, 18}) send(id, Bytes(8, 0), op);  // nothing to report
-  }
+  for (int id : {2, 3, 4, 5, 6, 7, 18}) send(id, Bytes(8, 0), QB_AUDIO_CMD_OP_GET);  // nothing to report
   EXPECT_EQ(am_test::read_file(root.at(kCodecArgsPath)), "-v 40\n-f 2\n");
   audio_mute_all();
   EXPECT_EQ(transfers(bus), (std::vector<std::string>{"W 52=00"}));
@@ -140,11 +138,11 @@ TEST_F(CommandWalk, BridgeAndCodecRequests) {
 }
 
 // A monitor connecting decides between the HDMI output's stream (0) and its fallback (2) from the
-// monitor's audio list: LPCM up to 2 channels at 32-48 kHz and AC-3.
+// monitor's audio list (AC-3 and LPCM up to 2 channels at 32-48 kHz): its first LPCM entry decides.
 TEST_F(CommandWalk, MonitorConnectChoosesTheStreamItsEdidTakes) {
   qb_bridge_edid_wait_ms_set(0);
   send(QB_AUDIO_CMD_STREAM_INPUT_FORLOCAL, words({1, 0, 2}));
-  const am_test::EdidBytes edid = am_test::edid_with({0x26, 0x09, 0x07, 0x07, 0x15, 0x07, 0x50});
+  const am_test::EdidBytes edid = am_test::edid_with({0x26, 0x17, 0x07, 0x50, 0x09, 0x07, 0x07});  // AC-3 8ch before LPCM 2ch
   struct Row { const char* name; int kind, code, ch, mode_before, mode_after; bool edid = true; };
   const Row rows[] = {
       {"stereo lpcm: back to the stream", 0, 0, 2, 1, 0},
@@ -177,13 +175,8 @@ TEST_F(CommandWalk, MonitorConnectChoosesTheStreamItsEdidTakes) {
 // A changed local input restarts the network outputs capturing it: capture aborts of streams
 // 0, 1, 2, the third stream's capture route and its S/PDIF and ARC flags; the DSP's decoder code reaches the HDMI records.
 TEST_F(CommandWalk, ChannelInfoRestartsTheCapturesOfItsInput) {
-  const std::pair<int, const char*> rows[] = {{1, "1 1 1 r2 f00"}, {2, "1 1 1 r1 f01"}, {3, "1 1 1 r3 f00"}, {4, "1 1 1 r8 f00"},
-                                                 {5, "1 1 1 r9 f10"}};
-  auto note = [](int ch, const qb_audio_info& rec) {
-    Bytes p = le32(static_cast<uint32_t>(ch));
-    p.insert(p.end(), reinterpret_cast<const uint8_t*>(&rec), reinterpret_cast<const uint8_t*>(&rec) + sizeof rec);
-    send(QB_AUDIO_CMD_CHANNEL_INFO, p, QB_AUDIO_CMD_OP_NOTIFY);
-  };
+  const std::pair<int, const char*> rows[] = {{1, "1 1 1 r2 f00"}, {2, "1 1 1 r1 f01"}, {3, "1 1 1 r3 f00"}, {4, "1 1 1 r8 f00"}, {5, "1 1 1 r9 f10"}};
+  auto note = [](int ch, const qb_audio_info& rec) { send(QB_AUDIO_CMD_CHANNEL_INFO, channel_note(static_cast<uint32_t>(ch), rec), QB_AUDIO_CMD_OP_NOTIFY); };
   auto select_all = [](int src) {
     for (uint32_t sid = 0; sid < 3; ++sid) send(QB_AUDIO_CMD_STREAM_OUTPUT_TONET, words({sid, static_cast<uint32_t>(src), 0x41414141, 0, 0, 0}));
   };
@@ -211,12 +204,10 @@ TEST_F(CommandWalk, ChannelInfoRestartsTheCapturesOfItsInput) {
 // the source MAC; a reset puts the inputs back on the default group.
 TEST_F(CommandWalk, StreamGroupsFromTheMacs) {
   using Getter = char* (*)(void);
-  const Getter getters[] = {qb_misc_net_stream_out1_ipaddr_get, qb_misc_net_stream_out1_deviceid_get,
-                            qb_misc_net_stream_out5_ipaddr_get, qb_misc_net_stream_out5_deviceid_get,
-                            qb_misc_net_stream_out3_ipaddr_get, qb_misc_net_stream_out3_deviceid_get,
-                            qb_misc_net_stream_in1_ipaddr_get,  qb_misc_net_stream_in1_deviceid_get,
-                            qb_misc_net_stream_in3_ipaddr_get,  qb_misc_net_stream_in3_deviceid_get,
-                            qb_misc_net_stream_in5_ipaddr_get,  qb_misc_net_stream_in5_deviceid_get};
+  const Getter getters[] = {qb_misc_net_stream_out1_ipaddr_get, qb_misc_net_stream_out1_deviceid_get, qb_misc_net_stream_out5_ipaddr_get,
+      qb_misc_net_stream_out5_deviceid_get, qb_misc_net_stream_out3_ipaddr_get, qb_misc_net_stream_out3_deviceid_get, qb_misc_net_stream_in1_ipaddr_get,
+      qb_misc_net_stream_in1_deviceid_get, qb_misc_net_stream_in3_ipaddr_get, qb_misc_net_stream_in3_deviceid_get, qb_misc_net_stream_in5_ipaddr_get,
+      qb_misc_net_stream_in5_deviceid_get};
   auto all = [&] { std::string s; for (Getter g : getters) s += std::string(g()) + "|"; return s; };
   send(QB_AUDIO_CMD_INPUT_SRC_MAC, text_bytes("0A0b0c0d0e0f"));
   for (uint32_t sid = 0; sid < 3; ++sid) {
@@ -235,11 +226,9 @@ TEST_F(CommandWalk, StreamGroupsFromTheMacs) {
 
 // The analog output's direct routes and the player started for each network input.
 TEST_F(CommandWalk, AnalogRoutesAndPlayerCommands) {
-  const std::pair<int (*)(void), int> routes[] = {
-      {qb_audio_output_from_earc_in, FPGA_SRC_IT6620}, {qb_audio_output_from_analog_in, FPGA_SRC_PCM1804},
-      {qb_audio_output_from_hdmi_in, FPGA_SRC_HDMI_IN}, {qb_audio_output_from_sai1_tx, FPGA_SRC_SAI1},
-      {qb_audio_output_from_sai3_tx, FPGA_SRC_SAI3},   {qb_audio_output_from_sai5_tx, FPGA_SRC_SAI5},
-      {qb_audio_output_from_sai6_tx, FPGA_SRC_SAI6},   {qb_audio_output_from_dsp_out, FPGA_SRC_DSP_DAO},
+  const std::pair<int (*)(void), int> routes[] = {{qb_audio_output_from_earc_in, FPGA_SRC_IT6620}, {qb_audio_output_from_analog_in, FPGA_SRC_PCM1804},
+      {qb_audio_output_from_hdmi_in, FPGA_SRC_HDMI_IN}, {qb_audio_output_from_sai1_tx, FPGA_SRC_SAI1}, {qb_audio_output_from_sai3_tx, FPGA_SRC_SAI3},
+      {qb_audio_output_from_sai5_tx, FPGA_SRC_SAI5}, {qb_audio_output_from_sai6_tx, FPGA_SRC_SAI6}, {qb_audio_output_from_dsp_out, FPGA_SRC_DSP_DAO},
       {qb_audio_output_from_spdif_in, FPGA_SRC_SPDIF_IN}};
   for (const auto& [fn, src] : routes) EXPECT_EQ(fn() * 100 + bus.reg(kBus, kFpga, FPGA_REG_ROUTE_ANALOG_OUT), 100 + src) << src;
   bus.set_reg(kBus, kFpga, FPGA_REG_INPUT_ENABLE_HDMI, 0);

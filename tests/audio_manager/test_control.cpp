@@ -11,9 +11,7 @@ namespace {
 
 // A payload in a heap block of exactly n bytes.
 struct Payload {
-  Payload(int n, uint8_t fill) : size(n), bytes(new uint8_t[static_cast<size_t>(n)]) {
-    std::memset(bytes.get(), fill, static_cast<size_t>(n));
-  }
+  Payload(int n, uint8_t fill) : size(n), bytes(new uint8_t[static_cast<size_t>(n)]) { std::memset(bytes.get(), fill, static_cast<size_t>(n)); }
   explicit Payload(const Bytes& b) : Payload(static_cast<int>(b.size()), 0) { std::memcpy(bytes.get(), b.data(), b.size()); }
   int call(Handler fn) const { return fn(bytes.get(), size); }
   int size;
@@ -36,41 +34,32 @@ using Control = ControlTest;
 
 TEST_F(Control, MuteActsOnItsPortsGateAndTheInputLevelOnItsRegister) {
   struct Case { uint32_t ch, mute; int result; uint8_t reg, before, after; };
-  const Case cases[] = {
-      {0, 1, 1, 0x52, 0xFF, 0xBF}, {0, 2, 1, 0x52, 0x00, 0x40}, {1, 1, 1, 0x52, 0xFF, 0xDF}, {2, 0, 1, 0x53, 0x00, 0x02},
-      {3, 1, 1, 0x52, 0xFF, 0x7F}, {5, 0, 1, 0x52, 0x00, 0x01}, {4, 1, 0, 0x52, 0xFF, 0xFF}, {9, 1, 0, 0x52, 0xFF, 0xFF},
-  };
+  const Case cases[] = {{0, 1, 1, 0x52, 0xFF, 0xBF}, {0, 2, 1, 0x52, 0x00, 0x40}, {1, 1, 1, 0x52, 0xFF, 0xDF}, {2, 0, 1, 0x53, 0x00, 0x02},
+                        {3, 1, 1, 0x52, 0xFF, 0x7F}, {5, 0, 1, 0x52, 0x00, 0x01}, {4, 1, 0, 0x52, 0xFF, 0xFF}, {9, 1, 0, 0x52, 0xFF, 0xFF}};
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << "ch " << c.ch << " mute " << c.mute);
     bus.set_reg(kBus, kFpga, c.reg, c.before);
     bus.clear_records();
     EXPECT_EQ(call(output_mute_ctrl_set, words({c.ch, 7, c.mute})), c.result);
-    EXPECT_EQ(bus.reg(kBus, kFpga, c.reg), c.after);
-    EXPECT_EQ(bus.transfer_count(kBus, kFpga) > 0, c.result == 1);
+    EXPECT_EQ((std::pair<int, bool>{bus.reg(kBus, kFpga, c.reg), bus.transfer_count(kBus, kFpga) > 0}), (std::pair<int, bool>{c.after, c.result == 1}));
     EXPECT_TRUE(c.ch != 0 || get_output_analog_mute() == (c.mute == 1 ? 1 : 0));
   }
-  EXPECT_EQ(call(input_analog_volume_set, words({1})), 1);
-  EXPECT_EQ(bus.reg(kBus, kFpga, 0x50), 1);
+  EXPECT_EQ((std::pair<int, int>{call(input_analog_volume_set, words({1})), bus.reg(kBus, kFpga, 0x50)}), (std::pair<int, int>{1, 1}));
   EXPECT_EQ(call(input_analog_volume_set, words({3})), 0);
 }
 
 TEST_F(Control, OutputRequestsAreCachedAndTheArcStreamAlwaysSendsItsMode) {
   struct Case { int32_t sid, source; const char* mac; uint32_t only_arc; int result, arc_mode; };
-  const Case cases[] = {
-      {2, 0, "AABBCCDDEEFF", 0, 1, -1}, {2, 0, "AABBCCDDEEFF", 0, 0, -1},
-      {2, 0, "aabbccddeeff", 0, 0, -1} /* the MAC's case does not count */, {2, 1, "aabbccddeeff", 0, 1, -1},
-      {0, 0, "", 0, 0, -1} /* the cache starts zeroed */, {1, 3, "001122334455", 0, 1, 1},
-      {1, 3, "001122334455", 0, 0, 1} /* unchanged, mode sent all the same */, {1, 3, "001122334455", 5, 0, 2},
-      {1, 0, "001122334455", 5, 1, 0}, {5, 1, "001122334455", 0, 0, -1}, {-1, 1, "001122334455", 0, 0, -1},
-  };
+  const Case cases[] = {{2, 0, "AABBCCDDEEFF", 0, 1, -1}, {2, 0, "AABBCCDDEEFF", 0, 0, -1}, {2, 0, "aabbccddeeff", 0, 0, -1} /* the MAC's case does not count */,
+      {2, 1, "aabbccddeeff", 0, 1, -1}, {0, 0, "", 0, 0, -1} /* the cache starts zeroed */, {1, 3, "001122334455", 0, 1, 1},
+      {1, 3, "001122334455", 0, 0, 1} /* unchanged, mode sent all the same */, {1, 3, "001122334455", 5, 0, 2}, {1, 0, "001122334455", 5, 1, 0},
+      {5, 1, "001122334455", 0, 0, -1}, {-1, 1, "001122334455", 0, 0, -1}};
   set_onlyarc(0);
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << c.sid << "/" << c.source << "/" << c.mac);
     set_onlyarc(c.only_arc);
     EXPECT_EQ(call(stream_output_tonet_set, output_request(c.sid, c.source, c.mac)), c.result);
-    if (c.arc_mode >= 0) {
-      EXPECT_EQ(next(kIt6620Port), tlv_message(7, 0x00030002, le32(static_cast<uint32_t>(c.arc_mode))));
-    }
+    if (c.arc_mode >= 0) { EXPECT_EQ(next(kIt6620Port), tlv_message(7, 0x00030002, le32(static_cast<uint32_t>(c.arc_mode)))); }
   }
   EXPECT_TRUE(quiet(kIt6620Port));
 }
@@ -90,9 +79,7 @@ TEST_F(Report, DatagramsCarryTheExactText) {
   EXPECT_EQ(next_report(), "{\"status\":{\"input\":[" + entry("hdmi", 2, "LPCM", "LPCM", 48000) + "]}}\n");
   // Nothing to report: nothing sent. Bits without a port: the pending mask is cleared.
   EXPECT_EQ(reportDetailsAudioStatus(0), 0);
-  set_update_chs_or(4);
-  set_update_chs_or(-1);  // out of the mask: ignored
-  set_update_chs_or(32);
+  set_update_chs_or(4), set_update_chs_or(-1), set_update_chs_or(32);  // the last two out of the mask: ignored
   EXPECT_EQ(get_update_chs(), 1 << 4);
   EXPECT_EQ(reportDetailsAudioStatus((1 << 0) | (1 << 4) | (1 << 31)), 0);
   EXPECT_EQ(get_update_chs(), 0);
@@ -102,14 +89,12 @@ TEST_F(Report, DatagramsCarryTheExactText) {
   qb_audio_info rec = make_record(10, 8, 0x90);
   rec.AUD_DB[0] = 12;
   qb_audio_channel_state_set(7, &rec);
-  set_output_hdmi_stream_actual_sid(2);
-  set_update_chs_or(3);
+  set_output_hdmi_stream_actual_sid(2), set_update_chs_or(3);
   EXPECT_EQ(reportDetailsAudioStatus(0), 1);
   EXPECT_EQ(next_report(), "{\"status\":{\"output\":[" + entry("hdmi", 8, "DTS", "NLPCM", 96000) + "]}}\n");
   EXPECT_EQ(get_update_chs(), 0);
   // The details request reports every port whatever it asks.
-  set_output_hdmi_stream_actual_sid(0);
-  set_update_chs_or(4);
+  set_output_hdmi_stream_actual_sid(0), set_update_chs_or(4);
   EXPECT_EQ(call(details_audio_status_get, le32(0xFFFF)), 1);
   std::string all;
   for (const char* port : {"analog", "earc", "hdmi", "spdif"}) all += (all.empty() ? "" : ",") + entry(port, 2, "LPCM", "LPCM", 48000);
@@ -119,12 +104,10 @@ TEST_F(Report, DatagramsCarryTheExactText) {
 
 // Every handler refuses payloads of the wrong size without touching the bus, the codec or a peer.
 TEST_F(Control, WrongLengthsAndOutOfRangeValuesChangeNothing) {
-  const std::pair<Handler, int> handlers[] = {
-      {output_mute_ctrl_set, 12}, {output_latency_ctrl_set, 8}, {output_src_select_get, 8}, {output_dwm_mode_set, 8},
-      {output_analog_volume_set, 4}, {output_analog_fullscalevrms_set, 4}, {input_analog_volume_set, 4},
-      {output_earc_enable_ctrl_set, 12}, {input_earc_onlyarc_ctrl_set, 4}, {stream_input_select_set, 12},
-      {stream_input_fallback_select_set, 12}, {stream_input_fromnet_set, 24}, {stream_output_tonet_set, 24},
-      {cec_phyaddr_set, 4}, {details_audio_status_get, 4}, {audio_channel_info_note, 24}, {output_src_select_set, 8}};
+  const std::pair<Handler, int> handlers[] = {{output_mute_ctrl_set, 12}, {output_latency_ctrl_set, 8}, {output_src_select_get, 8}, {output_dwm_mode_set, 8},
+      {output_analog_volume_set, 4}, {output_analog_fullscalevrms_set, 4}, {input_analog_volume_set, 4}, {output_earc_enable_ctrl_set, 12},
+      {input_earc_onlyarc_ctrl_set, 4}, {stream_input_select_set, 12}, {stream_input_fallback_select_set, 12}, {stream_input_fromnet_set, 24},
+      {stream_output_tonet_set, 24}, {cec_phyaddr_set, 4}, {details_audio_status_get, 4}, {audio_channel_info_note, 24}, {output_src_select_set, 8}};
   for (const auto& h : handlers) {
     for (int len : {0, 1, h.second - 1, h.second + 1, 1024}) {
       if (h.first == output_src_select_set && len > h.second) continue;  // read for its first eight bytes

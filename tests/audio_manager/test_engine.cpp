@@ -15,68 +15,52 @@ namespace {
 
 audio_transport_head_t head_of(const Bytes& d) {
   audio_transport_head_t h;
-  std::memcpy(&h, d.data(), sizeof h);
-  return h;
+  return std::memcpy(&h, d.data(), sizeof h), h;
 }
 
 TEST(OperPacket, HeaderBytesAndTheValuesTheSenderWrites) {
   qb_audio_oper_ctrl_t ctrl;
   qb_audio_oper_default(&ctrl);
   qb_audio_info r = make_record(10, 8, 0x80, 1);
-  for (int i = 0; i < 5; ++i) {
-    r.AUD_DB[i] = static_cast<qb_s8_t>(0xA0 + i);
-    r.ChStat[i] = static_cast<qb_s8_t>(0xF0 + i);
-  }
+  for (int i = 0; i < 5; ++i) r.AUD_DB[i] = static_cast<qb_s8_t>(0xA0 + i), r.ChStat[i] = static_cast<qb_s8_t>(0xF0 + i);
   audio_info_head_set(&ctrl, &r);
   audio_transport_head_t h = ctrl.audio_info_head;
   h.Packet_Size = 0x0580;
   h.Rolling_Sample_Data_Size_Total = 0x11223344;
   const auto* b = reinterpret_cast<const uint8_t*>(&h);
   ASSERT_EQ(56u, sizeof h);
-  const std::pair<int, uint8_t> at[] = {{0, 0x44}, {1, 0x53}, {2, 0x32}, {3, 0x49}, {12, 0x80}, {13, 0x05},
-                                        {51, 0xF4}, {52, 0x44}, {55, 0x11}};
+  const std::pair<int, uint8_t> at[] = {{0, 0x44}, {1, 0x53}, {2, 0x32}, {3, 0x49}, {12, 0x80}, {13, 0x05}, {51, 0xF4}, {52, 0x44}, {55, 0x11}};
   for (const auto& p : at) EXPECT_EQ(p.second, b[p.first]) << p.first;
-  EXPECT_EQ(3900u, h.From);
-  EXPECT_EQ((std::vector<int>{1, 2, 10, 8, 24, 0x80, 0}),
-            (std::vector<int>{h.Audio_On, h.IO_In_Use, h.Sample_Frequency, h.Channels, h.Sample_Size,
-                              h.Audio_Type, h.SPDIF}));  // SPDIF always 0
-  EXPECT_EQ(0xA3, h.Audio_Info_Frame[3]);
+  EXPECT_EQ((std::vector<int>{3900, 1, 2, 10, 8, 24, 0x80, 0, 0xA3}),  // SPDIF always 0
+            (std::vector<int>{static_cast<int>(h.From), h.Audio_On, h.IO_In_Use, h.Sample_Frequency, h.Channels, h.Sample_Size, h.Audio_Type, h.SPDIF,
+                              h.Audio_Info_Frame[3]}));
   const audio_transport_head_t before = ctrl.audio_info_head;
   audio_info_head_set(&ctrl, nullptr);
   EXPECT_EQ(0, std::memcmp(&before, &ctrl.audio_info_head, sizeof before));
-
 }
 
 TEST(OperPacket, ChannelTagsOnTwoAndEightChannelsOnly) {
-  uint8_t two[16], eight[64], six[24];
-  std::memset(two, 0x7F, sizeof two);
-  std::memset(eight, 0x55, sizeof eight);
-  std::memset(six, 0x55, sizeof six);
-  EXPECT_EQ(1, audio_channel_tags_write(two, sizeof two, 2, 32));
+  Bytes two(16, 0x7F), eight(64, 0x55), six(24, 0x55);
+  EXPECT_EQ(1, audio_channel_tags_write(two.data(), two.size(), 2, 32));
   for (int s = 0; s < 4; ++s) EXPECT_EQ((std::pair<int, int>{0x7F, s % 2 ? 0x20 : 0}), (std::pair<int, int>{two[s * 4], two[s * 4 + 3]}));
-  EXPECT_EQ(1, audio_channel_tags_write(eight, sizeof eight, 8, 32));
+  EXPECT_EQ(1, audio_channel_tags_write(eight.data(), eight.size(), 8, 32));
   for (int s = 0; s < 16; ++s) EXPECT_EQ(AUDIO_CHANNEL_TAGS_8CH[s % 8], eight[s * 4 + 3]) << s;
-  EXPECT_EQ(0, audio_channel_tags_write(six, sizeof six, 6, 32));
-  EXPECT_EQ(0, audio_channel_tags_write(two, sizeof two, 2, 16));
+  EXPECT_EQ(0, audio_channel_tags_write(six.data(), six.size(), 6, 32));
+  EXPECT_EQ(0, audio_channel_tags_write(two.data(), two.size(), 2, 16));
   for (int s = 0; s < 6; ++s) EXPECT_EQ(0x55, six[s * 4 + 3]);
 }
 
 TEST(OperPacket, CodeTablesAndEncodingNames) {
-  const int rates[][3] = {{0, 44100, 2}, {2, 48000, 4}, {3, 48000, 1}, {8, 88200, 8}, {10, 96000, 16},
-                          {12, 176400, 32}, {14, 192000, 64}, {1, 48000, 4}, {255, 48000, 4}};
+  const int rates[][3] = {{0, 44100, 2}, {2, 48000, 4}, {3, 48000, 1}, {8, 88200, 8}, {10, 96000, 16}, {12, 176400, 32}, {14, 192000, 64}, {1, 48000, 4}, {255, 48000, 4}};
   for (const auto& r : rates) {
     EXPECT_EQ(static_cast<unsigned>(r[1]), audio_code_to_alsa_rate(static_cast<qb_u8_t>(r[0]))) << r[0];
     EXPECT_EQ(r[2], get_audio_samplerate(static_cast<qb_u8_t>(r[0]))) << r[0];
   }
   // The two decoder-code mappings differ at 4 and 16.
-  EXPECT_STREQ("Unknown", audio_dsp_encoding_name(4));
-  EXPECT_EQ(MIX_AUD_TRUEHD, get_audio_type_from_dsp(4));
-  EXPECT_STREQ("DTS", audio_dsp_encoding_name(16));
-  EXPECT_EQ(MIX_AUD_DTSHD, get_audio_type_from_dsp(16));
-  const int dsp[][2] = {{-1, MIX_AUD_INVALID}, {0, MIX_AUD_AAC}, {40, MIX_AUD_DTDHDMA}, {41, MIX_AUD_INVALID}};
+  EXPECT_EQ(std::string(audio_dsp_encoding_name(4)) + "|" + audio_dsp_encoding_name(16) + "|" + audio_dsp_encoding_name(30) + "|" + audio_dsp_encoding_name(41),
+            "Unknown|DTS|DTS HD Master|Unknown");
+  const int dsp[][2] = {{-1, MIX_AUD_INVALID}, {0, MIX_AUD_AAC}, {4, MIX_AUD_TRUEHD}, {16, MIX_AUD_DTSHD}, {40, MIX_AUD_DTDHDMA}, {41, MIX_AUD_INVALID}};
   for (const auto& c : dsp) EXPECT_EQ(c[1], get_audio_type_from_dsp(c[0])) << c[0];
-  EXPECT_STREQ("DTS HD Master", audio_dsp_encoding_name(30));
-  EXPECT_STREQ("Unknown", audio_dsp_encoding_name(41));
   for (int code : {0, 1, 2, 3, 4, 11, 12, 13, 14, 15}) EXPECT_TRUE(spdif_is_support(code)) << code;
   for (int code : {5, 10, 16, 20, -1, 255}) EXPECT_FALSE(arc_is_support(code)) << code;
 
@@ -85,10 +69,8 @@ TEST(OperPacket, CodeTablesAndEncodingNames) {
   qb_audio_info r = make_record(3, 1, 0x80);
   r.SampleSize = 16;
   _file_param_set(&ctrl, &r);
-  EXPECT_EQ(48000u, ctrl.hwparams.rate);  // 32 kHz plays at 48000
-  EXPECT_EQ(8u, ctrl.hwparams.channels);
-  EXPECT_EQ(SND_PCM_FORMAT_S16_LE, ctrl.rhwparams.format);
-  EXPECT_EQ(1408, get_pkt_size(&ctrl));
+  EXPECT_EQ((std::vector<int>{48000, 8, SND_PCM_FORMAT_S16_LE, 1408}),  // 32 kHz plays at 48000
+            (std::vector<int>{static_cast<int>(ctrl.hwparams.rate), static_cast<int>(ctrl.hwparams.channels), ctrl.rhwparams.format, get_pkt_size(&ctrl)}));
 }
 
 // A socket connected to a local receiver stands in for the engine's socket.
@@ -96,18 +78,12 @@ class Sender : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(receiver.ok());
-    struct sockaddr_in local;
-    socklen_t len = sizeof local;
-    getsockname(receiver.fd(), reinterpret_cast<sockaddr*>(&local), &len);
     int size = 4 << 20;
     setsockopt(receiver.fd(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-    fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&local), sizeof local));
+    ASSERT_GE(fd = receiver.connected_sender(), 0);
     qb_audio_oper_default(&ctrl);
-    ctrl.tx_fd = fd;
-    ctrl.pktSize = 1408;
-    net.assign(QB_AUDIO_BUF_DEFAULT_SIZE, 0);
-    ctrl.net_audiobuf = net.data();
+    ctrl.tx_fd = fd, ctrl.pktSize = 1408;
+    net.assign(QB_AUDIO_BUF_DEFAULT_SIZE, 0), ctrl.net_audiobuf = net.data();
     const qb_audio_info r = make_record(2, 2, 0x80);
     audio_info_head_set(&ctrl, &r);
     for (size_t i = 0; i < pcm.size(); ++i) pcm[i] = static_cast<uint8_t>(i * 7 + 1);
@@ -122,8 +98,7 @@ class Sender : public ::testing::Test {
   am_test::UdpReceiver receiver{0};
   int fd = -1;
   qb_audio_oper_ctrl_t ctrl;
-  Bytes net;
-  Bytes pcm = Bytes(12288);
+  Bytes net, pcm = Bytes(12288);
 };
 
 TEST_F(Sender, ChunksAreCutInto1408ByteDatagramsSentThreePerCall) {
@@ -137,11 +112,9 @@ TEST_F(Sender, ChunksAreCutInto1408ByteDatagramsSentThreePerCall) {
     ASSERT_EQ(c.sizes.size(), got.size());
     Bytes joined;
     for (size_t i = 0; i < got.size(); ++i) {
-      EXPECT_EQ(c.sizes[i], head_of(got[i]).Packet_Size) << i;
-      EXPECT_EQ(c.sizes[i] + 56, got[i].size()) << i;
-      EXPECT_EQ(1408u * i, head_of(got[i]).Rolling_Sample_Data_Size_Total) << i;
-      EXPECT_EQ(AUDIO_HEAD_MAGIC, head_of(got[i]).Magic);
-      EXPECT_EQ(ctrl.audio_info_head.Cfg_Change_Number, head_of(got[i]).Cfg_Change_Number);
+      const audio_transport_head_t h = head_of(got[i]);
+      EXPECT_EQ((std::vector<size_t>{c.sizes[i], c.sizes[i] + 56, 1408u * i, AUDIO_HEAD_MAGIC, ctrl.audio_info_head.Cfg_Change_Number}),
+                (std::vector<size_t>{h.Packet_Size, got[i].size(), h.Rolling_Sample_Data_Size_Total, h.Magic, h.Cfg_Change_Number})) << i;
       joined.insert(joined.end(), got[i].begin() + 56, got[i].end());
     }
     EXPECT_EQ(Bytes(pcm.begin(), pcm.begin() + static_cast<long>(c.bytes)), joined);
@@ -163,9 +136,7 @@ TEST_F(ControlTest, CaptureRunOpensTheInputGateAfterItsFirstChunks) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(-1, qb_audio_oper_capture(&ctrl, "null", "127.0.0.1"));  // stopped
   stopper.join();
-  EXPECT_NE(testing::internal::GetCapturedStderr().find(
-                "Recording raw data 'null' : Signed 24 bit Little Endian, Rate 96000 Hz, Channels 8\n"),
-            std::string::npos);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("Recording raw data 'null' : Signed 24 bit Little Endian, Rate 96000 Hz, Channels 8\n"), std::string::npos);
   EXPECT_EQ(fpga_writes(), (Writes{{FPGA_REG_INPUT_ENABLE_HDMI, 1}}));
 }
 
@@ -209,20 +180,16 @@ TEST_F(Aplay, StopEntriesAndTheInputChangeReachOnlyTheirEngine) {
   qb_audio_aplay_in_abort_capture5();
   EXPECT_EQ("000001", flags());
   clear_aborts();
-  qb_audio_aplay_in_abort_capture1();
-  qb_audio_aplay_in_abort_playback3();
+  qb_audio_aplay_in_abort_capture1(), qb_audio_aplay_in_abort_playback3();
   EXPECT_EQ("010100", flags());
   clear_aborts();
   qb_audio_info r = make_record(2, 2, 0x80);
   r.ChStat[0] = 4;
   ASSERT_EQ(1, qb_audio_channel_state_set(7, &r));
   qb_audio_aplay_info_change_set(7);
-  EXPECT_EQ("010000", flags());
-  EXPECT_EQ(0, record(7).ChStat[0]);
-  EXPECT_EQ(0, qb_misc_audio_status_valid_get(7));
+  EXPECT_EQ(flags() + " " + std::to_string(record(7).ChStat[0]) + std::to_string(qb_misc_audio_status_valid_get(7)), "010000 00");
   clear_aborts();
-  qb_audio_aplay_info_change_set(9);
-  qb_audio_aplay_info_change_set(5);
+  qb_audio_aplay_info_change_set(9), qb_audio_aplay_info_change_set(5);
   EXPECT_EQ("000000", flags());
 }
 

@@ -9,23 +9,16 @@ namespace am_unit {
 namespace {
 
 TEST(FrameBoardMode, ModelTextAndBoardInfoFile) {
-  const std::pair<const char*, int> models[] = {
-      {"QB-AV-TX-A-100", QB_BOARD_MODE_TX_A}, {"RX", QB_BOARD_MODE_RX}, {"TR-A", QB_BOARD_MODE_TR_A},
-      {"TR", QB_BOARD_MODE_TR}, {"TR-A RX", QB_BOARD_MODE_RX} /* RX is tested before TR-A */,
-      {"RX TX-A", QB_BOARD_MODE_TX_A} /* TX-A first of all */, {"XTR-AX", QB_BOARD_MODE_TR_A}, {"TRX", QB_BOARD_MODE_RX},
-      {"TX", QB_BOARD_MODE_UNKNOWN}, {"tx-a", QB_BOARD_MODE_UNKNOWN}, {"", QB_BOARD_MODE_UNKNOWN},
-      {nullptr, QB_BOARD_MODE_UNKNOWN}};
+  constexpr int U = QB_BOARD_MODE_UNKNOWN;
+  const std::pair<const char*, int> models[] = {{"QB-AV-TX-A-100", QB_BOARD_MODE_TX_A}, {"RX", QB_BOARD_MODE_RX}, {"TR-A", QB_BOARD_MODE_TR_A},
+      {"TR", QB_BOARD_MODE_TR}, {"TR-A RX", QB_BOARD_MODE_RX} /* RX is tested before TR-A */, {"RX TX-A", QB_BOARD_MODE_TX_A} /* TX-A first of all */,
+      {"XTR-AX", QB_BOARD_MODE_TR_A}, {"TRX", QB_BOARD_MODE_RX}, {"TX", U}, {"tx-a", U}, {"", U}, {nullptr, U}};
   for (const auto& c : models) EXPECT_EQ(qb_board_mode_from_model(c.first), c.second) << (c.first ? c.first : "(null)");
 
-  const std::string deep(5000, '[');
-  const std::string big = R"({"modelNumber":"TX-A","pad":")" + std::string(70000, 'x') + "\"}";
-  const std::pair<const char*, int> files[] = {
-      {R"({"serial":"1","modelNumber":"VX-TR-A","hw":2})", QB_BOARD_MODE_TR_A}, {nullptr, QB_BOARD_MODE_UNKNOWN},
-      {"", QB_BOARD_MODE_UNKNOWN}, {"modelNumber=TX-A", QB_BOARD_MODE_UNKNOWN}, {R"({"modelNumber":17})", QB_BOARD_MODE_UNKNOWN},
-      {R"({"modelNumber":{"name":"TX-A"}})", QB_BOARD_MODE_UNKNOWN}, {R"({"modelNumber":""})", QB_BOARD_MODE_UNKNOWN},
-      {R"({"model":"TX-A"})", QB_BOARD_MODE_UNKNOWN}, {R"(["modelNumber","TX-A"])", QB_BOARD_MODE_UNKNOWN},
-      {R"({"modelNumber":"VX-100"})", QB_BOARD_MODE_UNKNOWN}, {deep.c_str(), QB_BOARD_MODE_UNKNOWN},
-      {big.c_str(), QB_BOARD_MODE_UNKNOWN} /* too large to be a board file */};
+  const std::string deep(5000, '['), big = R"({"modelNumber":"TX-A","pad":")" + std::string(70000, 'x') + "\"}";
+  const std::pair<const char*, int> files[] = {{R"({"serial":"1","modelNumber":"VX-TR-A","hw":2})", QB_BOARD_MODE_TR_A}, {nullptr, U}, {"", U},
+      {"modelNumber=TX-A", U}, {R"({"modelNumber":17})", U}, {R"({"modelNumber":{"name":"TX-A"}})", U}, {R"({"modelNumber":""})", U}, {R"({"model":"TX-A"})", U},
+      {R"(["modelNumber","TX-A"])", U}, {R"({"modelNumber":"VX-100"})", U}, {deep.c_str(), U}, {big.c_str(), U} /* too large to be a board file */};
   for (const auto& c : files) {
     SCOPED_TRACE(c.first ? std::string(c.first).substr(0, 40) : "no file");
     am_test::TempRoot root({"misc"});

@@ -12,9 +12,7 @@ class Fpga : public RoutingTest {};
 TEST_F(Fpga, VerifiedWrite) {
   EXPECT_EQ(qb_audio_fpga_i2c_write(0x11, 0x02), 1);
   EXPECT_EQ(transfers(bus), (Seq{"W 11=02", "R 11"}));
-  EXPECT_EQ(bus.records()[0].path, kBus);
-  EXPECT_EQ(bus.records()[0].addr, kFpga);
-
+  EXPECT_EQ(bus.records()[0].path + " " + std::to_string(bus.records()[0].addr), std::string(kBus) + " " + std::to_string(kFpga));
   // Read back differs: 0, the value logged, no second write.
   bus.clear_records();
   bus.set_read_value(kBus, kFpga, 0x11, 0x07);
@@ -24,7 +22,6 @@ TEST_F(Fpga, VerifiedWrite) {
   bus.fail_next_writes(1);
   EXPECT_EQ(qb_audio_fpga_i2c_write(0x12, 0x03), 0);
   EXPECT_EQ(bus.records().size(), 1u);  // no read-back after a failed write
-
 }
 
 TEST_F(Fpga, SinkMuteChangesOnlyItsOwnBit) {
@@ -33,10 +30,8 @@ TEST_F(Fpga, SinkMuteChangesOnlyItsOwnBit) {
   EXPECT_EQ(transfers(bus), (Seq{"R 52", "R 53", "W 53=fd", "R 53"}));
   // Muting clears only the sink's bit of an all-enabled register, unmuting sets only it.
   struct Case { const char* name; int (*mute)(void), (*unmute)(void); uint8_t reg, bit; };
-  const Case cases[] = {{"earc", earc_output_mute, earc_output_unmute, 0x52, 0x80},
-                        {"analog", analog_output_mute, analog_output_unmute, 0x52, 0x40},
-                        {"hdmi", hdmi_output_mute, hdmi_output_unmute, 0x52, 0x20},
-                        {"dsp", dsp_output_mute, dsp_output_unmute, 0x52, 0x01},
+  const Case cases[] = {{"earc", earc_output_mute, earc_output_unmute, 0x52, 0x80}, {"analog", analog_output_mute, analog_output_unmute, 0x52, 0x40},
+                        {"hdmi", hdmi_output_mute, hdmi_output_unmute, 0x52, 0x20}, {"dsp", dsp_output_mute, dsp_output_unmute, 0x52, 0x01},
                         {"spdif", spdif_output_mute, spdif_output_unmute, 0x53, 0x02}};
   for (const Case& c : cases) {
     for (const bool mute : {true, false}) {
@@ -49,8 +44,7 @@ TEST_F(Fpga, SinkMuteChangesOnlyItsOwnBit) {
   // The enable register cannot be read, or the register is no sink: nothing written.
   bus.clear_records();
   bus.fail_next_reads(1);
-  EXPECT_EQ(output_mute_ctrl(0x11, 1), 0);
-  EXPECT_EQ(output_mute_ctrl(0x19, 1), 0);
+  EXPECT_EQ(output_mute_ctrl(0x11, 1) + output_mute_ctrl(0x19, 1), 0);
   EXPECT_EQ(transfers(bus), (Seq{"R 52", "R 52"}));
 }
 

@@ -30,11 +30,7 @@ const qb_audio_new_format_ops_t kFakeOps = {
     [](int mode, unsigned sid) { return add(fmt("earc", mode, static_cast<int>(sid))), 1; },
     [](int mode, unsigned sid) { return add(fmt("spdif", mode, static_cast<int>(sid))), 1; },
     [](int inputs) { return add(fmt("report", inputs, 0)), 1; },
-    [](T_Edid_Audio_Info_* list) {
-      if (!g_calls->edid_present) return 0;
-      *list = g_calls->edid;
-      return 1;
-    },
+    [](T_Edid_Audio_Info_* list) { return g_calls->edid_present ? (*list = g_calls->edid, 1) : 0; },
     [](const char* command) { return add(std::string("sh:") + command), g_calls->system_result; },
 };
 
@@ -56,31 +52,22 @@ class NewFormat : public RoutingTest {
   void reset() {
     qb_audio_oper_default(&ctrl);
     ctrl.file_param_num = 1;
-    for (int out : {QB_AUDIO_OUTPUT_ANALOG, QB_AUDIO_OUTPUT_HDMI, QB_AUDIO_OUTPUT_SPDIF, QB_AUDIO_OUTPUT_EARC}) {
-      qb_audio_stream_input_select(out, 2, -1);
-    }
+    for (int out : {QB_AUDIO_OUTPUT_ANALOG, QB_AUDIO_OUTPUT_HDMI, QB_AUDIO_OUTPUT_SPDIF, QB_AUDIO_OUTPUT_EARC}) qb_audio_stream_input_select(out, 2, -1);
     calls = Calls{};
   }
   static audio_transport_head_t head(int sf, int ch, int type, int chs1 = 0, int code = 0) {
     qb_audio_info r = make_record(sf, ch, type);
-    r.ChStat[1] = static_cast<qb_s8_t>(chs1);
-    r.ChStat[2] = 2;
-    r.AUD_DB[0] = static_cast<qb_s8_t>(code);
+    r.ChStat[1] = static_cast<qb_s8_t>(chs1), r.ChStat[2] = 2, r.AUD_DB[0] = static_cast<qb_s8_t>(code);
     qb_audio_oper_ctrl_t tmp;
     qb_audio_oper_default(&tmp);
     audio_info_head_set(&tmp, &r);
     return tmp.audio_info_head;
   }
-  int run(audio_transport_head_t h) {
-    calls.list.clear();
-    return qb_audio_oper_new_format(&ctrl, &h);
-  }
+  int run(audio_transport_head_t h) { return calls.list.clear(), qb_audio_oper_new_format(&ctrl, &h); }
   bool called(const std::string& s) const { return std::find(calls.list.begin(), calls.list.end(), s) != calls.list.end(); }
   void sink(unsigned lpcm_channels, unsigned lpcm_rates, E_Audio_Format other = ENUM_AC3) {
-    calls.edid_present = true;
-    calls.edid.u8AudioInfoNum = 2;
-    calls.edid.ptAudioInfo[0].eAudioFomat = other;
-    calls.edid.ptAudioInfo[1].eAudioFomat = ENUM_LPCM;
+    calls.edid_present = true, calls.edid.u8AudioInfoNum = 2;
+    calls.edid.ptAudioInfo[0].eAudioFomat = other, calls.edid.ptAudioInfo[1].eAudioFomat = ENUM_LPCM;
     calls.edid.ptAudioInfo[1].u8MaxChannels = static_cast<qb_u8_t>(lpcm_channels);
     calls.edid.ptAudioInfo[1].eSampleRateFlags = static_cast<E_Audio_Samplerate_Flag>(lpcm_rates);
   }
@@ -93,23 +80,14 @@ TEST_F(NewFormat, AdoptsTheFormatAndEndsTheRun) {
   audio_transport_head_t h = head(10, 8, 0x80);
   h.Audio_Info_Frame[0] = 5;
   EXPECT_EQ(1, run(h));
-  EXPECT_EQ(1, ctrl.in_aborting.load());
-  EXPECT_EQ(10, ctrl.audio_info_head.Sample_Frequency);
-  EXPECT_EQ(5, ctrl.audio_info_head.Audio_Info_Frame[0]);
   const qb_audio_info ch6 = record(6);
-  EXPECT_EQ((std::vector<int>{10, 8, 2}), (std::vector<int>{ch6.SampleFrequency, ch6.ValidCh, ch6.io_in_use}));
+  EXPECT_EQ((std::vector<int>{1, 10, 5, 10, 8, 2}), (std::vector<int>{ctrl.in_aborting.load(), ctrl.audio_info_head.Sample_Frequency,
+            ctrl.audio_info_head.Audio_Info_Frame[0], ch6.SampleFrequency, ch6.ValidCh, ch6.io_in_use}));
   EXPECT_EQ((std::vector<std::string>{"report(0,0)"}), calls.list);
-
 }
 
 TEST_F(NewFormat, HdmiFallbackDecisions) {
-  struct Row {
-    const char* name;
-    int fallback, mode;
-    bool edid;
-    int sf, ch, type, chs1, code;
-    std::vector<std::string> calls;
-  };
+  struct Row { const char* name; int fallback, mode; bool edid; int sf, ch, type, chs1, code; std::vector<std::string> calls; };
   const Row rows[] = {
       {"no fallback: back to normal", -1, 1, false, 2, 2, 0x80, 0, 0, {"chs(3,0)", "avp(6,2)", "hdmi(0,0)", "report(0,0)"}},
       {"no edid: stays normal", 1, 1, false, 14, 8, 0x80, 0, 0, {"chs(3,0)", "hdmi(0,0)", "avp(6,14)", "report(0,0)"}},
@@ -141,16 +119,14 @@ TEST_F(NewFormat, EarcFallbackRulesAndChannelStatus) {
     SCOPED_TRACE(testing::Message() << r.chs1 << "/" << r.chs2 << "/" << r.chs3 << "/" << r.code);
     set_output_earc_stream_mode(0);
     audio_transport_head_t h = head(2, 2, 0x80, r.chs1, r.code);
-    h.IEC60958_Channel_Stats[2] = static_cast<uint8_t>(r.chs2);
-    h.IEC60958_Channel_Stats[3] = static_cast<uint8_t>(r.chs3);
+    h.IEC60958_Channel_Stats[2] = static_cast<uint8_t>(r.chs2), h.IEC60958_Channel_Stats[3] = static_cast<uint8_t>(r.chs3);
     h.Audio_Info_Frame[3] = 0x13;
     run(h);
     EXPECT_EQ(r.fallback, called("earc(1,1)"));
     // Fed from this stream: the bridge gets the five status bytes and info-frame byte 3.
     ASSERT_EQ(6u, calls.chs.size());
-    EXPECT_EQ((std::vector<uint8_t>{static_cast<uint8_t>(r.chs1), static_cast<uint8_t>(r.chs2),
-                                    static_cast<uint8_t>(r.chs3), 0x13}),
-              (std::vector<uint8_t>{calls.chs[1], calls.chs[2], calls.chs[3], calls.chs[5]}));
+    EXPECT_EQ((Bytes{static_cast<uint8_t>(r.chs1), static_cast<uint8_t>(r.chs2), static_cast<uint8_t>(r.chs3), 0x13}),
+              (Bytes{calls.chs[1], calls.chs[2], calls.chs[3], calls.chs[5]}));
   }
   EXPECT_GT(ctrl.runtime, 0);
 }

@@ -1,5 +1,4 @@
 // Packet-loss statistics: the per-second records of each stream.
-
 #include "am_unit.h"
 #include "audio_packet_loss_statistics.h"
 
@@ -21,8 +20,7 @@ class PacketLoss : public ::testing::Test {
     audio_loss_info_reset();
   }
   static AUDIO_LOSS_INFO_T info(int chn) {
-    AUDIO_LOSS_INFO_T out;
-    std::memset(&out, 0, sizeof out);
+    AUDIO_LOSS_INFO_T out{};
     EXPECT_EQ(audio_loss_info_get(chn, &out), 0);
     return out;
   }
@@ -34,12 +32,10 @@ TEST_F(PacketLoss, RecordsPerSecondRingAndRefusals) {
   AUDIO_LOSS_INFO_T out;
   EXPECT_EQ(audio_loss_info_get(3, &out), -1);
   // Losses of one second share a slot.
-  EXPECT_EQ(set_audio_loss_info(1, 1000), 0);
-  EXPECT_EQ(set_audio_loss_info(1, 500), 0);
+  EXPECT_EQ(set_audio_loss_info(1, 1000) + set_audio_loss_info(1, 500), 0);
   AUDIO_LOSS_INFO_T i = info(1);
   EXPECT_EQ((std::vector<long long>{1, 1000, 1500, 1500}),
-            (std::vector<long long>{i.idx, i.stLostInfo[0].lossTime, i.stLostInfo[0].lossBytes,
-                                    static_cast<long long>(i.lossBytesTotal)}));
+            (std::vector<long long>{i.idx, i.stLostInfo[0].lossTime, i.stLostInfo[0].lossBytes, static_cast<long long>(i.lossBytesTotal)}));
   EXPECT_EQ(info(0).lossBytesTotal + info(2).lossBytesTotal, 0u);
   // 61 distinct seconds: the first second's slot now holds the 61st; the total counts all.
   uint64_t total = 0;
@@ -53,10 +49,8 @@ TEST_F(PacketLoss, RecordsPerSecondRingAndRefusals) {
             (std::vector<long long>{i.idx, i.stLostInfo[0].lossTime, i.stLostInfo[0].lossBytes, i.stLostInfo[1].lossTime}));
   EXPECT_EQ(i.lossBytesTotal, total);
   // A second's count saturates instead of wrapping.
-  EXPECT_EQ(set_audio_loss_info(2, 0x7FFFFFF0), 0);
-  EXPECT_EQ(set_audio_loss_info(2, 0x100), 0);
-  EXPECT_EQ(info(2).stLostInfo[0].lossBytes, 0x7FFFFFFF);
-  EXPECT_EQ(info(2).lossBytesTotal, 0x7FFFFFF0ull + 0x100ull);
+  EXPECT_EQ(set_audio_loss_info(2, 0x7FFFFFF0) + set_audio_loss_info(2, 0x100), 0);
+  EXPECT_EQ((std::pair<long long, uint64_t>{info(2).stLostInfo[0].lossBytes, info(2).lossBytesTotal}), (std::pair<long long, uint64_t>{0x7FFFFFFF, 0x7FFFFFF0ull + 0x100ull}));
 }
 
 }  // namespace

@@ -33,7 +33,7 @@ Bytes payload(size_t n, uint8_t first = 0x10) {
 struct Call {
   int id, op;
   Bytes bytes;
-  bool operator==(const Call& o) const { return id == o.id && op == o.op && bytes == o.bytes; }
+  bool operator==(const Call& o) const { return std::tie(id, op, bytes) == std::tie(o.id, o.op, o.bytes); }
 };
 std::vector<Call> g_calls;
 template <int Row, int Op>
@@ -65,11 +65,8 @@ class ParseDispatch : public ::testing::Test {
 TEST_F(ParseDispatch, OperationChoosesTheHandler) {
   const Bytes p = payload(4);
   struct Case { uint32_t id, op; std::vector<Call> calls; };
-  const Case cases[] = {
-      {2, 1, {{2, 1, p}}}, {2, 2, {{2, 2, p}}}, {2, 3, {}} /* no notify handler */, {17, 2, {}} /* no set handler */,
-      {17, 1, {{17, 1, p}}}, {8, 3, {{8, 3, p}}}, {8, 2, {}}, {2, 0, {}}, {2, 4, {}}, {2, 0xFFFF, {}}, {20, 2, {}},
-      {0, 2, {}}, {0xFFFF, 2, {}}, {1, 1, {{1, 1, p}}},
-  };
+  const Case cases[] = {{2, 1, {{2, 1, p}}}, {2, 2, {{2, 2, p}}}, {2, 3, {}} /* no notify handler */, {17, 2, {}} /* no set handler */,
+      {17, 1, {{17, 1, p}}}, {8, 3, {{8, 3, p}}}, {8, 2, {}}, {2, 0, {}}, {2, 4, {}}, {2, 0xFFFF, {}}, {20, 2, {}}, {0, 2, {}}, {0xFFFF, 2, {}}, {1, 1, {{1, 1, p}}}};
   for (const Case& c : cases) {
     g_calls.clear();
     dispatch(message({{cmd(c.id, c.op), p}}));
@@ -97,13 +94,9 @@ TEST_F(ParseDispatch, OuterItemChecks) {
   const Bytes good = message({{cmd(2, 2), payload(12)}});
   dispatch(message({{cmd(2, 2), payload(12)}}, 3));
   EXPECT_EQ(log.count("invalid cmd"), 1);
-  auto with_length = [&](uint32_t length) {
-    Bytes msg = good;
-    std::memcpy(msg.data() + 4, &length, 4);
-    return msg;
-  };
+  auto with_length = [&](uint32_t length) { Bytes msg = good; return std::memcpy(msg.data() + 4, &length, 4), msg; };
   for (uint32_t length : {0u, 0x80000000u, 0xFFFFFFFFu}) dispatch(with_length(length));  // dropped silently
-  EXPECT_EQ(log.lines().size(), 1u);
+  EXPECT_EQ(log.count(), 1);
   for (uint32_t length : {static_cast<uint32_t>(good.size()), 1016u, 4096u, 0x7FFFFFFFu}) dispatch(with_length(length));
   EXPECT_EQ(log.count("invalid cmd"), 5);  // beyond the datagram: nothing read past it
   for (size_t n = 0; n < 16; ++n) dispatch(Bytes(good.begin(), good.begin() + static_cast<long>(n)));
@@ -113,22 +106,14 @@ TEST_F(ParseDispatch, OuterItemChecks) {
 // A message whose outer type is 3: always logged as "invalid cmd", whatever the handlers do.
 const Bytes kInvalidCmd = {0x03, 0, 0, 0, 0x0C, 0, 0, 0, 0x02, 0, 0x02, 0, 0x04, 0, 0, 0, 1, 2, 3, 4};
 
-bool send_to(int fd, const struct sockaddr_in& to, const Bytes& bytes) {
-  return sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const struct sockaddr*>(&to), sizeof to) ==
-         static_cast<ssize_t>(bytes.size());
-}
-
 TEST(ParseReceive, OversizedAndEmptyDatagramsAreRefusedAndTheNextOneIsServed) {
   am_test::UdpReceiver cmd(0);  // an ephemeral loopback socket stands in for the daemon's command socket
-  struct sockaddr_in addr;
-  socklen_t len = sizeof addr;
-  getsockname(cmd.fd(), reinterpret_cast<struct sockaddr*>(&addr), &len);
   audio_cmd_fd_set(cmd.fd());
-  const int tx = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  const int tx = cmd.connected_sender();
   Log log;
   Bytes full = kInvalidCmd;
   full.resize(QB_AUDIO_CMD_BUF_SIZE, 0);
-  for (const Bytes& d : {Bytes(1500, 0x02), kInvalidCmd, Bytes{}, full}) ASSERT_TRUE(send_to(tx, addr, d));
+  for (const Bytes& d : {Bytes(1500, 0x02), kInvalidCmd, Bytes{}, full}) ASSERT_EQ(send(tx, d.data(), d.size(), 0), static_cast<ssize_t>(d.size()));
   // 1500 bytes: refused and drained; empty: refused; exactly the buffer size: served.
   const int invalid_after[] = {0, 1, 1, 2};
   for (int expect : invalid_after) {

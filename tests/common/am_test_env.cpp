@@ -161,10 +161,7 @@ int NetNs::run(const std::function<int()>& fn, int timeout_ms) const {
   }
   int status = 0;
   const bool exited = pid > 0 && wait_for([&] { return waitpid(pid, &status, WNOHANG) == pid; }, timeout_ms, 5);
-  if (pid > 0 && !exited) {
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
-  }
+  if (pid > 0 && !exited) kill(pid, SIGKILL), waitpid(pid, &status, 0);
   return exited && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
@@ -177,11 +174,7 @@ Process::Process(const std::vector<std::string>& argv, const std::vector<std::st
   if (pid_ != 0) return;
   setpgid(0, 0);
   const int fd = output_path.empty() ? -1 : open(output_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  if (fd >= 0) {
-    dup2(fd, 1);
-    dup2(fd, 2);
-    close(fd);
-  }
+  if (fd >= 0) dup2(fd, 1), dup2(fd, 2), close(fd);
   for (const std::string& entry : env) {
     const size_t eq = entry.find('=');
     if (eq != std::string::npos) setenv(entry.substr(0, eq).c_str(), entry.substr(eq + 1).c_str(), 1);
@@ -198,8 +191,7 @@ Process::~Process() {
   if (pid_ <= 0 || reaped_) return;
   kill(-pid_, SIGKILL);
   kill(pid_, SIGKILL);
-  while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
-  }
+  while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) continue;
 }
 
 bool Process::wait_exit(int timeout_ms, int* status) {
@@ -218,26 +210,30 @@ UdpReceiver::UdpReceiver(int port, const std::string& ip) {
   const int on = 1;
   const sockaddr_in addr = address(ip, port);
   if (fd_ >= 0 && (ip.empty() || setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0 ||
-                   bind(fd_, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) != 0)) {
-    close(fd_);
-    fd_ = -1;
-  }
+                   bind(fd_, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) != 0))
+    close(fd_), fd_ = -1;
 }
 
-UdpReceiver::~UdpReceiver() {
-  if (fd_ >= 0) close(fd_);
-}
+UdpReceiver::~UdpReceiver() { if (fd_ >= 0) close(fd_); }
 
 bool UdpReceiver::receive(std::vector<uint8_t>* out, int timeout_ms) {
   pollfd pfd = {fd_, POLLIN, 0};
   int rc = 0;
-  while (fd_ >= 0 && (rc = poll(&pfd, 1, timeout_ms)) < 0 && errno == EINTR) {
-  }
+  while (fd_ >= 0 && (rc = poll(&pfd, 1, timeout_ms)) < 0 && errno == EINTR) continue;
   if (fd_ < 0 || out == nullptr || rc <= 0) return false;
   out->resize(65536);
   const ssize_t n = recv(fd_, out->data(), out->size(), 0);
   out->resize(n < 0 ? 0 : static_cast<size_t>(n));
   return n >= 0;
+}
+
+int UdpReceiver::connected_sender() const {
+  sockaddr_in at{};
+  socklen_t len = sizeof at;
+  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  const bool ok = fd >= 0 && getsockname(fd_, reinterpret_cast<sockaddr*>(&at), &len) == 0 && connect(fd, reinterpret_cast<const sockaddr*>(&at), len) == 0;
+  if (!ok && fd >= 0) close(fd);
+  return ok ? fd : -1;
 }
 
 NsSocket::NsSocket(const std::string& netns) {
@@ -247,9 +243,7 @@ NsSocket::NsSocket(const std::string& netns) {
   t.join();
 }
 
-NsSocket::~NsSocket() {
-  if (fd_ >= 0) close(fd_);
-}
+NsSocket::~NsSocket() { if (fd_ >= 0) close(fd_); }
 
 bool NsSocket::listen(const std::string& group, int port) {
   const int one = 1, zero = 0;

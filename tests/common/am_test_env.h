@@ -105,6 +105,8 @@ class UdpReceiver {
   bool ok() const { return fd_ >= 0; }
   int fd() const { return fd_; }
   bool receive(std::vector<uint8_t>* out, int timeout_ms);
+  // A new close-on-exec UDP socket connected to this receiver's address (-1 on failure).
+  int connected_sender() const;
 
  private:
   int fd_ = -1;

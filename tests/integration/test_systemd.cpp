@@ -36,11 +36,7 @@ TEST(SystemdInstall, UnitsPointAtTheInstalledProgramsAndVerify) {
 
 TEST(SystemdNotify, ReadyAfterStartStoppingOnSignalThenExitZero) {
   if (!am_test::have_netns()) GTEST_SKIP() << "needs root and network namespaces";
-  struct Row {
-    std::string program;
-    int stop_signal;
-    const char* ready_log;  // in its log once READY=1 has come
-  };
+  struct Row { std::string program; int stop_signal; const char* ready_log; };  // ready_log: in its log once READY=1 has come
   for (const Row& d : {Row{"audio_manager", SIGTERM, "audio manager init done"}, Row{"qb_genlock", SIGTSTP, "si5351_task pid:"}}) {
     SCOPED_TRACE(d.program);
     am_test::TempRoot root({"tmp", "home"});

@@ -17,9 +17,7 @@ void put32(Bytes* b, size_t at, uint32_t v) { std::memcpy(b->data() + at, &v, 4)
 Bytes stream_datagram(uint32_t total) {
   Bytes b(56 + kPayload, 0x11);
   std::memset(b.data(), 0, 56);
-  for (const auto& [at, v] :
-       {std::pair<size_t, uint32_t>{0, 0x49325344}, {4, 3900}, {8, 0x123457}, {12, kPayload}, {52, total}})
-    put32(&b, at, v);
+  for (const auto& [at, v] : {std::pair<size_t, uint32_t>{0, 0x49325344}, {4, 3900}, {8, 0x123457}, {12, kPayload}, {52, total}}) put32(&b, at, v);
   b[32] = 1, b[33] = 2, b[34] = 2, b[35] = 24, b[36] = 2, b[40] = 128;
   b[47] = 0x04, b[50] = 0x02, b[51] = 0x0b;  // IEC 60958 channel status
   return b;
@@ -32,8 +30,7 @@ bool send_udp(int from_port, int to_port, const Bytes& data) {
   a.sin_family = AF_INET, a.sin_addr.s_addr = htonl(INADDR_LOOPBACK), a.sin_port = htons(static_cast<uint16_t>(from_port));
   bool ok = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
   a.sin_port = htons(static_cast<uint16_t>(to_port));
-  ok = ok && sendto(fd, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof a) ==
-                 static_cast<ssize_t>(data.size());
+  ok = ok && sendto(fd, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof a) == static_cast<ssize_t>(data.size());
   if (fd >= 0) close(fd);
   return ok;
 }
@@ -98,18 +95,14 @@ TEST(Wireshark, DissectorDecodesStreamsCommandsReportsAndGenlock) {
       << capture.output();
 
   // Every header field of the first datagram by name.
-  const std::vector<std::string> head = {
-      "amstream.Magic", "amstream.From", "amstream.Cfg_Change_Number", "amstream.Packet_Size", "amstream.cts",
-      "amstream.HDCP2_Encrypted", "amstream.Input_Controller", "amstream.Audio_On", "amstream.Sample_Frequency",
-      "amstream.Channels", "amstream.Sample_Size", "amstream.IO_In_Use", "amstream.Enable_Upstream",
-      "amstream.Down_Sampling", "amstream.Mode_16bits", "amstream.Audio_Type", "amstream.SPDIF",
-      "amstream.Audio_Info_Frame", "amstream.IEC60958_Channel_Stats", "amstream.Rolling_Sample_Data_Size_Total",
-      "amstream.payload_length"};
+  const std::vector<std::string> head = {"amstream.Magic", "amstream.From", "amstream.Cfg_Change_Number", "amstream.Packet_Size", "amstream.cts",
+      "amstream.HDCP2_Encrypted", "amstream.Input_Controller", "amstream.Audio_On", "amstream.Sample_Frequency", "amstream.Channels", "amstream.Sample_Size",
+      "amstream.IO_In_Use", "amstream.Enable_Upstream", "amstream.Down_Sampling", "amstream.Mode_16bits", "amstream.Audio_Type", "amstream.SPDIF",
+      "amstream.Audio_Info_Frame", "amstream.IEC60958_Channel_Stats", "amstream.Rolling_Sample_Data_Size_Total", "amstream.payload_length"};
   const auto h = fields(tmp.path(), pcap, "-Y amstream", head);
   ASSERT_EQ(9u, h.size()) << "the stream datagrams";
-  const std::vector<std::string> want_head = {
-      "0x49325344", "3900", "0x00123457", "1408", "0", "0", "00 00 00 00 00 00 00 00", "1", "2", "2", "24", "2",
-      "0", "0", "0", "128", "0", "00 00 00 00 00", "04 00 00 02 0b", "0", "1408"};
+  const std::vector<std::string> want_head = {"0x49325344", "3900", "0x00123457", "1408", "0", "0", "00 00 00 00 00 00 00 00", "1", "2", "2", "24", "2",
+                                              "0", "0", "0", "128", "0", "00 00 00 00 00", "04 00 00 02 0b", "0", "1408"};
   for (size_t i = 0; i < head.size(); ++i) EXPECT_EQ(want_head[i], h[0][i]) << head[i];
 
   // Continuity per stream: single pass and two passes agree.
