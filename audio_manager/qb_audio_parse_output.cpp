@@ -123,6 +123,24 @@ const latency_row_t* latency_row(qb_u32_t port) {
   return nullptr;
 }
 
+// Source selection of output 0-3 (indexed by the output's port number) and the words of its log
+// line.
+struct src_select_row_t {
+  int (*select)(int src, int sid);
+  const char* word;
+  const char* separator;  // before the stream id in the log line
+};
+
+constexpr src_select_row_t kSrcSelectRows[QB_AUDIO_OUTPUT_COUNT] = {
+    {qb_audio_analog_output_src_select, "analog", ","},
+    {qb_audio_hdmi_output_src_select, "hdmi", ","},
+    {qb_audio_spdif_output_src_select, "spdif", " "},
+    {qb_audio_earc_output_src_select, "earc", " ; "},
+};
+static_assert(kPortAnalog == QB_AUDIO_OUTPUT_ANALOG && kPortHdmi == QB_AUDIO_OUTPUT_HDMI &&
+                  kPortSpdif == QB_AUDIO_OUTPUT_SPDIF && kPortEarc == QB_AUDIO_OUTPUT_EARC,
+              "port numbers index the output tables");
+
 void latency_write(const latency_row_t& row, qb_u8_t reg, qb_u8_t value) {
   fpga_write_byte(reg, value);
   AM_LOG_INFO("set fpga %s channel add:%02x reg:%02x val:%02x", row.word, kFpgaI2cAddr, reg, value);
@@ -234,43 +252,33 @@ int output_src_select_set(const void* buf, int len) {
   if (!qb_payload_read_prefix(buf, len, &req)) {
     return 0;
   }
-  const int sid_analog = qb_misc_audio_sid_analog_get();
-  const int sid_hdmi = qb_misc_audio_sid_hdmi_get();
-  const int sid_spdif = qb_misc_audio_sid_spdif_get();
-  const int sid_earc = qb_misc_audio_sid_earc_get();
+  int sids[QB_AUDIO_OUTPUT_COUNT] = {};
+  for (int out = 0; out < QB_AUDIO_OUTPUT_COUNT; ++out) {
+    sids[out] = qb_misc_audio_output_sid_get(out);
+  }
   const char* src_name = qb_audio_output_port_name(req.src);
   const int src = static_cast<int>(req.src);
   AM_LOG_INFO(
       "%s, chn[%s][%d] src[%s][%d],s32sid_analog = %d,s32sid_hdmi = %d,s32sid_spdif = %d,"
       "s32sid_earc = %d",
-      __func__, qb_audio_output_port_name(req.ch), req.ch, src_name, src, sid_analog, sid_hdmi,
-      sid_spdif, sid_earc);
-  int ret = 0;
-  switch (req.ch) {
-    case kPortAnalog:
-      ret = qb_audio_analog_output_src_select(src, sid_analog);
-      qb_misc_audio_local_port_analog_src_set(req.src);
-      AM_LOG_INFO("set analog src %s:%d,s32sid_analog = %d", src_name, src, sid_analog);
-      break;
-    case kPortHdmi:
-      set_output_hdmi_stream_mode(0);
-      ret = qb_audio_hdmi_output_src_select(src, sid_hdmi);
-      AM_LOG_INFO("set hdmi src %s:%d,s32sid_hdmi = %d", src_name, src, sid_hdmi);
-      break;
-    case kPortSpdif:
-      set_output_spdif_stream_mode(0);
-      ret = qb_audio_spdif_output_src_select(src, sid_spdif);
-      AM_LOG_INFO("set spdif src %s:%d s32sid_spdif = %d", src_name, src, sid_spdif);
-      break;
-    case kPortEarc:
-      set_output_earc_stream_mode(0);
-      ret = qb_audio_earc_output_src_select(src, sid_earc);
-      AM_LOG_INFO("set earc src %s:%d ; s32sid_earc = %d", src_name, src, sid_earc);
-      break;
-    default:
-      AM_LOG_ERROR("output src set invalid channel");
-      return 0;
+      __func__, qb_audio_output_port_name(req.ch), req.ch, src_name, src,
+      sids[QB_AUDIO_OUTPUT_ANALOG], sids[QB_AUDIO_OUTPUT_HDMI], sids[QB_AUDIO_OUTPUT_SPDIF],
+      sids[QB_AUDIO_OUTPUT_EARC]);
+  if (req.ch >= static_cast<qb_u32_t>(QB_AUDIO_OUTPUT_COUNT)) {
+    AM_LOG_ERROR("output src set invalid channel");
+    return 0;
   }
+  const int out = static_cast<int>(req.ch);
+  const src_select_row_t& row = kSrcSelectRows[out];
+  if (out != QB_AUDIO_OUTPUT_ANALOG) {
+    set_output_stream_mode(out, 0);
+  }
+  const int ret = row.select(src, sids[out]);
+  if (out == QB_AUDIO_OUTPUT_ANALOG) {
+    qb_misc_audio_local_port_analog_src_set(req.src);
+  }
+  AM_LOG_INFO("set %s src %s:%d%ss32sid_%s = %d", row.word, src_name, src, row.separator, row.word,
+              sids[out]);
   return ret;
 }
 
@@ -289,18 +297,9 @@ int output_dwm_mode_set(const void* buf, int len) {
     AM_LOG_ERROR("output downmix mode param invalid");
     return 0;
   }
-  switch (req.ch) {
-    case kPortHdmi:
-      qb_misc_audio_downmix_hdmi_set(&req);
-      break;
-    case kPortSpdif:
-      qb_misc_audio_downmix_spdif_set(&req);
-      break;
-    case kPortEarc:
-      qb_misc_audio_downmix_earc_set(&req);
-      break;
-    default:
-      break;  // the other outputs have no downmix
+  // The analog output and the other ports have no downmix.
+  if (req.ch < static_cast<qb_u32_t>(QB_AUDIO_OUTPUT_COUNT)) {
+    qb_misc_audio_downmix_set(static_cast<int>(req.ch), &req);
   }
   return 1;
 }
