@@ -30,6 +30,25 @@ constexpr output_row_t kOutputs[QB_AUDIO_OUTPUT_COUNT] = {
 
 const output_row_t& row(int output) { return kOutputs[output]; }
 
+int fallback_sid_get(int output) {
+  const auto fallback = row(output).fallback;
+  return fallback == nullptr ? 0 : misc_word_get(misc().output_fallback_sid.*fallback);
+}
+int stream_mode_get(int output) {
+  return misc_word_get(misc().output_mode.*(row(output).sid));
+}
+int actual_sid_get(int output) {
+  return misc_word_get(misc().output_actual_sid.*(row(output).sid));
+}
+void actual_sid_set(int output, int sid) {
+  misc_word_set(misc().output_actual_sid.*(row(output).sid), sid);
+}
+qb_u32_t downmix_get(int output) {
+  const auto downmix = row(output).downmix;
+  return downmix == nullptr ? 0 : misc_word_get((misc().output_downmix.*downmix).mode);
+}
+int nsi_get(int output) { return misc_word_get(misc().nsi.*(row(output).nsi)); }
+
 }  // namespace
 
 int qb_misc_audio_output_sid_get(int output) {
@@ -38,27 +57,14 @@ int qb_misc_audio_output_sid_get(int output) {
 void qb_misc_audio_output_sid_set(int output, int sid) {
   misc_word_set(misc().output_sid.*(row(output).sid), sid);
 }
-int qb_misc_audio_output_fallback_sid_get(int output) {
-  const auto fallback = row(output).fallback;
-  return fallback == nullptr ? 0 : misc_word_get(misc().output_fallback_sid.*fallback);
-}
 void qb_misc_audio_output_fallback_sid_set(int output, int sid) {
   const auto fallback = row(output).fallback;
   if (fallback != nullptr) {
     misc_word_set(misc().output_fallback_sid.*fallback, sid);
   }
 }
-int get_output_stream_mode(int output) {
-  return misc_word_get(misc().output_mode.*(row(output).sid));
-}
 void set_output_stream_mode(int output, int mode) {
   misc_word_set(misc().output_mode.*(row(output).sid), mode);
-}
-int get_output_stream_actual_sid(int output) {
-  return misc_word_get(misc().output_actual_sid.*(row(output).sid));
-}
-void set_output_stream_actual_sid(int output, int sid) {
-  misc_word_set(misc().output_actual_sid.*(row(output).sid), sid);
 }
 void qb_misc_audio_downmix_set(int output, const qb_audio_output_dwm_mode_t* mode) {
   const auto downmix = row(output).downmix;
@@ -69,11 +75,6 @@ void qb_misc_audio_downmix_set(int output, const qb_audio_output_dwm_mode_t* mod
   misc_word_set(to.ch, mode->ch);
   misc_word_set(to.mode, mode->mode);
 }
-qb_u32_t qb_misc_audio_downmix_get(int output) {
-  const auto downmix = row(output).downmix;
-  return downmix == nullptr ? 0 : misc_word_get((misc().output_downmix.*downmix).mode);
-}
-int qb_msic_net_stream_in_get(int output) { return misc_word_get(misc().nsi.*(row(output).nsi)); }
 void qb_msic_net_stream_in_set(int output, int src) {
   misc_word_set(misc().nsi.*(row(output).nsi), src);
 }
@@ -99,40 +100,40 @@ int qb_misc_audio_saiid_earc_get(void) {
   return qb_misc_audio_get_saiid_by_sid(qb_misc_audio_sid_earc_get());
 }
 int qb_misc_audio_fallback_sid_hdmi_get(void) {
-  return qb_misc_audio_output_fallback_sid_get(QB_AUDIO_OUTPUT_HDMI);
+  return fallback_sid_get(QB_AUDIO_OUTPUT_HDMI);
 }
 int qb_misc_audio_fallback_sid_spdif_get(void) {
-  return qb_misc_audio_output_fallback_sid_get(QB_AUDIO_OUTPUT_SPDIF);
+  return fallback_sid_get(QB_AUDIO_OUTPUT_SPDIF);
 }
 int qb_misc_audio_fallback_sid_earc_get(void) {
-  return qb_misc_audio_output_fallback_sid_get(QB_AUDIO_OUTPUT_EARC);
+  return fallback_sid_get(QB_AUDIO_OUTPUT_EARC);
 }
 
 void set_output_hdmi_stream_mode(int mode) { set_output_stream_mode(QB_AUDIO_OUTPUT_HDMI, mode); }
-int get_output_hdmi_stream_mode(void) { return get_output_stream_mode(QB_AUDIO_OUTPUT_HDMI); }
+int get_output_hdmi_stream_mode(void) { return stream_mode_get(QB_AUDIO_OUTPUT_HDMI); }
 void set_output_spdif_stream_mode(int mode) {
   set_output_stream_mode(QB_AUDIO_OUTPUT_SPDIF, mode);
 }
-int get_output_spdif_stream_mode(void) { return get_output_stream_mode(QB_AUDIO_OUTPUT_SPDIF); }
+int get_output_spdif_stream_mode(void) { return stream_mode_get(QB_AUDIO_OUTPUT_SPDIF); }
 void set_output_earc_stream_mode(int mode) { set_output_stream_mode(QB_AUDIO_OUTPUT_EARC, mode); }
-int get_output_earc_stream_mode(void) { return get_output_stream_mode(QB_AUDIO_OUTPUT_EARC); }
+int get_output_earc_stream_mode(void) { return stream_mode_get(QB_AUDIO_OUTPUT_EARC); }
 void set_output_hdmi_stream_actual_sid(int sid) {
-  set_output_stream_actual_sid(QB_AUDIO_OUTPUT_HDMI, sid);
+  actual_sid_set(QB_AUDIO_OUTPUT_HDMI, sid);
 }
 int get_output_hdmi_stream_actual_sid(void) {
-  return get_output_stream_actual_sid(QB_AUDIO_OUTPUT_HDMI);
+  return actual_sid_get(QB_AUDIO_OUTPUT_HDMI);
 }
 void set_output_spdif_stream_actual_sid(int sid) {
-  set_output_stream_actual_sid(QB_AUDIO_OUTPUT_SPDIF, sid);
+  actual_sid_set(QB_AUDIO_OUTPUT_SPDIF, sid);
 }
 int get_output_spdif_stream_actual_sid(void) {
-  return get_output_stream_actual_sid(QB_AUDIO_OUTPUT_SPDIF);
+  return actual_sid_get(QB_AUDIO_OUTPUT_SPDIF);
 }
 void set_output_earc_stream_actual_sid(int sid) {
-  set_output_stream_actual_sid(QB_AUDIO_OUTPUT_EARC, sid);
+  actual_sid_set(QB_AUDIO_OUTPUT_EARC, sid);
 }
 int get_output_earc_stream_actual_sid(void) {
-  return get_output_stream_actual_sid(QB_AUDIO_OUTPUT_EARC);
+  return actual_sid_get(QB_AUDIO_OUTPUT_EARC);
 }
 void set_output_analog_mute(int mute) { misc_word_set(misc().output_mute.analog_sid, mute); }
 int get_output_analog_mute(void) { return misc_word_get(misc().output_mute.analog_sid); }
@@ -147,31 +148,31 @@ void qb_misc_audio_downmix_earc_set(const qb_audio_output_dwm_mode_t* mode) {
   qb_misc_audio_downmix_set(QB_AUDIO_OUTPUT_EARC, mode);
 }
 qb_u32_t qb_misc_audio_downmix_hdmi_get(void) {
-  return qb_misc_audio_downmix_get(QB_AUDIO_OUTPUT_HDMI);
+  return downmix_get(QB_AUDIO_OUTPUT_HDMI);
 }
 qb_u32_t qb_misc_audio_downmix_spdif_get(void) {
-  return qb_misc_audio_downmix_get(QB_AUDIO_OUTPUT_SPDIF);
+  return downmix_get(QB_AUDIO_OUTPUT_SPDIF);
 }
 qb_u32_t qb_misc_audio_downmix_earc_get(void) {
-  return qb_misc_audio_downmix_get(QB_AUDIO_OUTPUT_EARC);
+  return downmix_get(QB_AUDIO_OUTPUT_EARC);
 }
 
 int qb_msic_net_stream_in_analog_get(void) {
-  return qb_msic_net_stream_in_get(QB_AUDIO_OUTPUT_ANALOG);
+  return nsi_get(QB_AUDIO_OUTPUT_ANALOG);
 }
 void qb_msic_net_stream_in_analog_set(int src) {
   qb_msic_net_stream_in_set(QB_AUDIO_OUTPUT_ANALOG, src);
 }
-int qb_msic_net_stream_in_hdmi_get(void) { return qb_msic_net_stream_in_get(QB_AUDIO_OUTPUT_HDMI); }
+int qb_msic_net_stream_in_hdmi_get(void) { return nsi_get(QB_AUDIO_OUTPUT_HDMI); }
 void qb_msic_net_stream_in_hdmi_set(int src) {
   qb_msic_net_stream_in_set(QB_AUDIO_OUTPUT_HDMI, src);
 }
-int qb_msic_net_stream_in_earc_get(void) { return qb_msic_net_stream_in_get(QB_AUDIO_OUTPUT_EARC); }
+int qb_msic_net_stream_in_earc_get(void) { return nsi_get(QB_AUDIO_OUTPUT_EARC); }
 void qb_msic_net_stream_in_earc_set(int src) {
   qb_msic_net_stream_in_set(QB_AUDIO_OUTPUT_EARC, src);
 }
 int qb_msic_net_stream_in_spdif_get(void) {
-  return qb_msic_net_stream_in_get(QB_AUDIO_OUTPUT_SPDIF);
+  return nsi_get(QB_AUDIO_OUTPUT_SPDIF);
 }
 void qb_msic_net_stream_in_spdif_set(int src) {
   qb_msic_net_stream_in_set(QB_AUDIO_OUTPUT_SPDIF, src);

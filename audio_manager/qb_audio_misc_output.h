@@ -14,20 +14,14 @@ inline constexpr int QB_AUDIO_OUTPUT_SPDIF = 2;
 inline constexpr int QB_AUDIO_OUTPUT_EARC = 3;
 inline constexpr int QB_AUDIO_OUTPUT_COUNT = 4;
 
-// The routing state of output 0-3 (the per-output functions below are these for one output).
-// The analog output has no fallback or downmix: those getters return 0 for it and the setters do
-// nothing.
+// The routing state of output 0-3; the per-output functions below are these for one output.
 int qb_misc_audio_output_sid_get(int output);
 void qb_misc_audio_output_sid_set(int output, int sid);
-int qb_misc_audio_output_fallback_sid_get(int output);
+// Nothing for the analog output, which has no fallback and no downmix.
 void qb_misc_audio_output_fallback_sid_set(int output, int sid);
-int get_output_stream_mode(int output);
-void set_output_stream_mode(int output, int mode);
-int get_output_stream_actual_sid(int output);
-void set_output_stream_actual_sid(int output, int sid);
 void qb_misc_audio_downmix_set(int output, const qb_audio_output_dwm_mode_t* mode);
-qb_u32_t qb_misc_audio_downmix_get(int output);
-int qb_msic_net_stream_in_get(int output);
+void set_output_stream_mode(int output, int mode);
+// The matrix source carrying the network input the output plays.
 void qb_msic_net_stream_in_set(int output, int src);
 
 int qb_misc_audio_sid_hdmi_get(void);
