@@ -69,79 +69,47 @@ void fpga_write_byte(qb_u8_t reg, qb_u8_t value) {
   (void)I2C_Device_Write(kFpgaI2cBus, kFpgaI2cAddr, reg, &value, 1);
 }
 
-// One output's mute and unmute operations with their log lines.
-struct mute_row_t {
+// One output port: its word in the log lines, its mute and unmute, its delay registers (low byte,
+// then the high bits in the next register; 0 for none) and its source selection (none for the
+// DSP).
+struct port_row_t {
   qb_u32_t port;
+  const char* word;
+  const char* mute_word;  // in the mute log line
   int (*mute)(void);
   int (*unmute)(void);
-  const char* mute_log;
-  const char* unmute_log;
-};
-
-constexpr mute_row_t kMuteRows[] = {
-    {kPortAnalog, analog_output_mute, analog_output_unmute, "set analog output mute",
-     "set analog output unmute"},
-    {kPortHdmi, hdmi_output_mute, hdmi_output_unmute, "set hdmi output mute",
-     "set hdmi output unmute"},
-    {kPortSpdif, spdif_output_mute, spdif_output_unmute, "set spdif output mute",
-     "set spdif output unmute"},
-    {kPortEarc, earc_output_mute, earc_output_unmute, "set arc/earc output mute",
-     "set arc/earc output unmute"},
-    {kPortDsp, dsp_output_mute, dsp_output_unmute, "set dsp output mute", "set dsp output unmute"},
-};
-
-const mute_row_t* mute_row(qb_u32_t port) {
-  for (const mute_row_t& row : kMuteRows) {
-    if (row.port == port) {
-      return &row;
-    }
-  }
-  return nullptr;
-}
-
-// One output's delay registers and the port word of its log line.
-struct latency_row_t {
-  qb_u32_t port;
-  qb_u8_t low_reg;
-  qb_u8_t high_reg;
-  const char* word;
-};
-
-constexpr latency_row_t kLatencyRows[] = {
-    {kPortAnalog, FPGA_REG_LATENCY_ANALOG, FPGA_REG_LATENCY_ANALOG + 1, "analog"},
-    {kPortHdmi, FPGA_REG_LATENCY_HDMI, FPGA_REG_LATENCY_HDMI + 1, "hdmi"},
-    {kPortSpdif, FPGA_REG_LATENCY_SPDIF, FPGA_REG_LATENCY_SPDIF + 1, "spdif"},
-    {kPortEarc, FPGA_REG_LATENCY_EARC, FPGA_REG_LATENCY_EARC + 1, "earc"},
-};
-
-const latency_row_t* latency_row(qb_u32_t port) {
-  for (const latency_row_t& row : kLatencyRows) {
-    if (row.port == port) {
-      return &row;
-    }
-  }
-  return nullptr;
-}
-
-// Source selection of output 0-3 (indexed by the output's port number) and the words of its log
-// line.
-struct src_select_row_t {
+  qb_u8_t latency_reg;
   int (*select)(int src, int sid);
-  const char* word;
-  const char* separator;  // before the stream id in the log line
+  const char* separator;  // before the stream id in the source selection log line
 };
 
-constexpr src_select_row_t kSrcSelectRows[QB_AUDIO_OUTPUT_COUNT] = {
-    {qb_audio_analog_output_src_select, "analog", ","},
-    {qb_audio_hdmi_output_src_select, "hdmi", ","},
-    {qb_audio_spdif_output_src_select, "spdif", " "},
-    {qb_audio_earc_output_src_select, "earc", " ; "},
+constexpr qb_u8_t kNoLatency = 0;
+
+constexpr port_row_t kPorts[] = {
+    {kPortAnalog, "analog", "analog", analog_output_mute, analog_output_unmute,
+     FPGA_REG_LATENCY_ANALOG, qb_audio_analog_output_src_select, ","},
+    {kPortHdmi, "hdmi", "hdmi", hdmi_output_mute, hdmi_output_unmute, FPGA_REG_LATENCY_HDMI,
+     qb_audio_hdmi_output_src_select, ","},
+    {kPortSpdif, "spdif", "spdif", spdif_output_mute, spdif_output_unmute, FPGA_REG_LATENCY_SPDIF,
+     qb_audio_spdif_output_src_select, " "},
+    {kPortEarc, "earc", "arc/earc", earc_output_mute, earc_output_unmute, FPGA_REG_LATENCY_EARC,
+     qb_audio_earc_output_src_select, " ; "},
+    {kPortDsp, "dsp", "dsp", dsp_output_mute, dsp_output_unmute, kNoLatency, nullptr, nullptr},
 };
 static_assert(kPortAnalog == QB_AUDIO_OUTPUT_ANALOG && kPortHdmi == QB_AUDIO_OUTPUT_HDMI &&
                   kPortSpdif == QB_AUDIO_OUTPUT_SPDIF && kPortEarc == QB_AUDIO_OUTPUT_EARC,
               "port numbers index the output tables");
 
-void latency_write(const latency_row_t& row, qb_u8_t reg, qb_u8_t value) {
+const port_row_t* port_row(qb_u32_t port) {
+  for (const port_row_t& row : kPorts) {
+    if (row.port == port) {
+      return &row;
+    }
+  }
+  return nullptr;
+}
+
+void latency_write(const port_row_t& row, qb_u8_t reg, qb_u8_t value) {
   fpga_write_byte(reg, value);
   AM_LOG_INFO("set fpga %s channel add:%02x reg:%02x val:%02x", row.word, kFpgaI2cAddr, reg, value);
 }
@@ -214,7 +182,7 @@ int output_mute_ctrl_set(const void* buf, int len) {
   }
   AM_LOG_INFO("%s, chn[%s][%d] mute=%d enable=%d", __func__, qb_audio_output_port_name(req.ch),
               req.ch, req.mute, req.enable);
-  const mute_row_t* row = mute_row(req.ch);
+  const port_row_t* row = port_row(req.ch);
   if (row == nullptr) {
     return 0;  // the network stream output and unknown ports have no mute of their own
   }
@@ -223,7 +191,7 @@ int output_mute_ctrl_set(const void* buf, int len) {
   if ((mute ? row->mute() : row->unmute()) == 1 && req.ch == kPortAnalog) {
     set_output_analog_mute(mute ? 1 : 0);
   }
-  AM_LOG_INFO("%s", mute ? row->mute_log : row->unmute_log);
+  AM_LOG_INFO("set %s output %s", row->mute_word, mute ? "mute" : "unmute");
   return 1;
 }
 
@@ -234,14 +202,15 @@ int output_latency_ctrl_set(const void* buf, int len) {
   }
   AM_LOG_INFO("%s output latency ctrl,ch[%s][%d], time[%d] buflen[%d]", __func__,
               qb_audio_output_port_name(req.ch), req.ch, req.time, len);
-  const latency_row_t* row = latency_row(req.ch);
-  if (row == nullptr) {
+  const port_row_t* row = port_row(req.ch);
+  if (row == nullptr || row->latency_reg == kNoLatency) {
     AM_LOG_ERROR("output latency set invalid channel");
     return 0;
   }
   // The delay passes through unchanged, in the unit of the FPGA delay line.
-  latency_write(*row, row->low_reg, static_cast<qb_u8_t>(req.time & kLatencyLowMask));
-  latency_write(*row, row->high_reg, static_cast<qb_u8_t>((req.time >> 8) & kLatencyHighMask));
+  latency_write(*row, row->latency_reg, static_cast<qb_u8_t>(req.time & kLatencyLowMask));
+  latency_write(*row, static_cast<qb_u8_t>(row->latency_reg + 1),
+                static_cast<qb_u8_t>((req.time >> 8) & kLatencyHighMask));
   return 1;
 }
 
@@ -264,21 +233,21 @@ int output_src_select_set(const void* buf, int len) {
       __func__, qb_audio_output_port_name(req.ch), req.ch, src_name, src,
       sids[QB_AUDIO_OUTPUT_ANALOG], sids[QB_AUDIO_OUTPUT_HDMI], sids[QB_AUDIO_OUTPUT_SPDIF],
       sids[QB_AUDIO_OUTPUT_EARC]);
-  if (req.ch >= static_cast<qb_u32_t>(QB_AUDIO_OUTPUT_COUNT)) {
+  const port_row_t* row = port_row(req.ch);
+  if (row == nullptr || row->select == nullptr) {
     AM_LOG_ERROR("output src set invalid channel");
     return 0;
   }
   const int out = static_cast<int>(req.ch);
-  const src_select_row_t& row = kSrcSelectRows[out];
   if (out != QB_AUDIO_OUTPUT_ANALOG) {
     set_output_stream_mode(out, 0);
   }
-  const int ret = row.select(src, sids[out]);
+  const int ret = row->select(src, sids[out]);
   if (out == QB_AUDIO_OUTPUT_ANALOG) {
     qb_misc_audio_local_port_analog_src_set(req.src);
   }
-  AM_LOG_INFO("set %s src %s:%d%ss32sid_%s = %d", row.word, src_name, src, row.separator, row.word,
-              sids[out]);
+  AM_LOG_INFO("set %s src %s:%d%ss32sid_%s = %d", row->word, src_name, src, row->separator,
+              row->word, sids[out]);
   return ret;
 }
 
