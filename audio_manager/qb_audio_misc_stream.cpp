@@ -39,8 +39,8 @@ struct stream_row_t {
   int in_channel;
   char (net_stream_ipaddr_t::*in_ipaddr)[QB_NET_IPADDR_SIZE];
   char (net_stream_ipaddr_t::*in_deviceid)[QB_NET_DEVICEID_SIZE];
-  const char* in_name;  // name in the input log line
-  int player_card;      // sound card and port of the network player of the input
+  int number;       // the stream's number in names and log lines (in1, sai1, ...)
+  int player_card;  // sound card and port of the network player of the input
   int player_port;
   void (*abort_capture)(void);  // restarts the capture of the output
 };
@@ -48,17 +48,20 @@ struct stream_row_t {
 constexpr stream_row_t kStreams[kStreamCount] = {
     {&net_stream_output_sel_t::first, QB_AUDIO_CHN_NSO1, &net_stream_ipaddr_t::sai1_out_ipaddr,
      &net_stream_ipaddr_t::sai1_out_deviceid, QB_AUDIO_CHN_NSI1,
-     &net_stream_ipaddr_t::sai1_in_ipaddr, &net_stream_ipaddr_t::sai1_in_deviceid, "in1", 1,
+     &net_stream_ipaddr_t::sai1_in_ipaddr, &net_stream_ipaddr_t::sai1_in_deviceid, 1, 1,
      QB_AUDIO_NET_PORT, qb_audio_aplay_in_abort_capture1},
     {&net_stream_output_sel_t::second, QB_AUDIO_CHN_NSO5, &net_stream_ipaddr_t::sai5_out_ipaddr,
      &net_stream_ipaddr_t::sai5_out_deviceid, QB_AUDIO_CHN_NSI5,
-     &net_stream_ipaddr_t::sai5_in_ipaddr, &net_stream_ipaddr_t::sai5_in_deviceid, "in5", 3,
+     &net_stream_ipaddr_t::sai5_in_ipaddr, &net_stream_ipaddr_t::sai5_in_deviceid, 5, 3,
      QB_AUDIO_NET_PORT + 2, qb_audio_aplay_in_abort_capture5},
     {&net_stream_output_sel_t::third, QB_AUDIO_CHN_NSO3, &net_stream_ipaddr_t::sai3_out_ipaddr,
      &net_stream_ipaddr_t::sai3_out_deviceid, QB_AUDIO_CHN_NSI3,
-     &net_stream_ipaddr_t::sai3_in_ipaddr, &net_stream_ipaddr_t::sai3_in_deviceid, "in3", 2,
+     &net_stream_ipaddr_t::sai3_in_ipaddr, &net_stream_ipaddr_t::sai3_in_deviceid, 3, 2,
      QB_AUDIO_NET_PORT + 1, qb_audio_aplay_in_abort_capture3},
 };
+
+// Stream ids in the order of their numbers 1, 3, 5.
+constexpr int kSidsByNumber[] = {0, 2, 1};
 
 // Sources a network output may carry.
 constexpr int kOutputSources[] = {QB_AUDIO_SRC_ANALOG, QB_AUDIO_SRC_HDMI, QB_AUDIO_SRC_SPDIF,
@@ -232,7 +235,7 @@ int qb_audio_stream_input_from_net_set(const qb_audio_input_stream_t* req) {
   }
   set_address(row->in_ipaddr, row->in_deviceid, addr, dev);
   qb_audio_aplay_info_change_set(row->in_channel);
-  AM_LOG_INFO("%s,%s ip:%s", __func__, row->in_name, addr);
+  AM_LOG_INFO("%s,in%d ip:%s", __func__, row->number, addr);
   return 1;
 }
 
@@ -380,8 +383,7 @@ int qb_audio_net_stream_ipaddr_set(const void* unused) {
   if (unused == nullptr) {
     return 0;
   }
-  // In the order in1, in3, in5.
-  for (int sid : {0, 2, 1}) {
+  for (int sid : kSidsByNumber) {
     qb_misc_net_stream_in_addr_set(sid, QB_AUDIO_DEFAULT_IN_IPADDR, nullptr);
   }
   return 1;
@@ -579,12 +581,16 @@ void dump_misc_param(FILE* fp) {
   std::fprintf(fp, "net_spdif_out_src :%d\n", misc_word_get(misc().net_spdif_out_src));
   net_stream_ipaddr_t ip;
   qb_misc_net_stream_ipaddr_copy(&ip);
-  std::fprintf(fp, "ipadd sai1:%s deviceid:%s\n", ip.sai1_in_ipaddr, ip.sai1_in_deviceid);
-  std::fprintf(fp, "ipadd sai3:%s deviceid:%s\n", ip.sai3_in_ipaddr, ip.sai3_in_deviceid);
-  std::fprintf(fp, "ipadd sai5:%s deviceid:%s\n", ip.sai5_in_ipaddr, ip.sai5_in_deviceid);
-  std::fprintf(fp, "ipadd sao1:%s deviceid:%s\n", ip.sai1_out_ipaddr, ip.sai1_out_deviceid);
-  std::fprintf(fp, "ipadd sao3:%s deviceid:%s\n", ip.sai3_out_ipaddr, ip.sai3_out_deviceid);
-  std::fprintf(fp, "ipadd sao5:%s deviceid:%s\n", ip.sai5_out_ipaddr, ip.sai5_out_deviceid);
+  for (int sid : kSidsByNumber) {
+    const stream_row_t& row = kStreams[sid];
+    std::fprintf(fp, "ipadd sai%d:%s deviceid:%s\n", row.number, ip.*(row.in_ipaddr),
+                 ip.*(row.in_deviceid));
+  }
+  for (int sid : kSidsByNumber) {
+    const stream_row_t& row = kStreams[sid];
+    std::fprintf(fp, "ipadd sao%d:%s deviceid:%s\n", row.number, ip.*(row.out_ipaddr),
+                 ip.*(row.out_deviceid));
+  }
   const int first = misc_word_get(misc().net_stream.first);
   const int second = misc_word_get(misc().net_stream.second);
   const int third = misc_word_get(misc().net_stream.third);
