@@ -148,7 +148,8 @@ int output_mute_ctrl(qb_u8_t reg, int mute) {
 
 int sink_mute_ctrl(qb_u8_t reg, int mute) {
   const sink_enable_bit_t* row = sink_enable_bit(reg);
-  AM_LOG_INFO("%s output %s", row != nullptr ? row->name : "unknown", mute == 1 ? "mute" : "unmute");
+  AM_LOG_INFO("%s output %s", row != nullptr ? row->name : "unknown",
+              mute == 1 ? "mute" : "unmute");
   return output_mute_ctrl(reg, mute);
 }
 

@@ -28,6 +28,11 @@ constexpr output_row_t kOutputs[QB_AUDIO_OUTPUT_COUNT] = {
      &output_downmix_t::earc_downmix_mode, &net_stream_in_t::earc},
 };
 
+constexpr int kAnalog = QB_AUDIO_OUTPUT_ANALOG;
+constexpr int kHdmi = QB_AUDIO_OUTPUT_HDMI;
+constexpr int kSpdif = QB_AUDIO_OUTPUT_SPDIF;
+constexpr int kEarc = QB_AUDIO_OUTPUT_EARC;
+
 const output_row_t& row(int output) { return kOutputs[output]; }
 
 int fallback_sid_get(int output) {
@@ -48,6 +53,10 @@ qb_u32_t downmix_get(int output) {
   return downmix == nullptr ? 0 : misc_word_get((misc().output_downmix.*downmix).mode);
 }
 int nsi_get(int output) { return misc_word_get(misc().nsi.*(row(output).nsi)); }
+// The matrix source of the network stream the output plays.
+int saiid_get(int output) {
+  return qb_misc_audio_get_saiid_by_sid(misc_word_get(misc().output_sid.*(row(output).sid)));
+}
 
 }  // namespace
 
@@ -79,104 +88,54 @@ void qb_msic_net_stream_in_set(int output, int src) {
   misc_word_set(misc().nsi.*(row(output).nsi), src);
 }
 
-int qb_misc_audio_sid_hdmi_get(void) { return qb_misc_audio_output_sid_get(QB_AUDIO_OUTPUT_HDMI); }
-int qb_misc_audio_sid_analog_get(void) {
-  return qb_misc_audio_output_sid_get(QB_AUDIO_OUTPUT_ANALOG);
-}
-int qb_misc_audio_sid_spdif_get(void) {
-  return qb_misc_audio_output_sid_get(QB_AUDIO_OUTPUT_SPDIF);
-}
-int qb_misc_audio_sid_earc_get(void) { return qb_misc_audio_output_sid_get(QB_AUDIO_OUTPUT_EARC); }
-int qb_misc_audio_saiid_hdmi_get(void) {
-  return qb_misc_audio_get_saiid_by_sid(qb_misc_audio_sid_hdmi_get());
-}
-int qb_misc_audio_saiid_analog_get(void) {
-  return qb_misc_audio_get_saiid_by_sid(qb_misc_audio_sid_analog_get());
-}
-int qb_misc_audio_saiid_spdif_get(void) {
-  return qb_misc_audio_get_saiid_by_sid(qb_misc_audio_sid_spdif_get());
-}
-int qb_misc_audio_saiid_earc_get(void) {
-  return qb_misc_audio_get_saiid_by_sid(qb_misc_audio_sid_earc_get());
-}
-int qb_misc_audio_fallback_sid_hdmi_get(void) {
-  return fallback_sid_get(QB_AUDIO_OUTPUT_HDMI);
-}
-int qb_misc_audio_fallback_sid_spdif_get(void) {
-  return fallback_sid_get(QB_AUDIO_OUTPUT_SPDIF);
-}
-int qb_misc_audio_fallback_sid_earc_get(void) {
-  return fallback_sid_get(QB_AUDIO_OUTPUT_EARC);
-}
+int qb_misc_audio_sid_hdmi_get(void) { return qb_misc_audio_output_sid_get(kHdmi); }
+int qb_misc_audio_sid_analog_get(void) { return qb_misc_audio_output_sid_get(kAnalog); }
+int qb_misc_audio_sid_spdif_get(void) { return qb_misc_audio_output_sid_get(kSpdif); }
+int qb_misc_audio_sid_earc_get(void) { return qb_misc_audio_output_sid_get(kEarc); }
+int qb_misc_audio_saiid_hdmi_get(void) { return saiid_get(kHdmi); }
+int qb_misc_audio_saiid_analog_get(void) { return saiid_get(kAnalog); }
+int qb_misc_audio_saiid_spdif_get(void) { return saiid_get(kSpdif); }
+int qb_misc_audio_saiid_earc_get(void) { return saiid_get(kEarc); }
+int qb_misc_audio_fallback_sid_hdmi_get(void) { return fallback_sid_get(kHdmi); }
+int qb_misc_audio_fallback_sid_spdif_get(void) { return fallback_sid_get(kSpdif); }
+int qb_misc_audio_fallback_sid_earc_get(void) { return fallback_sid_get(kEarc); }
 
-void set_output_hdmi_stream_mode(int mode) { set_output_stream_mode(QB_AUDIO_OUTPUT_HDMI, mode); }
-int get_output_hdmi_stream_mode(void) { return stream_mode_get(QB_AUDIO_OUTPUT_HDMI); }
-void set_output_spdif_stream_mode(int mode) {
-  set_output_stream_mode(QB_AUDIO_OUTPUT_SPDIF, mode);
-}
-int get_output_spdif_stream_mode(void) { return stream_mode_get(QB_AUDIO_OUTPUT_SPDIF); }
-void set_output_earc_stream_mode(int mode) { set_output_stream_mode(QB_AUDIO_OUTPUT_EARC, mode); }
-int get_output_earc_stream_mode(void) { return stream_mode_get(QB_AUDIO_OUTPUT_EARC); }
-void set_output_hdmi_stream_actual_sid(int sid) {
-  actual_sid_set(QB_AUDIO_OUTPUT_HDMI, sid);
-}
-int get_output_hdmi_stream_actual_sid(void) {
-  return actual_sid_get(QB_AUDIO_OUTPUT_HDMI);
-}
-void set_output_spdif_stream_actual_sid(int sid) {
-  actual_sid_set(QB_AUDIO_OUTPUT_SPDIF, sid);
-}
-int get_output_spdif_stream_actual_sid(void) {
-  return actual_sid_get(QB_AUDIO_OUTPUT_SPDIF);
-}
-void set_output_earc_stream_actual_sid(int sid) {
-  actual_sid_set(QB_AUDIO_OUTPUT_EARC, sid);
-}
-int get_output_earc_stream_actual_sid(void) {
-  return actual_sid_get(QB_AUDIO_OUTPUT_EARC);
-}
+void set_output_hdmi_stream_mode(int mode) { set_output_stream_mode(kHdmi, mode); }
+int get_output_hdmi_stream_mode(void) { return stream_mode_get(kHdmi); }
+void set_output_spdif_stream_mode(int mode) { set_output_stream_mode(kSpdif, mode); }
+int get_output_spdif_stream_mode(void) { return stream_mode_get(kSpdif); }
+void set_output_earc_stream_mode(int mode) { set_output_stream_mode(kEarc, mode); }
+int get_output_earc_stream_mode(void) { return stream_mode_get(kEarc); }
+void set_output_hdmi_stream_actual_sid(int sid) { actual_sid_set(kHdmi, sid); }
+int get_output_hdmi_stream_actual_sid(void) { return actual_sid_get(kHdmi); }
+void set_output_spdif_stream_actual_sid(int sid) { actual_sid_set(kSpdif, sid); }
+int get_output_spdif_stream_actual_sid(void) { return actual_sid_get(kSpdif); }
+void set_output_earc_stream_actual_sid(int sid) { actual_sid_set(kEarc, sid); }
+int get_output_earc_stream_actual_sid(void) { return actual_sid_get(kEarc); }
 void set_output_analog_mute(int mute) { misc_word_set(misc().output_mute.analog_sid, mute); }
 int get_output_analog_mute(void) { return misc_word_get(misc().output_mute.analog_sid); }
 
 void qb_misc_audio_downmix_hdmi_set(const qb_audio_output_dwm_mode_t* mode) {
-  qb_misc_audio_downmix_set(QB_AUDIO_OUTPUT_HDMI, mode);
+  qb_misc_audio_downmix_set(kHdmi, mode);
 }
 void qb_misc_audio_downmix_spdif_set(const qb_audio_output_dwm_mode_t* mode) {
-  qb_misc_audio_downmix_set(QB_AUDIO_OUTPUT_SPDIF, mode);
+  qb_misc_audio_downmix_set(kSpdif, mode);
 }
 void qb_misc_audio_downmix_earc_set(const qb_audio_output_dwm_mode_t* mode) {
-  qb_misc_audio_downmix_set(QB_AUDIO_OUTPUT_EARC, mode);
+  qb_misc_audio_downmix_set(kEarc, mode);
 }
-qb_u32_t qb_misc_audio_downmix_hdmi_get(void) {
-  return downmix_get(QB_AUDIO_OUTPUT_HDMI);
-}
-qb_u32_t qb_misc_audio_downmix_spdif_get(void) {
-  return downmix_get(QB_AUDIO_OUTPUT_SPDIF);
-}
-qb_u32_t qb_misc_audio_downmix_earc_get(void) {
-  return downmix_get(QB_AUDIO_OUTPUT_EARC);
-}
+qb_u32_t qb_misc_audio_downmix_hdmi_get(void) { return downmix_get(kHdmi); }
+qb_u32_t qb_misc_audio_downmix_spdif_get(void) { return downmix_get(kSpdif); }
+qb_u32_t qb_misc_audio_downmix_earc_get(void) { return downmix_get(kEarc); }
 
-int qb_msic_net_stream_in_analog_get(void) {
-  return nsi_get(QB_AUDIO_OUTPUT_ANALOG);
-}
-void qb_msic_net_stream_in_analog_set(int src) {
-  qb_msic_net_stream_in_set(QB_AUDIO_OUTPUT_ANALOG, src);
-}
-int qb_msic_net_stream_in_hdmi_get(void) { return nsi_get(QB_AUDIO_OUTPUT_HDMI); }
-void qb_msic_net_stream_in_hdmi_set(int src) {
-  qb_msic_net_stream_in_set(QB_AUDIO_OUTPUT_HDMI, src);
-}
-int qb_msic_net_stream_in_earc_get(void) { return nsi_get(QB_AUDIO_OUTPUT_EARC); }
-void qb_msic_net_stream_in_earc_set(int src) {
-  qb_msic_net_stream_in_set(QB_AUDIO_OUTPUT_EARC, src);
-}
-int qb_msic_net_stream_in_spdif_get(void) {
-  return nsi_get(QB_AUDIO_OUTPUT_SPDIF);
-}
-void qb_msic_net_stream_in_spdif_set(int src) {
-  qb_msic_net_stream_in_set(QB_AUDIO_OUTPUT_SPDIF, src);
-}
+int qb_msic_net_stream_in_analog_get(void) { return nsi_get(kAnalog); }
+void qb_msic_net_stream_in_analog_set(int src) { qb_msic_net_stream_in_set(kAnalog, src); }
+int qb_msic_net_stream_in_hdmi_get(void) { return nsi_get(kHdmi); }
+void qb_msic_net_stream_in_hdmi_set(int src) { qb_msic_net_stream_in_set(kHdmi, src); }
+int qb_msic_net_stream_in_earc_get(void) { return nsi_get(kEarc); }
+void qb_msic_net_stream_in_earc_set(int src) { qb_msic_net_stream_in_set(kEarc, src); }
+int qb_msic_net_stream_in_spdif_get(void) { return nsi_get(kSpdif); }
+void qb_msic_net_stream_in_spdif_set(int src) { qb_msic_net_stream_in_set(kSpdif, src); }
 
 local_port_info_t* qb_misc_audio_info_analog_port_get(void) { return &misc().local_port.analog; }
 

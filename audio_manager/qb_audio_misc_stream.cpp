@@ -154,6 +154,11 @@ qb_u8_t SwitchChar(char c) {
 
 qb_audio_misc_main_ctrl_t& misc() { return qb_audio_misc_ctrl(); }
 
+// 1 when network output stream sid carries the source, else 0.
+int selects(int sid, int src) {
+  return misc_word_get(misc().net_stream.*(kStreams[sid].selection)) == src ? 1 : 0;
+}
+
 int start_output(const char* function, qb_u8_t route_reg, int dst, int ch) {
   AM_LOG_INFO("%s ch = %d", function, ch);
   qb_audio_fpga_ch_route_set(route_reg,
@@ -526,33 +531,23 @@ void qb_misc_net_stream_ipaddr_copy(net_stream_ipaddr_t* out) {
 // ---------------------------------------------------------------------------------------------
 // Predicates
 // ---------------------------------------------------------------------------------------------
-int is_qb_net_first_stream_select_spdif(void) {
-  return qb_net_first_stream_select_get() == QB_AUDIO_SRC_SPDIF ? 1 : 0;
-}
+int is_qb_net_first_stream_select_spdif(void) { return selects(0, QB_AUDIO_SRC_SPDIF); }
 int is_qb_net_second_stream_select_spdif(void) {
   return misc_word_get(misc().spdif.spdif) == 1 ? 1 : 0;
 }
-int is_qb_net_third_stream_select_spdif(void) {
-  return qb_net_third_stream_select_get() == QB_AUDIO_SRC_SPDIF ? 1 : 0;
-}
-int is_qb_net_first_stream_select_arc(void) {
-  return qb_net_first_stream_select_get() == QB_AUDIO_SRC_EARC ? 1 : 0;
-}
+int is_qb_net_third_stream_select_spdif(void) { return selects(2, QB_AUDIO_SRC_SPDIF); }
+int is_qb_net_first_stream_select_arc(void) { return selects(0, QB_AUDIO_SRC_EARC); }
 int is_qb_net_second_stream_select_arc(void) {
-  return (qb_net_second_stream_select_get() == QB_AUDIO_SRC_EARC &&
-          misc_word_get(misc().spdif.arc) == 1)
-             ? 1
-             : 0;
+  return (selects(1, QB_AUDIO_SRC_EARC) && misc_word_get(misc().spdif.arc) == 1) ? 1 : 0;
 }
-int is_qb_net_third_stream_select_arc(void) {
-  return qb_net_third_stream_select_get() == QB_AUDIO_SRC_EARC ? 1 : 0;
-}
+int is_qb_net_third_stream_select_arc(void) { return selects(2, QB_AUDIO_SRC_EARC); }
 int audio_hdmi_streamout(void) {
-  return (qb_net_first_stream_select_get() == QB_AUDIO_SRC_HDMI ||
-          qb_net_second_stream_select_get() == QB_AUDIO_SRC_HDMI ||
-          qb_net_third_stream_select_get() == QB_AUDIO_SRC_HDMI)
-             ? 1
-             : 0;
+  for (int sid = 0; sid < kStreamCount; ++sid) {
+    if (selects(sid, QB_AUDIO_SRC_HDMI)) {
+      return 1;
+    }
+  }
+  return 0;
 }
 int qb_misc_net_stream_spdif_flag_get(void) { return misc_word_get(misc().spdif.spdif); }
 int qb_misc_net_stream_arc_flag_get(void) { return misc_word_get(misc().spdif.arc); }
