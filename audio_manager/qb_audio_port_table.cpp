@@ -76,7 +76,7 @@ constexpr port_row_t kPortTable[] = {
       /* hdmi   */ {mute(), stream_or_mute(), stream_or_mute(), stream_or_mute()},
       /* spdif  */ {stream_or_mute(), mute(), stream_or_mute(), stream_or_mute()},
       /* earc   */ {stream(), mute(), stream_or_mute(), stream_or_mute()}}},
-    // The DSP and any other source.
+    // The DSP and any other source (the last row).
     {PORT_OTHER_SOURCE,
      {/* analog */ {refuse(), refuse(), refuse(), refuse()},
       /* hdmi   */ {refuse(), refuse(), refuse(), refuse()},
@@ -114,14 +114,6 @@ constexpr chs_channel_t kChsChannels[] = {
 };
 constexpr qb_u8_t kNoSource = 255;
 
-const port_row_t& find_row(int src) {
-  for (const port_row_t& row : kPortTable) {
-    if (row.source == src) {
-      return row;
-    }
-  }
-  return kPortTable[sizeof kPortTable / sizeof kPortTable[0] - 1];  // the other sources' row
-}
 
 // The channel-status bytes of the source's channel first, then the route register.
 int route(const port_output_t& output, qb_u8_t src) {
@@ -155,7 +147,7 @@ int port_output_select(int output_index, int src, int sid) {
     return 0;
   }
   const port_output_t& output = kOutputs[output_index];
-  const port_cell_t& cell = find_row(src).output[output_index][board - 1];
+  const port_cell_t& cell = port_find_row(kPortTable, src).output[output_index][board - 1];
   switch (cell.action) {
     case PORT_MUTE:
       output.mute();

@@ -6,6 +6,17 @@
 inline constexpr int PORT_BOARDS = 4;         // boards 1-4, cells in board order
 inline constexpr int PORT_OTHER_SOURCE = -1;  // the row for any source without a row of its own
 
+// The row of a source in a selection table whose last row is the PORT_OTHER_SOURCE row.
+template <typename Row, int N>
+const Row& port_find_row(const Row (&rows)[N], int src) {
+  for (const Row& row : rows) {
+    if (row.source == src) {
+      return row;
+    }
+  }
+  return rows[N - 1];
+}
+
 // Board id of the running board when it has a selection table (1-4), else 0.
 int port_board_index(void);
 

@@ -54,6 +54,7 @@ constexpr net_row_t kNetOutputTable[] = {
     {QB_AUDIO_SRC_STREAM, {net_none(), net_none(), net_none(), net_none()}},
     {QB_AUDIO_SRC_DSP, {net_refused(), net_refused(), net_refused(), net_refused()}},
     {QB_AUDIO_SRC_HDMI_DOWNMIX, {net_start_dsp(), net_none(), net_start_dsp(), net_unmute_only()}},
+    // Any other source (the last row).
     {PORT_OTHER_SOURCE, {net_refused(), net_refused(), net_refused(), net_refused()}},
 };
 
@@ -72,18 +73,6 @@ constexpr int kStreamIds = static_cast<int>(sizeof kNetStreams / sizeof kNetStre
 
 constexpr int kBoardTxA = 1;
 
-const net_cell_t& net_cell(int src, int board) {
-  const net_row_t* other = nullptr;
-  for (const net_row_t& row : kNetOutputTable) {
-    if (row.source == src) {
-      return row.board[board - 1];
-    }
-    if (row.source == PORT_OTHER_SOURCE) {
-      other = &row;
-    }
-  }
-  return other->board[board - 1];
-}
 
 bool sid_valid(int sid) { return sid >= 0 && sid < kStreamIds; }
 
@@ -104,7 +93,7 @@ int qb_audio_stream_output_src_select(int src, int sid) {
     return 0;
   }
   const net_stream_t& stream = kNetStreams[sid];
-  const net_cell_t& cell = net_cell(src, board);
+  const net_cell_t& cell = port_find_row(kNetOutputTable, src).board[board - 1];
   switch (cell.action) {
     case NET_REFUSED:
       return 0;
