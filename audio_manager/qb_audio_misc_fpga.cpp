@@ -10,23 +10,25 @@
 
 namespace {
 
-// Enable bit of a sink route register: which enable register holds it, and which bit.
+// Enable bit of a sink route register: which enable register holds it, and which bit; the sink's
+// name in the mute log lines.
 struct sink_enable_bit_t {
   qb_u8_t route_reg;
   qb_u8_t enable_reg;
   qb_u8_t bit;
+  const char* name;
 };
 
 constexpr sink_enable_bit_t kSinkEnableBits[] = {
-    {FPGA_REG_ROUTE_EARC_OUT, FPGA_REG_OUTPUT_ENABLE, 7},
-    {FPGA_REG_ROUTE_ANALOG_OUT, FPGA_REG_OUTPUT_ENABLE, 6},
-    {FPGA_REG_ROUTE_HDMI_OUT, FPGA_REG_OUTPUT_ENABLE, 5},
-    {FPGA_REG_ROUTE_SAO1, FPGA_REG_OUTPUT_ENABLE, 4},
-    {FPGA_REG_ROUTE_SAO3, FPGA_REG_OUTPUT_ENABLE, 3},
-    {FPGA_REG_ROUTE_SAO5, FPGA_REG_OUTPUT_ENABLE, 2},
-    {FPGA_REG_ROUTE_UNUSED, FPGA_REG_OUTPUT_ENABLE, 1},
-    {FPGA_REG_ROUTE_DSP_IN, FPGA_REG_OUTPUT_ENABLE, 0},
-    {FPGA_REG_ROUTE_SPDIF_OUT, FPGA_REG_OUTPUT_ENABLE2, 1},
+    {FPGA_REG_ROUTE_EARC_OUT, FPGA_REG_OUTPUT_ENABLE, 7, "earc"},
+    {FPGA_REG_ROUTE_ANALOG_OUT, FPGA_REG_OUTPUT_ENABLE, 6, "analog"},
+    {FPGA_REG_ROUTE_HDMI_OUT, FPGA_REG_OUTPUT_ENABLE, 5, "hdmi"},
+    {FPGA_REG_ROUTE_SAO1, FPGA_REG_OUTPUT_ENABLE, 4, "stream"},
+    {FPGA_REG_ROUTE_SAO3, FPGA_REG_OUTPUT_ENABLE, 3, "stream"},
+    {FPGA_REG_ROUTE_SAO5, FPGA_REG_OUTPUT_ENABLE, 2, "stream"},
+    {FPGA_REG_ROUTE_UNUSED, FPGA_REG_OUTPUT_ENABLE, 1, "unused"},
+    {FPGA_REG_ROUTE_DSP_IN, FPGA_REG_OUTPUT_ENABLE, 0, "dsp"},
+    {FPGA_REG_ROUTE_SPDIF_OUT, FPGA_REG_OUTPUT_ENABLE2, 1, "spdif"},
 };
 
 // Capture-input enable register of an output-source number.
@@ -144,71 +146,34 @@ int output_mute_ctrl(qb_u8_t reg, int mute) {
   return qb_audio_fpga_i2c_write(row->enable_reg, value);
 }
 
-int analog_output_mute(void) {
-  AM_LOG_INFO("analog output mute");
-  return output_mute_ctrl(FPGA_REG_ROUTE_ANALOG_OUT, 1);
+int sink_mute_ctrl(qb_u8_t reg, int mute) {
+  const sink_enable_bit_t* row = sink_enable_bit(reg);
+  AM_LOG_INFO("%s output %s", row != nullptr ? row->name : "unknown",
+              mute == 1 ? "mute" : "unmute");
+  return output_mute_ctrl(reg, mute);
 }
 
-int analog_output_unmute(void) {
-  AM_LOG_INFO("analog output unmute");
-  return output_mute_ctrl(FPGA_REG_ROUTE_ANALOG_OUT, 0);
-}
+int analog_output_mute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_ANALOG_OUT, 1); }
+int analog_output_unmute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_ANALOG_OUT, 0); }
+int hdmi_output_mute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_HDMI_OUT, 1); }
+int hdmi_output_unmute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_HDMI_OUT, 0); }
+int spdif_output_mute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_SPDIF_OUT, 1); }
+int spdif_output_unmute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_SPDIF_OUT, 0); }
+int earc_output_mute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_EARC_OUT, 1); }
+int earc_output_unmute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_EARC_OUT, 0); }
+int dsp_output_mute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_DSP_IN, 1); }
+int dsp_output_unmute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_DSP_IN, 0); }
 
-int hdmi_output_mute(void) {
-  AM_LOG_INFO("hdmi output mute");
-  return output_mute_ctrl(FPGA_REG_ROUTE_HDMI_OUT, 1);
-}
-
-int hdmi_output_unmute(void) {
-  AM_LOG_INFO("hdmi output unmute");
-  return output_mute_ctrl(FPGA_REG_ROUTE_HDMI_OUT, 0);
-}
-
-int spdif_output_mute(void) {
-  AM_LOG_INFO("spdif output mute");
-  return output_mute_ctrl(FPGA_REG_ROUTE_SPDIF_OUT, 1);
-}
-
-int spdif_output_unmute(void) {
-  AM_LOG_INFO("spdif output unmute");
-  return output_mute_ctrl(FPGA_REG_ROUTE_SPDIF_OUT, 0);
-}
-
-int earc_output_mute(void) {
-  AM_LOG_INFO("earc output mute");
-  return output_mute_ctrl(FPGA_REG_ROUTE_EARC_OUT, 1);
-}
-
-int earc_output_unmute(void) {
-  AM_LOG_INFO("earc output unmute");
-  return output_mute_ctrl(FPGA_REG_ROUTE_EARC_OUT, 0);
-}
-
-int dsp_output_mute(void) {
-  AM_LOG_INFO("dsp output mute");
-  return output_mute_ctrl(FPGA_REG_ROUTE_DSP_IN, 1);
-}
-
-int dsp_output_unmute(void) {
-  AM_LOG_INFO("dsp output unmute");
-  return output_mute_ctrl(FPGA_REG_ROUTE_DSP_IN, 0);
-}
-
-int stream_output_mute(void) {
-  AM_LOG_INFO("stream output mute");
+int stream_output_mute_ctrl(int mute) {
+  AM_LOG_INFO("stream output %s", mute == 1 ? "mute" : "unmute");
   for (qb_u8_t reg : kStreamOutputRoutes) {
-    output_mute_ctrl(reg, 1);
+    output_mute_ctrl(reg, mute);
   }
   return 1;
 }
 
-int stream_output_unmute(void) {
-  AM_LOG_INFO("stream output unmute");
-  for (qb_u8_t reg : kStreamOutputRoutes) {
-    output_mute_ctrl(reg, 0);
-  }
-  return 1;
-}
+int stream_output_mute(void) { return stream_output_mute_ctrl(1); }
+int stream_output_unmute(void) { return stream_output_mute_ctrl(0); }
 
 int input_mute_ctrl(int src, int mute) {
   for (const input_gate_t& gate : kInputGates) {

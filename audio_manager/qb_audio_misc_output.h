@@ -7,6 +7,23 @@
 #include "qb_audio_misc.h"
 #include "qb_types.h"
 
+// Local outputs by index.
+inline constexpr int QB_AUDIO_OUTPUT_ANALOG = 0;
+inline constexpr int QB_AUDIO_OUTPUT_HDMI = 1;
+inline constexpr int QB_AUDIO_OUTPUT_SPDIF = 2;
+inline constexpr int QB_AUDIO_OUTPUT_EARC = 3;
+inline constexpr int QB_AUDIO_OUTPUT_COUNT = 4;
+
+// The routing state of output 0-3; the per-output functions below are these for one output.
+int qb_misc_audio_output_sid_get(int output);
+void qb_misc_audio_output_sid_set(int output, int sid);
+// Nothing for the analog output, which has no fallback and no downmix.
+void qb_misc_audio_output_fallback_sid_set(int output, int sid);
+void qb_misc_audio_downmix_set(int output, const qb_audio_output_dwm_mode_t* mode);
+void set_output_stream_mode(int output, int mode);
+// The matrix source carrying the network input the output plays.
+void qb_msic_net_stream_in_set(int output, int src);
+
 int qb_misc_audio_sid_hdmi_get(void);
 int qb_misc_audio_sid_analog_get(void);
 int qb_misc_audio_sid_spdif_get(void);

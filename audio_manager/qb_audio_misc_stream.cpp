@@ -39,20 +39,29 @@ struct stream_row_t {
   int in_channel;
   char (net_stream_ipaddr_t::*in_ipaddr)[QB_NET_IPADDR_SIZE];
   char (net_stream_ipaddr_t::*in_deviceid)[QB_NET_DEVICEID_SIZE];
-  const char* in_name;  // name in the input log line
+  int number;       // the stream's number in names and log lines (in1, sai1, ...)
+  int player_card;  // sound card and port of the network player of the input
+  int player_port;
+  void (*abort_capture)(void);  // restarts the capture of the output
 };
 
 constexpr stream_row_t kStreams[kStreamCount] = {
     {&net_stream_output_sel_t::first, QB_AUDIO_CHN_NSO1, &net_stream_ipaddr_t::sai1_out_ipaddr,
      &net_stream_ipaddr_t::sai1_out_deviceid, QB_AUDIO_CHN_NSI1,
-     &net_stream_ipaddr_t::sai1_in_ipaddr, &net_stream_ipaddr_t::sai1_in_deviceid, "in1"},
+     &net_stream_ipaddr_t::sai1_in_ipaddr, &net_stream_ipaddr_t::sai1_in_deviceid, 1, 1,
+     QB_AUDIO_NET_PORT, qb_audio_aplay_in_abort_capture1},
     {&net_stream_output_sel_t::second, QB_AUDIO_CHN_NSO5, &net_stream_ipaddr_t::sai5_out_ipaddr,
      &net_stream_ipaddr_t::sai5_out_deviceid, QB_AUDIO_CHN_NSI5,
-     &net_stream_ipaddr_t::sai5_in_ipaddr, &net_stream_ipaddr_t::sai5_in_deviceid, "in5"},
+     &net_stream_ipaddr_t::sai5_in_ipaddr, &net_stream_ipaddr_t::sai5_in_deviceid, 5, 3,
+     QB_AUDIO_NET_PORT + 2, qb_audio_aplay_in_abort_capture5},
     {&net_stream_output_sel_t::third, QB_AUDIO_CHN_NSO3, &net_stream_ipaddr_t::sai3_out_ipaddr,
      &net_stream_ipaddr_t::sai3_out_deviceid, QB_AUDIO_CHN_NSI3,
-     &net_stream_ipaddr_t::sai3_in_ipaddr, &net_stream_ipaddr_t::sai3_in_deviceid, "in3"},
+     &net_stream_ipaddr_t::sai3_in_ipaddr, &net_stream_ipaddr_t::sai3_in_deviceid, 3, 2,
+     QB_AUDIO_NET_PORT + 1, qb_audio_aplay_in_abort_capture3},
 };
+
+// Stream ids in the order of their numbers 1, 3, 5.
+constexpr int kSidsByNumber[] = {0, 2, 1};
 
 // Sources a network output may carry.
 constexpr int kOutputSources[] = {QB_AUDIO_SRC_ANALOG, QB_AUDIO_SRC_HDMI, QB_AUDIO_SRC_SPDIF,
@@ -145,6 +154,11 @@ qb_u8_t SwitchChar(char c) {
 
 qb_audio_misc_main_ctrl_t& misc() { return qb_audio_misc_ctrl(); }
 
+// 1 when network output stream sid carries the source, else 0.
+int selects(int sid, int src) {
+  return misc_word_get(misc().net_stream.*(kStreams[sid].selection)) == src ? 1 : 0;
+}
+
 int start_output(const char* function, qb_u8_t route_reg, int dst, int ch) {
   AM_LOG_INFO("%s ch = %d", function, ch);
   qb_audio_fpga_ch_route_set(route_reg,
@@ -226,7 +240,7 @@ int qb_audio_stream_input_from_net_set(const qb_audio_input_stream_t* req) {
   }
   set_address(row->in_ipaddr, row->in_deviceid, addr, dev);
   qb_audio_aplay_info_change_set(row->in_channel);
-  AM_LOG_INFO("%s,%s ip:%s", __func__, row->in_name, addr);
+  AM_LOG_INFO("%s,in%d ip:%s", __func__, row->number, addr);
   return 1;
 }
 
@@ -250,7 +264,7 @@ int qb_audio_stream_output_to_net_set(const qb_audio_output_stream_t* req) {
   if (!source_ok) {
     return 0;
   }
-  misc_word_set(misc().net_stream.*(row->selection), req->source);
+  qb_net_n_stream_select_set(req->streamID, req->source);
   AM_LOG_INFO("first= %d,second = %d, third = %d", qb_net_first_stream_select_get(),
               qb_net_second_stream_select_get(), qb_net_third_stream_select_get());
   qb_audio_stream_output_src_select(req->source, req->streamID);
@@ -308,17 +322,18 @@ int qb_audio_net_stream_out5_start(int ch) {
   return 1;
 }
 
-int qb_audio_net_stream_out1_restart(int ch) {
-  qb_audio_channel_state_copy_chn(QB_AUDIO_CHN_NSO1, ch);
-  qb_audio_aplay_in_abort_capture1();
+int qb_audio_net_stream_out_restart(int sid, int ch) {
+  const stream_row_t* row = stream_row(sid);
+  if (row == nullptr) {
+    return 0;
+  }
+  qb_audio_channel_state_copy_chn(row->out_channel, ch);
+  row->abort_capture();
   return 1;
 }
 
-int qb_audio_net_stream_out3_restart(int ch) {
-  qb_audio_channel_state_copy_chn(QB_AUDIO_CHN_NSO3, ch);
-  qb_audio_aplay_in_abort_capture3();
-  return 1;
-}
+int qb_audio_net_stream_out1_restart(int ch) { return qb_audio_net_stream_out_restart(0, ch); }
+int qb_audio_net_stream_out3_restart(int ch) { return qb_audio_net_stream_out_restart(2, ch); }
 
 // ---------------------------------------------------------------------------------------------
 // External player
@@ -345,20 +360,18 @@ int qb_audio_net_stream_in_start(int ch, int card, int port, const char* ipaddr)
   return 1;
 }
 
-int qb_audio_net_stream_in1_start(void) {
-  return qb_audio_net_stream_in_start(QB_AUDIO_CHN_NSI1, 1, QB_AUDIO_NET_PORT,
-                                      qb_misc_net_stream_in1_ipaddr_get());
+int qb_audio_net_stream_in_sid_start(int sid) {
+  const stream_row_t* row = stream_row(sid);
+  if (row == nullptr) {
+    return 0;
+  }
+  return qb_audio_net_stream_in_start(row->in_channel, row->player_card, row->player_port,
+                                      qb_misc_net_stream_in_ipaddr_get(sid));
 }
 
-int qb_audio_net_stream_in3_start(void) {
-  return qb_audio_net_stream_in_start(QB_AUDIO_CHN_NSI3, 2, QB_AUDIO_NET_PORT + 1,
-                                      qb_misc_net_stream_in3_ipaddr_get());
-}
-
-int qb_audio_net_stream_in5_start(void) {
-  return qb_audio_net_stream_in_start(QB_AUDIO_CHN_NSI5, 3, QB_AUDIO_NET_PORT + 2,
-                                      qb_misc_net_stream_in5_ipaddr_get());
-}
+int qb_audio_net_stream_in1_start(void) { return qb_audio_net_stream_in_sid_start(0); }
+int qb_audio_net_stream_in3_start(void) { return qb_audio_net_stream_in_sid_start(2); }
+int qb_audio_net_stream_in5_start(void) { return qb_audio_net_stream_in_sid_start(1); }
 
 int qb_audio_pkill_all_myaplay(void) {
   const char* command = "pkill -9 myaplay";
@@ -375,9 +388,9 @@ int qb_audio_net_stream_ipaddr_set(const void* unused) {
   if (unused == nullptr) {
     return 0;
   }
-  qb_misc_net_stream_in1_ipaddr_set(QB_AUDIO_DEFAULT_IN_IPADDR);
-  qb_misc_net_stream_in3_ipaddr_set(QB_AUDIO_DEFAULT_IN_IPADDR);
-  qb_misc_net_stream_in5_ipaddr_set(QB_AUDIO_DEFAULT_IN_IPADDR);
+  for (int sid : kSidsByNumber) {
+    qb_misc_net_stream_in_addr_set(sid, QB_AUDIO_DEFAULT_IN_IPADDR, nullptr);
+  }
   return 1;
 }
 
@@ -426,12 +439,22 @@ int qb_audio_netstreamsel_switch_channel_state_id(int src) {
 // ---------------------------------------------------------------------------------------------
 int qb_net_stream_select_get(void) { return misc_word_get(misc().net_stream_sel); }
 void qb_net_stream_select_set(int sel) { misc_word_set(misc().net_stream_sel, sel); }
-int qb_net_first_stream_select_get(void) { return misc_word_get(misc().net_stream.first); }
-void qb_net_first_stream_select_set(int sel) { misc_word_set(misc().net_stream.first, sel); }
-int qb_net_second_stream_select_get(void) { return misc_word_get(misc().net_stream.second); }
-void qb_net_second_stream_select_set(int sel) { misc_word_set(misc().net_stream.second, sel); }
-int qb_net_third_stream_select_get(void) { return misc_word_get(misc().net_stream.third); }
-void qb_net_third_stream_select_set(int sel) { misc_word_set(misc().net_stream.third, sel); }
+int qb_net_n_stream_select_get(int sid) {
+  const stream_row_t* row = stream_row(sid);
+  return row == nullptr ? 0 : misc_word_get(misc().net_stream.*(row->selection));
+}
+void qb_net_n_stream_select_set(int sid, int sel) {
+  const stream_row_t* row = stream_row(sid);
+  if (row != nullptr) {
+    misc_word_set(misc().net_stream.*(row->selection), sel);
+  }
+}
+int qb_net_first_stream_select_get(void) { return qb_net_n_stream_select_get(0); }
+void qb_net_first_stream_select_set(int sel) { qb_net_n_stream_select_set(0, sel); }
+int qb_net_second_stream_select_get(void) { return qb_net_n_stream_select_get(1); }
+void qb_net_second_stream_select_set(int sel) { qb_net_n_stream_select_set(1, sel); }
+int qb_net_third_stream_select_get(void) { return qb_net_n_stream_select_get(2); }
+void qb_net_third_stream_select_set(int sel) { qb_net_n_stream_select_set(2, sel); }
 int qb_msic_net_spdif_out_src_get(void) { return misc_word_get(misc().net_spdif_out_src); }
 void qb_msic_net_spdif_out_src_set(int src) { misc_word_set(misc().net_spdif_out_src, src); }
 int qb_misc_audio_streamId_get(void) { return misc_word_get(misc().streamout_streamId.streamId); }
@@ -439,87 +462,62 @@ void qb_misc_audio_streamId_set(int sid) {
   misc_word_set(misc().streamout_streamId.streamId, sid);
 }
 
-char* qb_misc_net_stream_out1_ipaddr_get(void) {
-  thread_local char buf[QB_NET_IPADDR_SIZE];
-  return snapshot(&net_stream_ipaddr_t::sai1_out_ipaddr, buf);
+char* qb_misc_net_stream_out_ipaddr_get(int sid) {
+  thread_local char buf[kStreamCount][QB_NET_IPADDR_SIZE];
+  return snapshot(kStreams[sid].out_ipaddr, buf[sid]);
 }
-char* qb_misc_net_stream_out3_ipaddr_get(void) {
-  thread_local char buf[QB_NET_IPADDR_SIZE];
-  return snapshot(&net_stream_ipaddr_t::sai3_out_ipaddr, buf);
+char* qb_misc_net_stream_out_deviceid_get(int sid) {
+  thread_local char buf[kStreamCount][QB_NET_DEVICEID_SIZE];
+  return snapshot(kStreams[sid].out_deviceid, buf[sid]);
 }
-char* qb_misc_net_stream_out5_ipaddr_get(void) {
-  thread_local char buf[QB_NET_IPADDR_SIZE];
-  return snapshot(&net_stream_ipaddr_t::sai5_out_ipaddr, buf);
+char* qb_misc_net_stream_in_ipaddr_get(int sid) {
+  thread_local char buf[kStreamCount][QB_NET_IPADDR_SIZE];
+  return snapshot(kStreams[sid].in_ipaddr, buf[sid]);
 }
-char* qb_misc_net_stream_in1_ipaddr_get(void) {
-  thread_local char buf[QB_NET_IPADDR_SIZE];
-  return snapshot(&net_stream_ipaddr_t::sai1_in_ipaddr, buf);
+char* qb_misc_net_stream_in_deviceid_get(int sid) {
+  thread_local char buf[kStreamCount][QB_NET_DEVICEID_SIZE];
+  return snapshot(kStreams[sid].in_deviceid, buf[sid]);
 }
-char* qb_misc_net_stream_in3_ipaddr_get(void) {
-  thread_local char buf[QB_NET_IPADDR_SIZE];
-  return snapshot(&net_stream_ipaddr_t::sai3_in_ipaddr, buf);
+void qb_misc_net_stream_out_addr_set(int sid, const char* ipaddr, const char* deviceid) {
+  set_address(kStreams[sid].out_ipaddr, kStreams[sid].out_deviceid, ipaddr, deviceid);
 }
-char* qb_misc_net_stream_in5_ipaddr_get(void) {
-  thread_local char buf[QB_NET_IPADDR_SIZE];
-  return snapshot(&net_stream_ipaddr_t::sai5_in_ipaddr, buf);
-}
-char* qb_misc_net_stream_out1_deviceid_get(void) {
-  thread_local char buf[QB_NET_DEVICEID_SIZE];
-  return snapshot(&net_stream_ipaddr_t::sai1_out_deviceid, buf);
-}
-char* qb_misc_net_stream_out3_deviceid_get(void) {
-  thread_local char buf[QB_NET_DEVICEID_SIZE];
-  return snapshot(&net_stream_ipaddr_t::sai3_out_deviceid, buf);
-}
-char* qb_misc_net_stream_out5_deviceid_get(void) {
-  thread_local char buf[QB_NET_DEVICEID_SIZE];
-  return snapshot(&net_stream_ipaddr_t::sai5_out_deviceid, buf);
-}
-char* qb_misc_net_stream_in1_deviceid_get(void) {
-  thread_local char buf[QB_NET_DEVICEID_SIZE];
-  return snapshot(&net_stream_ipaddr_t::sai1_in_deviceid, buf);
-}
-char* qb_misc_net_stream_in3_deviceid_get(void) {
-  thread_local char buf[QB_NET_DEVICEID_SIZE];
-  return snapshot(&net_stream_ipaddr_t::sai3_in_deviceid, buf);
-}
-char* qb_misc_net_stream_in5_deviceid_get(void) {
-  thread_local char buf[QB_NET_DEVICEID_SIZE];
-  return snapshot(&net_stream_ipaddr_t::sai5_in_deviceid, buf);
+void qb_misc_net_stream_in_addr_set(int sid, const char* ipaddr, const char* deviceid) {
+  set_address(kStreams[sid].in_ipaddr, kStreams[sid].in_deviceid, ipaddr, deviceid);
 }
 
+char* qb_misc_net_stream_out1_ipaddr_get(void) { return qb_misc_net_stream_out_ipaddr_get(0); }
+char* qb_misc_net_stream_out3_ipaddr_get(void) { return qb_misc_net_stream_out_ipaddr_get(2); }
+char* qb_misc_net_stream_out5_ipaddr_get(void) { return qb_misc_net_stream_out_ipaddr_get(1); }
+char* qb_misc_net_stream_in1_ipaddr_get(void) { return qb_misc_net_stream_in_ipaddr_get(0); }
+char* qb_misc_net_stream_in3_ipaddr_get(void) { return qb_misc_net_stream_in_ipaddr_get(2); }
+char* qb_misc_net_stream_in5_ipaddr_get(void) { return qb_misc_net_stream_in_ipaddr_get(1); }
+char* qb_misc_net_stream_out1_deviceid_get(void) { return qb_misc_net_stream_out_deviceid_get(0); }
+char* qb_misc_net_stream_out3_deviceid_get(void) { return qb_misc_net_stream_out_deviceid_get(2); }
+char* qb_misc_net_stream_out5_deviceid_get(void) { return qb_misc_net_stream_out_deviceid_get(1); }
+char* qb_misc_net_stream_in1_deviceid_get(void) { return qb_misc_net_stream_in_deviceid_get(0); }
+char* qb_misc_net_stream_in3_deviceid_get(void) { return qb_misc_net_stream_in_deviceid_get(2); }
+char* qb_misc_net_stream_in5_deviceid_get(void) { return qb_misc_net_stream_in_deviceid_get(1); }
+
 void qb_misc_net_stream_out1_ipaddr_set(const char* ipaddr, const char* deviceid) {
-  set_address(&net_stream_ipaddr_t::sai1_out_ipaddr, &net_stream_ipaddr_t::sai1_out_deviceid,
-              ipaddr, deviceid);
-}
-void qb_misc_net_stream_out3_ipaddr_set(const char* ipaddr, const char* deviceid) {
-  set_address(&net_stream_ipaddr_t::sai3_out_ipaddr, &net_stream_ipaddr_t::sai3_out_deviceid,
-              ipaddr, deviceid);
+  qb_misc_net_stream_out_addr_set(0, ipaddr, deviceid);
 }
 void qb_misc_net_stream_out5_ipaddr_set(const char* ipaddr, const char* deviceid) {
-  set_address(&net_stream_ipaddr_t::sai5_out_ipaddr, &net_stream_ipaddr_t::sai5_out_deviceid,
-              ipaddr, deviceid);
+  qb_misc_net_stream_out_addr_set(1, ipaddr, deviceid);
 }
 void qb_misc_net_stream_in1_ipaddr_set(const char* ipaddr) {
-  set_address(&net_stream_ipaddr_t::sai1_in_ipaddr, nullptr, ipaddr, nullptr);
-}
-void qb_misc_net_stream_in3_ipaddr_set(const char* ipaddr) {
-  set_address(&net_stream_ipaddr_t::sai3_in_ipaddr, nullptr, ipaddr, nullptr);
+  qb_misc_net_stream_in_addr_set(0, ipaddr, nullptr);
 }
 void qb_misc_net_stream_in5_ipaddr_set(const char* ipaddr) {
-  set_address(&net_stream_ipaddr_t::sai5_in_ipaddr, nullptr, ipaddr, nullptr);
+  qb_misc_net_stream_in_addr_set(1, ipaddr, nullptr);
 }
 void qb_misc_net_stream_in1_ipaddr_set2(const char* ipaddr, const char* deviceid) {
-  set_address(&net_stream_ipaddr_t::sai1_in_ipaddr, &net_stream_ipaddr_t::sai1_in_deviceid, ipaddr,
-              deviceid);
+  qb_misc_net_stream_in_addr_set(0, ipaddr, deviceid);
 }
 void qb_misc_net_stream_in3_ipaddr_set2(const char* ipaddr, const char* deviceid) {
-  set_address(&net_stream_ipaddr_t::sai3_in_ipaddr, &net_stream_ipaddr_t::sai3_in_deviceid, ipaddr,
-              deviceid);
+  qb_misc_net_stream_in_addr_set(2, ipaddr, deviceid);
 }
 void qb_misc_net_stream_in5_ipaddr_set2(const char* ipaddr, const char* deviceid) {
-  set_address(&net_stream_ipaddr_t::sai5_in_ipaddr, &net_stream_ipaddr_t::sai5_in_deviceid, ipaddr,
-              deviceid);
+  qb_misc_net_stream_in_addr_set(1, ipaddr, deviceid);
 }
 
 void qb_misc_net_stream_ipaddr_copy(net_stream_ipaddr_t* out) {
@@ -533,33 +531,23 @@ void qb_misc_net_stream_ipaddr_copy(net_stream_ipaddr_t* out) {
 // ---------------------------------------------------------------------------------------------
 // Predicates
 // ---------------------------------------------------------------------------------------------
-int is_qb_net_first_stream_select_spdif(void) {
-  return qb_net_first_stream_select_get() == QB_AUDIO_SRC_SPDIF ? 1 : 0;
-}
+int is_qb_net_first_stream_select_spdif(void) { return selects(0, QB_AUDIO_SRC_SPDIF); }
 int is_qb_net_second_stream_select_spdif(void) {
   return misc_word_get(misc().spdif.spdif) == 1 ? 1 : 0;
 }
-int is_qb_net_third_stream_select_spdif(void) {
-  return qb_net_third_stream_select_get() == QB_AUDIO_SRC_SPDIF ? 1 : 0;
-}
-int is_qb_net_first_stream_select_arc(void) {
-  return qb_net_first_stream_select_get() == QB_AUDIO_SRC_EARC ? 1 : 0;
-}
+int is_qb_net_third_stream_select_spdif(void) { return selects(2, QB_AUDIO_SRC_SPDIF); }
+int is_qb_net_first_stream_select_arc(void) { return selects(0, QB_AUDIO_SRC_EARC); }
 int is_qb_net_second_stream_select_arc(void) {
-  return (qb_net_second_stream_select_get() == QB_AUDIO_SRC_EARC &&
-          misc_word_get(misc().spdif.arc) == 1)
-             ? 1
-             : 0;
+  return (selects(1, QB_AUDIO_SRC_EARC) && misc_word_get(misc().spdif.arc) == 1) ? 1 : 0;
 }
-int is_qb_net_third_stream_select_arc(void) {
-  return qb_net_third_stream_select_get() == QB_AUDIO_SRC_EARC ? 1 : 0;
-}
+int is_qb_net_third_stream_select_arc(void) { return selects(2, QB_AUDIO_SRC_EARC); }
 int audio_hdmi_streamout(void) {
-  return (qb_net_first_stream_select_get() == QB_AUDIO_SRC_HDMI ||
-          qb_net_second_stream_select_get() == QB_AUDIO_SRC_HDMI ||
-          qb_net_third_stream_select_get() == QB_AUDIO_SRC_HDMI)
-             ? 1
-             : 0;
+  for (int sid = 0; sid < kStreamCount; ++sid) {
+    if (selects(sid, QB_AUDIO_SRC_HDMI)) {
+      return 1;
+    }
+  }
+  return 0;
 }
 int qb_misc_net_stream_spdif_flag_get(void) { return misc_word_get(misc().spdif.spdif); }
 int qb_misc_net_stream_arc_flag_get(void) { return misc_word_get(misc().spdif.arc); }
@@ -588,12 +576,16 @@ void dump_misc_param(FILE* fp) {
   std::fprintf(fp, "net_spdif_out_src :%d\n", misc_word_get(misc().net_spdif_out_src));
   net_stream_ipaddr_t ip;
   qb_misc_net_stream_ipaddr_copy(&ip);
-  std::fprintf(fp, "ipadd sai1:%s deviceid:%s\n", ip.sai1_in_ipaddr, ip.sai1_in_deviceid);
-  std::fprintf(fp, "ipadd sai3:%s deviceid:%s\n", ip.sai3_in_ipaddr, ip.sai3_in_deviceid);
-  std::fprintf(fp, "ipadd sai5:%s deviceid:%s\n", ip.sai5_in_ipaddr, ip.sai5_in_deviceid);
-  std::fprintf(fp, "ipadd sao1:%s deviceid:%s\n", ip.sai1_out_ipaddr, ip.sai1_out_deviceid);
-  std::fprintf(fp, "ipadd sao3:%s deviceid:%s\n", ip.sai3_out_ipaddr, ip.sai3_out_deviceid);
-  std::fprintf(fp, "ipadd sao5:%s deviceid:%s\n", ip.sai5_out_ipaddr, ip.sai5_out_deviceid);
+  for (int sid : kSidsByNumber) {
+    const stream_row_t& row = kStreams[sid];
+    std::fprintf(fp, "ipadd sai%d:%s deviceid:%s\n", row.number, ip.*(row.in_ipaddr),
+                 ip.*(row.in_deviceid));
+  }
+  for (int sid : kSidsByNumber) {
+    const stream_row_t& row = kStreams[sid];
+    std::fprintf(fp, "ipadd sao%d:%s deviceid:%s\n", row.number, ip.*(row.out_ipaddr),
+                 ip.*(row.out_deviceid));
+  }
   const int first = misc_word_get(misc().net_stream.first);
   const int second = misc_word_get(misc().net_stream.second);
   const int third = misc_word_get(misc().net_stream.third);

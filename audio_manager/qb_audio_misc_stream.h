@@ -33,10 +33,15 @@ int qb_audio_stream_input_from_net_set(const qb_audio_input_stream_t* req);
 int qb_audio_net_stream_out1_start(int ch);
 int qb_audio_net_stream_out3_start(int ch);
 int qb_audio_net_stream_out5_start(int ch);
+// Network output stream sid takes the format of channel ch and restarts its capture. 1, or 0 for
+// another sid.
+int qb_audio_net_stream_out_restart(int sid, int ch);
 int qb_audio_net_stream_out1_restart(int ch);
 int qb_audio_net_stream_out3_restart(int ch);
 
 int qb_audio_net_stream_in_start(int ch, int card, int port, const char* ipaddr);
+// The network player of input stream sid, with its sound card, port and address. 1/0.
+int qb_audio_net_stream_in_sid_start(int sid);
 int qb_audio_net_stream_in1_start(void);
 int qb_audio_net_stream_in3_start(void);
 int qb_audio_net_stream_in5_start(void);
@@ -57,6 +62,9 @@ const char* qb_audio_output_source_short_name(int src);
 
 int qb_net_stream_select_get(void);
 void qb_net_stream_select_set(int sel);
+// Source selection of network output stream sid (0 for another sid; first, second, third below).
+int qb_net_n_stream_select_get(int sid);
+void qb_net_n_stream_select_set(int sid, int sel);
 int qb_net_first_stream_select_get(void);
 void qb_net_first_stream_select_set(int sel);
 int qb_net_second_stream_select_get(void);
@@ -68,7 +76,15 @@ void qb_msic_net_spdif_out_src_set(int src);
 int qb_misc_audio_streamId_get(void);
 void qb_misc_audio_streamId_set(int sid);
 
-// Address texts (snapshots, see above).
+// Address and device-id texts of stream sid 0-2 (snapshots, see above); the numbered ones below
+// are these for stream 1 (sid 0), 3 (sid 2) and 5 (sid 1). sid must be 0-2. A null deviceid keeps
+// the device id.
+char* qb_misc_net_stream_out_ipaddr_get(int sid);
+char* qb_misc_net_stream_out_deviceid_get(int sid);
+char* qb_misc_net_stream_in_ipaddr_get(int sid);
+char* qb_misc_net_stream_in_deviceid_get(int sid);
+void qb_misc_net_stream_out_addr_set(int sid, const char* ipaddr, const char* deviceid);
+void qb_misc_net_stream_in_addr_set(int sid, const char* ipaddr, const char* deviceid);
 char* qb_misc_net_stream_out1_ipaddr_get(void);
 char* qb_misc_net_stream_out3_ipaddr_get(void);
 char* qb_misc_net_stream_out5_ipaddr_get(void);
@@ -83,10 +99,8 @@ char* qb_misc_net_stream_in1_deviceid_get(void);
 char* qb_misc_net_stream_in3_deviceid_get(void);
 char* qb_misc_net_stream_in5_deviceid_get(void);
 void qb_misc_net_stream_out1_ipaddr_set(const char* ipaddr, const char* deviceid);
-void qb_misc_net_stream_out3_ipaddr_set(const char* ipaddr, const char* deviceid);
 void qb_misc_net_stream_out5_ipaddr_set(const char* ipaddr, const char* deviceid);
 void qb_misc_net_stream_in1_ipaddr_set(const char* ipaddr);
-void qb_misc_net_stream_in3_ipaddr_set(const char* ipaddr);
 void qb_misc_net_stream_in5_ipaddr_set(const char* ipaddr);
 void qb_misc_net_stream_in1_ipaddr_set2(const char* ipaddr, const char* deviceid);
 void qb_misc_net_stream_in3_ipaddr_set2(const char* ipaddr, const char* deviceid);

@@ -69,29 +69,39 @@ void fpga_write_byte(qb_u8_t reg, qb_u8_t value) {
   (void)I2C_Device_Write(kFpgaI2cBus, kFpgaI2cAddr, reg, &value, 1);
 }
 
-// One output's mute and unmute operations with their log lines.
-struct mute_row_t {
+// One output port: its word in the log lines, its mute and unmute, its delay registers (low byte,
+// then the high bits in the next register; 0 for none) and its source selection (none for the
+// DSP).
+struct port_row_t {
   qb_u32_t port;
+  const char* word;
+  const char* mute_word;  // in the mute log line
   int (*mute)(void);
   int (*unmute)(void);
-  const char* mute_log;
-  const char* unmute_log;
+  qb_u8_t latency_reg;
+  int (*select)(int src, int sid);
+  const char* separator;  // before the stream id in the source selection log line
 };
 
-constexpr mute_row_t kMuteRows[] = {
-    {kPortAnalog, analog_output_mute, analog_output_unmute, "set analog output mute",
-     "set analog output unmute"},
-    {kPortHdmi, hdmi_output_mute, hdmi_output_unmute, "set hdmi output mute",
-     "set hdmi output unmute"},
-    {kPortSpdif, spdif_output_mute, spdif_output_unmute, "set spdif output mute",
-     "set spdif output unmute"},
-    {kPortEarc, earc_output_mute, earc_output_unmute, "set arc/earc output mute",
-     "set arc/earc output unmute"},
-    {kPortDsp, dsp_output_mute, dsp_output_unmute, "set dsp output mute", "set dsp output unmute"},
-};
+constexpr qb_u8_t kNoLatency = 0;
 
-const mute_row_t* mute_row(qb_u32_t port) {
-  for (const mute_row_t& row : kMuteRows) {
+constexpr port_row_t kPorts[] = {
+    {kPortAnalog, "analog", "analog", analog_output_mute, analog_output_unmute,
+     FPGA_REG_LATENCY_ANALOG, qb_audio_analog_output_src_select, ","},
+    {kPortHdmi, "hdmi", "hdmi", hdmi_output_mute, hdmi_output_unmute, FPGA_REG_LATENCY_HDMI,
+     qb_audio_hdmi_output_src_select, ","},
+    {kPortSpdif, "spdif", "spdif", spdif_output_mute, spdif_output_unmute, FPGA_REG_LATENCY_SPDIF,
+     qb_audio_spdif_output_src_select, " "},
+    {kPortEarc, "earc", "arc/earc", earc_output_mute, earc_output_unmute, FPGA_REG_LATENCY_EARC,
+     qb_audio_earc_output_src_select, " ; "},
+    {kPortDsp, "dsp", "dsp", dsp_output_mute, dsp_output_unmute, kNoLatency, nullptr, nullptr},
+};
+static_assert(kPortAnalog == QB_AUDIO_OUTPUT_ANALOG && kPortHdmi == QB_AUDIO_OUTPUT_HDMI &&
+                  kPortSpdif == QB_AUDIO_OUTPUT_SPDIF && kPortEarc == QB_AUDIO_OUTPUT_EARC,
+              "port numbers index the output tables");
+
+const port_row_t* port_row(qb_u32_t port) {
+  for (const port_row_t& row : kPorts) {
     if (row.port == port) {
       return &row;
     }
@@ -99,31 +109,7 @@ const mute_row_t* mute_row(qb_u32_t port) {
   return nullptr;
 }
 
-// One output's delay registers and the port word of its log line.
-struct latency_row_t {
-  qb_u32_t port;
-  qb_u8_t low_reg;
-  qb_u8_t high_reg;
-  const char* word;
-};
-
-constexpr latency_row_t kLatencyRows[] = {
-    {kPortAnalog, FPGA_REG_LATENCY_ANALOG, FPGA_REG_LATENCY_ANALOG + 1, "analog"},
-    {kPortHdmi, FPGA_REG_LATENCY_HDMI, FPGA_REG_LATENCY_HDMI + 1, "hdmi"},
-    {kPortSpdif, FPGA_REG_LATENCY_SPDIF, FPGA_REG_LATENCY_SPDIF + 1, "spdif"},
-    {kPortEarc, FPGA_REG_LATENCY_EARC, FPGA_REG_LATENCY_EARC + 1, "earc"},
-};
-
-const latency_row_t* latency_row(qb_u32_t port) {
-  for (const latency_row_t& row : kLatencyRows) {
-    if (row.port == port) {
-      return &row;
-    }
-  }
-  return nullptr;
-}
-
-void latency_write(const latency_row_t& row, qb_u8_t reg, qb_u8_t value) {
+void latency_write(const port_row_t& row, qb_u8_t reg, qb_u8_t value) {
   fpga_write_byte(reg, value);
   AM_LOG_INFO("set fpga %s channel add:%02x reg:%02x val:%02x", row.word, kFpgaI2cAddr, reg, value);
 }
@@ -196,7 +182,7 @@ int output_mute_ctrl_set(const void* buf, int len) {
   }
   AM_LOG_INFO("%s, chn[%s][%d] mute=%d enable=%d", __func__, qb_audio_output_port_name(req.ch),
               req.ch, req.mute, req.enable);
-  const mute_row_t* row = mute_row(req.ch);
+  const port_row_t* row = port_row(req.ch);
   if (row == nullptr) {
     return 0;  // the network stream output and unknown ports have no mute of their own
   }
@@ -205,7 +191,7 @@ int output_mute_ctrl_set(const void* buf, int len) {
   if ((mute ? row->mute() : row->unmute()) == 1 && req.ch == kPortAnalog) {
     set_output_analog_mute(mute ? 1 : 0);
   }
-  AM_LOG_INFO("%s", mute ? row->mute_log : row->unmute_log);
+  AM_LOG_INFO("set %s output %s", row->mute_word, mute ? "mute" : "unmute");
   return 1;
 }
 
@@ -216,14 +202,15 @@ int output_latency_ctrl_set(const void* buf, int len) {
   }
   AM_LOG_INFO("%s output latency ctrl,ch[%s][%d], time[%d] buflen[%d]", __func__,
               qb_audio_output_port_name(req.ch), req.ch, req.time, len);
-  const latency_row_t* row = latency_row(req.ch);
-  if (row == nullptr) {
+  const port_row_t* row = port_row(req.ch);
+  if (row == nullptr || row->latency_reg == kNoLatency) {
     AM_LOG_ERROR("output latency set invalid channel");
     return 0;
   }
   // The delay passes through unchanged, in the unit of the FPGA delay line.
-  latency_write(*row, row->low_reg, static_cast<qb_u8_t>(req.time & kLatencyLowMask));
-  latency_write(*row, row->high_reg, static_cast<qb_u8_t>((req.time >> 8) & kLatencyHighMask));
+  latency_write(*row, row->latency_reg, static_cast<qb_u8_t>(req.time & kLatencyLowMask));
+  latency_write(*row, static_cast<qb_u8_t>(row->latency_reg + 1),
+                static_cast<qb_u8_t>((req.time >> 8) & kLatencyHighMask));
   return 1;
 }
 
@@ -234,43 +221,33 @@ int output_src_select_set(const void* buf, int len) {
   if (!qb_payload_read_prefix(buf, len, &req)) {
     return 0;
   }
-  const int sid_analog = qb_misc_audio_sid_analog_get();
-  const int sid_hdmi = qb_misc_audio_sid_hdmi_get();
-  const int sid_spdif = qb_misc_audio_sid_spdif_get();
-  const int sid_earc = qb_misc_audio_sid_earc_get();
+  int sids[QB_AUDIO_OUTPUT_COUNT] = {};
+  for (int out = 0; out < QB_AUDIO_OUTPUT_COUNT; ++out) {
+    sids[out] = qb_misc_audio_output_sid_get(out);
+  }
   const char* src_name = qb_audio_output_port_name(req.src);
   const int src = static_cast<int>(req.src);
   AM_LOG_INFO(
       "%s, chn[%s][%d] src[%s][%d],s32sid_analog = %d,s32sid_hdmi = %d,s32sid_spdif = %d,"
       "s32sid_earc = %d",
-      __func__, qb_audio_output_port_name(req.ch), req.ch, src_name, src, sid_analog, sid_hdmi,
-      sid_spdif, sid_earc);
-  int ret = 0;
-  switch (req.ch) {
-    case kPortAnalog:
-      ret = qb_audio_analog_output_src_select(src, sid_analog);
-      qb_misc_audio_local_port_analog_src_set(req.src);
-      AM_LOG_INFO("set analog src %s:%d,s32sid_analog = %d", src_name, src, sid_analog);
-      break;
-    case kPortHdmi:
-      set_output_hdmi_stream_mode(0);
-      ret = qb_audio_hdmi_output_src_select(src, sid_hdmi);
-      AM_LOG_INFO("set hdmi src %s:%d,s32sid_hdmi = %d", src_name, src, sid_hdmi);
-      break;
-    case kPortSpdif:
-      set_output_spdif_stream_mode(0);
-      ret = qb_audio_spdif_output_src_select(src, sid_spdif);
-      AM_LOG_INFO("set spdif src %s:%d s32sid_spdif = %d", src_name, src, sid_spdif);
-      break;
-    case kPortEarc:
-      set_output_earc_stream_mode(0);
-      ret = qb_audio_earc_output_src_select(src, sid_earc);
-      AM_LOG_INFO("set earc src %s:%d ; s32sid_earc = %d", src_name, src, sid_earc);
-      break;
-    default:
-      AM_LOG_ERROR("output src set invalid channel");
-      return 0;
+      __func__, qb_audio_output_port_name(req.ch), req.ch, src_name, src,
+      sids[QB_AUDIO_OUTPUT_ANALOG], sids[QB_AUDIO_OUTPUT_HDMI], sids[QB_AUDIO_OUTPUT_SPDIF],
+      sids[QB_AUDIO_OUTPUT_EARC]);
+  const port_row_t* row = port_row(req.ch);
+  if (row == nullptr || row->select == nullptr) {
+    AM_LOG_ERROR("output src set invalid channel");
+    return 0;
   }
+  const int out = static_cast<int>(req.ch);
+  if (out != QB_AUDIO_OUTPUT_ANALOG) {
+    set_output_stream_mode(out, 0);
+  }
+  const int ret = row->select(src, sids[out]);
+  if (out == QB_AUDIO_OUTPUT_ANALOG) {
+    qb_misc_audio_local_port_analog_src_set(req.src);
+  }
+  AM_LOG_INFO("set %s src %s:%d%ss32sid_%s = %d", row->word, src_name, src, row->separator,
+              row->word, sids[out]);
   return ret;
 }
 
@@ -289,18 +266,9 @@ int output_dwm_mode_set(const void* buf, int len) {
     AM_LOG_ERROR("output downmix mode param invalid");
     return 0;
   }
-  switch (req.ch) {
-    case kPortHdmi:
-      qb_misc_audio_downmix_hdmi_set(&req);
-      break;
-    case kPortSpdif:
-      qb_misc_audio_downmix_spdif_set(&req);
-      break;
-    case kPortEarc:
-      qb_misc_audio_downmix_earc_set(&req);
-      break;
-    default:
-      break;  // the other outputs have no downmix
+  // The analog output and the other ports have no downmix.
+  if (req.ch < static_cast<qb_u32_t>(QB_AUDIO_OUTPUT_COUNT)) {
+    qb_misc_audio_downmix_set(static_cast<int>(req.ch), &req);
   }
   return 1;
 }

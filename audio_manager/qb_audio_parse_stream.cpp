@@ -126,16 +126,28 @@ const char* local_channel_name(int ch) {
 
 qb_u8_t u8(qb_s8_t v) { return static_cast<qb_u8_t>(v); }
 
-// Network output records fed by each network stream, in stream order (first, second, third).
+// Each network output stream, indexed by stream id: its channel record, what restarts it when
+// its source changes, and the capture number in the restart log line.
 struct net_out_t {
-  int (*selection)(void);
+  int channel;
+  int (*restart)(int ch);
+  int capture;
+};
+constexpr net_out_t kNetOutputs[kStreamIdCount] = {
+    {QB_AUDIO_CHN_NSO1, qb_audio_net_stream_out1_restart, 1},
+    {QB_AUDIO_CHN_NSO5, qb_audio_net_stream_out5_start, 3},
+    {QB_AUDIO_CHN_NSO3, qb_audio_net_stream_out3_restart, 2},
+};
+
+// Each network input stream: stream id, name in the log line and channel record, in the order
+// in1, in3, in5.
+struct net_in_t {
+  int sid;
+  const char* name;
   int channel;
 };
-constexpr net_out_t kNetOutputs[] = {
-    {qb_net_first_stream_select_get, QB_AUDIO_CHN_NSO1},
-    {qb_net_second_stream_select_get, QB_AUDIO_CHN_NSO5},
-    {qb_net_third_stream_select_get, QB_AUDIO_CHN_NSO3},
-};
+constexpr net_in_t kNetInputs[] = {
+    {0, "in1", QB_AUDIO_CHN_NSI1}, {2, "in3", QB_AUDIO_CHN_NSI3}, {1, "in5", QB_AUDIO_CHN_NSI5}};
 
 // The DSP's decoder code goes into the first InfoFrame byte of the video record when the HDMI
 // input is not LPCM, and into every network output record that carries the HDMI input.
@@ -146,9 +158,10 @@ void spread_dsp_code(const qb_audio_info& dsp) {
     return;
   }
   qb_audio_channel_state_byte_set(QB_AUDIO_CHN_VIDEO, QB_AUDIO_INFO_AUD_DB0, dsp.AUD_DB[0]);
-  for (const net_out_t& out : kNetOutputs) {
-    if (out.selection() == kSelHdmi) {
-      qb_audio_channel_state_byte_set(out.channel, QB_AUDIO_INFO_AUD_DB0, dsp.AUD_DB[0]);
+  for (int sid = 0; sid < kStreamIdCount; ++sid) {
+    if (qb_net_n_stream_select_get(sid) == kSelHdmi) {
+      qb_audio_channel_state_byte_set(kNetOutputs[sid].channel, QB_AUDIO_INFO_AUD_DB0,
+                                      dsp.AUD_DB[0]);
     }
   }
 }
@@ -180,20 +193,16 @@ void reapply_analog_hdmi() {
 
 // Restarts every network output whose stream captures the selection sel, with channel arg.
 void restart_outputs_of(int sel, int arg) {
-  const int first = qb_net_first_stream_select_get();
-  const int second = qb_net_second_stream_select_get();
-  const int third = qb_net_third_stream_select_get();
-  if (first == sel) {
-    qb_audio_net_stream_out1_restart(arg);
-    AM_LOG_INFO("%s,capture1 restart:%d", "audio_channel_info_note", first);
+  int selected[kStreamIdCount] = {};
+  for (int sid = 0; sid < kStreamIdCount; ++sid) {
+    selected[sid] = qb_net_n_stream_select_get(sid);
   }
-  if (second == sel) {
-    qb_audio_net_stream_out5_start(arg);
-    AM_LOG_INFO("%s,capture3 restart:%d", "audio_channel_info_note", second);
-  }
-  if (third == sel) {
-    qb_audio_net_stream_out3_restart(arg);
-    AM_LOG_INFO("%s,capture2 restart:%d", "audio_channel_info_note", third);
+  for (int sid = 0; sid < kStreamIdCount; ++sid) {
+    if (selected[sid] == sel) {
+      kNetOutputs[sid].restart(arg);
+      AM_LOG_INFO("%s,capture%d restart:%d", "audio_channel_info_note", kNetOutputs[sid].capture,
+                  selected[sid]);
+    }
   }
 }
 
@@ -275,15 +284,13 @@ int input_src_mac_set(const void* buf, int len) {
   char group[QB_NET_IPADDR_SIZE] = {};
   std::snprintf(group, sizeof(group), "%d.%d.%d.%d", QB_AUDIO_MCAST_OCTET1,
                 QB_AUDIO_MCAST_OCTET2_BASE | (m[3] & 0x0F), m[4], m[5]);
-  qb_misc_net_stream_in1_ipaddr_set2(group, mac);
-  AM_LOG_INFO("%s,in1 ip:%s", __func__, group);
-  qb_misc_net_stream_in3_ipaddr_set2(group, mac);
-  AM_LOG_INFO("%s,in3 ip:%s", __func__, group);
-  qb_misc_net_stream_in5_ipaddr_set2(group, mac);
-  AM_LOG_INFO("%s,in5 ip:%s", __func__, group);
-  qb_audio_aplay_info_change_set(QB_AUDIO_CHN_NSI1);
-  qb_audio_aplay_info_change_set(QB_AUDIO_CHN_NSI3);
-  qb_audio_aplay_info_change_set(QB_AUDIO_CHN_NSI5);
+  for (const net_in_t& in : kNetInputs) {
+    qb_misc_net_stream_in_addr_set(in.sid, group, mac);
+    AM_LOG_INFO("%s,%s ip:%s", __func__, in.name, group);
+  }
+  for (const net_in_t& in : kNetInputs) {
+    qb_audio_aplay_info_change_set(in.channel);
+  }
   return 1;
 }
 

@@ -54,6 +54,7 @@ constexpr net_row_t kNetOutputTable[] = {
     {QB_AUDIO_SRC_STREAM, {net_none(), net_none(), net_none(), net_none()}},
     {QB_AUDIO_SRC_DSP, {net_refused(), net_refused(), net_refused(), net_refused()}},
     {QB_AUDIO_SRC_HDMI_DOWNMIX, {net_start_dsp(), net_none(), net_start_dsp(), net_unmute_only()}},
+    // Any other source (the last row).
     {PORT_OTHER_SOURCE, {net_refused(), net_refused(), net_refused(), net_refused()}},
 };
 
@@ -72,22 +73,8 @@ constexpr int kStreamIds = static_cast<int>(sizeof kNetStreams / sizeof kNetStre
 
 constexpr int kBoardTxA = 1;
 
-const net_cell_t& net_cell(int src, int board) {
-  const net_row_t* other = nullptr;
-  for (const net_row_t& row : kNetOutputTable) {
-    if (row.source == src) {
-      return row.board[board - 1];
-    }
-    if (row.source == PORT_OTHER_SOURCE) {
-      other = &row;
-    }
-  }
-  return other->board[board - 1];
-}
 
 bool sid_valid(int sid) { return sid >= 0 && sid < kStreamIds; }
-
-qb_audio_misc_main_ctrl_t& misc() { return qb_audio_misc_ctrl(); }
 
 }  // namespace
 
@@ -106,7 +93,7 @@ int qb_audio_stream_output_src_select(int src, int sid) {
     return 0;
   }
   const net_stream_t& stream = kNetStreams[sid];
-  const net_cell_t& cell = net_cell(src, board);
+  const net_cell_t& cell = port_find_row(kNetOutputTable, src).board[board - 1];
   switch (cell.action) {
     case NET_REFUSED:
       return 0;
@@ -134,38 +121,17 @@ int qb_audio_stream_output_src_select(int src, int sid) {
 
 int qb_audio_stream_input_select(int output, int sid, int fallback) {
   AM_LOG_INFO(" ch = %d ; subid = %d ,fallback_sid = %d", output, sid, fallback);
-  qb_audio_misc_main_ctrl_t& m = misc();
-  qb_s32_t* nsi = nullptr;
-  switch (output) {
-    case QB_AUDIO_OUTPUT_ANALOG:
-      misc_word_set(m.output_sid.analog_sid, sid);
-      nsi = &m.nsi.analog;
-      break;
-    case QB_AUDIO_OUTPUT_HDMI:
-      misc_word_set(m.output_sid.hdmi_sid, sid);
-      misc_word_set(m.output_fallback_sid.hdmi_fallback_sid, fallback);
-      nsi = &m.nsi.hdmi;
-      break;
-    case QB_AUDIO_OUTPUT_SPDIF:
-      misc_word_set(m.output_sid.spdif_sid, sid);
-      misc_word_set(m.output_fallback_sid.spdif_fallback_sid, fallback);
-      nsi = &m.nsi.spdif;
-      break;
-    case QB_AUDIO_OUTPUT_EARC:
-      misc_word_set(m.output_sid.earc_sid, sid);
-      misc_word_set(m.output_fallback_sid.earc_fallback_sid, fallback);
-      nsi = &m.nsi.earc;
-      break;
-    default:
-      return 0;
+  if (output < 0 || output >= QB_AUDIO_OUTPUT_COUNT) {
+    return 0;
   }
+  qb_misc_audio_output_sid_set(output, sid);
+  qb_misc_audio_output_fallback_sid_set(output, fallback);
   if (!sid_valid(sid)) {
     return 0;
   }
-  misc_word_set(*nsi, static_cast<qb_s32_t>(qb_misc_audio_get_saiid_by_sid(sid)));
+  qb_msic_net_stream_in_set(output, qb_misc_audio_get_saiid_by_sid(sid));
   if (output == QB_AUDIO_OUTPUT_ANALOG) {
-    misc_word_set(m.local_port.analog.ch, 0u);
-    misc_word_set(m.local_port.analog.src, static_cast<qb_u32_t>(sid));
+    qb_misc_audio_local_port_analog_src_set(static_cast<qb_u32_t>(sid));
   } else if (output == QB_AUDIO_OUTPUT_HDMI) {
     // The video processor learns that the HDMI output plays a local multi-channel source.
     set_avp_hdmi_out_audio_src_multi_local();

@@ -8,11 +8,7 @@
 #include "qb_audio_misc_output.h"
 #include "qb_types.h"
 
-// Outputs of qb_audio_stream_input_select.
-inline constexpr int QB_AUDIO_OUTPUT_ANALOG = 0;
-inline constexpr int QB_AUDIO_OUTPUT_HDMI = 1;
-inline constexpr int QB_AUDIO_OUTPUT_SPDIF = 2;
-inline constexpr int QB_AUDIO_OUTPUT_EARC = 3;
+// Outputs of qb_audio_stream_input_select: QB_AUDIO_OUTPUT_* (qb_audio_misc_output.h).
 
 int qb_audio_stream_init(void);
 int qb_audio_stream_uninit(void);
