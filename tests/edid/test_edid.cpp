@@ -161,8 +161,13 @@ TEST(EdidParser, ValidationOfFiles) {
 // the old EDID; basic audio follows the extension's flag.
 TEST(EdidParser, ParserLife) {
   EdidParser parser;
+  T_Edid_Audio_Info info = sentinel();
+  parser.getEdidAudioInfo(&info);  // nothing read yet: the record stays as it was
+  EXPECT_EQ(info.u8AudioInfoNum, 0xA5);
   testing::internal::CaptureStdout();
   EXPECT_EQ(parser.init("/no/such/edid.bin"), 0);
+  EXPECT_EQ(parser.init(static_cast<const char*>(nullptr)), 0);
+  EXPECT_EQ(parser.init("/"), 0);  // a folder opens but cannot be read
   EXPECT_EQ(parser.init(("/" + std::string(99, 'a')).c_str()), 0);  // 100 characters: too long a path
   ASSERT_EQ(parser.init(to_data(edid_with({}, -1, 0x30))), 1);
   EXPECT_FALSE(parser.isSupportBaseAudio());
@@ -173,12 +178,12 @@ TEST(EdidParser, ParserLife) {
   EXPECT_EQ(parser.init(data), 0);
   EXPECT_FALSE(parser.isEdidVaild());
   EXPECT_FALSE(parser.isSupportBaseAudio());
-  T_Edid_Audio_Info info = sentinel();
   parser.getEdidAudioInfo(&info);
   EXPECT_EQ(info.u8AudioInfoNum, 0xA5);
   const std::string out = testing::internal::GetCapturedStdout();
   EXPECT_NE(out.find("[ERROR] open file: /no/such/edid.bin fail !\n"), std::string::npos) << out;
   EXPECT_NE(out.find("[ERROR] won't fit in edid"), std::string::npos) << out;
+  EXPECT_NE(out.find("[ERROR] read file: / fail !\n"), std::string::npos) << out;
 }
 
 }  // namespace
