@@ -107,6 +107,9 @@ TEST_F(NewFormat, HdmiFallbackDecisions) {
     run(head(r.sf, r.ch, r.type, r.chs1, r.code));
     EXPECT_EQ(r.calls, calls.list);
   }
+  qb_audio_new_format_ops_set(nullptr);  // the board's own EDID reader, and no EDID file
+  const qb_audio_info lpcm = make_record(2, 2, 0x80);
+  EXPECT_EQ(0, hdmi_output_needs_fallback(&lpcm));
 }
 
 TEST_F(NewFormat, EarcFallbackRulesAndChannelStatus) {
