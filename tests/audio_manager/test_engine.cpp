@@ -68,6 +68,7 @@ TEST(OperPacket, CodeTablesAndEncodingNames) {
   qb_audio_oper_default(&ctrl);
   qb_audio_info r = make_record(3, 1, 0x80);
   r.SampleSize = 16;
+  _file_param_set(nullptr, &r);  // no record: nothing to set
   _file_param_set(&ctrl, &r);
   EXPECT_EQ((std::vector<int>{48000, 8, SND_PCM_FORMAT_S16_LE, 1408}),  // 32 kHz plays at 48000
             (std::vector<int>{static_cast<int>(ctrl.hwparams.rate), static_cast<int>(ctrl.hwparams.channels), ctrl.rhwparams.format, get_pkt_size(&ctrl)}));
