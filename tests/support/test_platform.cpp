@@ -178,7 +178,7 @@ TEST(PosixSystem, HelperInheritsOnlyTheStandardDescriptors) {
   // ls shows its own descriptor of the folder it reads as 3.
   EXPECT_EQ(WEXITSTATUS(posix_system(("ls /proc/self/fd > " + listing).c_str())), 0);
   EXPECT_EQ(am_test::read_file(listing), "0\n1\n2\n3\n");
-  EXPECT_EQ(WEXITSTATUS(posix_system("exit 3")), 3);
+  EXPECT_EQ(WEXITSTATUS(posix_system(("exit 3" + std::string(4089, ' ')).c_str())), 3);  // the longest command line
   EXPECT_EQ(WEXITSTATUS(posix_system("/customer/bin/no_such_helper")), 127);
   close(leaky_file), close(leaky_socket);
 }
