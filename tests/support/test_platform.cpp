@@ -6,6 +6,7 @@
 
 #include "am_log.h"
 #include "am_platform.h"
+#include "am_status_file.h"
 #include "i2c_device.h"
 #include "posix_system.h"
 
@@ -181,6 +182,8 @@ TEST(PosixSystem, HelperInheritsOnlyTheStandardDescriptors) {
   EXPECT_EQ(WEXITSTATUS(posix_system(("exit 3" + std::string(4089, ' ')).c_str())), 3);  // the longest command line
   EXPECT_EQ(WEXITSTATUS(posix_system("/customer/bin/no_such_helper")), 127);
   close(leaky_file), close(leaky_socket);
+  // A status file written on a full disk is not put in place.
+  EXPECT_TRUE(symlink("/dev/full", root.at("/tmp/full").c_str()) == 0 && am_status_file_replace("/tmp/st", "/tmp/full", "x", 1, 0644) == -1 && access(root.at("/tmp/st").c_str(), F_OK) != 0);
 }
 
 }  // namespace
