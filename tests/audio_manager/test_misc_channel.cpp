@@ -46,10 +46,11 @@ TEST(ChannelCodes, FrequencyRateMaskAndTypeTables) {
   for (const auto& c : mask) EXPECT_EQ(get_audio_samplerate1(c[0]), c[1]) << c[0];
   const int types[][2] = {{-1, 0}, {0, 6}, {1, 6}, {2, 2}, {3, 10}, {4, 12}, {5, 10}, {10, 10}, {11, 7}, {15, 7}, {16, 11}, {40, 11}, {41, 0}};
   for (const auto& c : types) EXPECT_EQ(get_audio_type(c[0]), c[1]) << c[0];
+  EXPECT_EQ(qb_audio_channel_state_id_switch(QB_AUDIO_CHN_NSI3) * 10 + qb_audio_channel_state_id_switch(QB_AUDIO_CHN_NSI5), 56);  // matrix sources
 }
 
 TEST_F(ChannelTable, DumpLinesStatusDumpAndPrintout) {
-  qb_msic_net_stream_in_earc_set(5), qb_net_second_stream_select_set(5), qb_net_third_stream_select_set(7);  // the last: no such source
+  qb_msic_net_stream_in_earc_set(5), qb_msic_net_stream_in_hdmi_set(4), qb_net_second_stream_select_set(5), qb_net_third_stream_select_set(7);  // the last: no such source
   const std::string path = root.at("/tmp/dump.txt");
   FILE* fp = std::fopen(path.c_str(), "w");
   ASSERT_NE(fp, nullptr);
@@ -66,7 +67,7 @@ TEST_F(ChannelTable, DumpLinesStatusDumpAndPrintout) {
                       "aud_db-0x[11-0f-00-00-00]chn stat-0x[00-00-02-02-0b]");
   EXPECT_EQ(lines[2].substr(0, 13), "chn:[earc][2]");
   EXPECT_EQ(lines[13].substr(0, 19), "chn:[nsospdif][13],");
-  EXPECT_EQ(lines[14], "nsi analog<--UNKNOWN:0  hdmi<--UNKNOWN:0  earc<--sai3:5  spdif<--UNKNOWN:0");
+  EXPECT_EQ(lines[14], "nsi analog<--UNKNOWN:0  hdmi<--sai1:4  earc<--sai3:5  spdif<--UNKNOWN:0");
   EXPECT_EQ(lines[21], "ipadd sao5: deviceid:");
   EXPECT_EQ(lines[22], "net_stream first:[hdmi][1] second:[dsp][5] third:[unknown][7]");
   EXPECT_EQ(lines[25].substr(0, 16), "chn:[spdif][5],A");

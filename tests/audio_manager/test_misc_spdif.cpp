@@ -2,6 +2,7 @@
 // the receiver's physical address and read back through the module's mapping.
 #include "qb_audio_misc_private.h"
 #include "qb_audio_misc_spdif.h"
+#include "qb_audio_misc_stream.h"
 #include "am_unit.h"
 
 namespace am_unit {
@@ -72,7 +73,8 @@ TEST_F(SpdifReceiver, ChangeIsReportedOnceAndStored) {
 
   set_regs(kNonAudio, low_word(0xC, 0xB));  // an unknown rate is logged on both readings
   EXPECT_EQ(is_qb_misc_nxp_spdif_register_info_change(), 1);
-  EXPECT_EQ((std::pair<int, int>{0x90, 1}), (std::pair<int, int>{static_cast<uint8_t>(qb_misc_audio_spdif_info_get()->Audio_Type), qb_misc_audio_spdif_info_get()->SampleFrequency}));
+  qb_audio_net_stream_out5_start(QB_AUDIO_CHN_SPDIF), qb_audio_channel_state_copy(QB_AUDIO_CHN_NSO5, &stored);  // the third network output carries it
+  EXPECT_EQ((std::vector<int>{0x90, 1, 0x90}), (std::vector<int>{static_cast<uint8_t>(qb_misc_audio_spdif_info_get()->Audio_Type), qb_misc_audio_spdif_info_get()->SampleFrequency, static_cast<uint8_t>(stored.Audio_Type)}));
   EXPECT_EQ(is_qb_misc_nxp_spdif_register_info_change(), 0);
 }
 

@@ -25,7 +25,7 @@ TEST_F(Stream, InputRequestsSetTheGroupOfTheirSubscription) {
   r.subscriptionID = 1;
   std::memcpy(r.deviceID, "0011223F0000", 12);
   EXPECT_EQ(qb_audio_stream_input_from_net_set(&r), 1);
-  qb_misc_net_stream_in5_ipaddr_set(nullptr);  // no address: the group stays
+  qb_misc_net_stream_in5_ipaddr_set(nullptr), qb_misc_net_stream_ipaddr_copy(nullptr);  // no address: the group stays
   EXPECT_STREQ(qb_misc_net_stream_in5_ipaddr_get(), "234.63.0.0");
   r.subscriptionID = 3;
   EXPECT_EQ(qb_audio_stream_input_from_net_set(&r) + qb_audio_stream_input_from_net_set(nullptr), 0);
@@ -33,7 +33,7 @@ TEST_F(Stream, InputRequestsSetTheGroupOfTheirSubscription) {
 
 TEST_F(Stream, OutputRequestDerivesGroupAndSelects) {
   const qb_audio_output_stream_t r = out_req(1, 1, "001122334455");
-  EXPECT_EQ(qb_audio_stream_output_to_net_set(&r), 1);
+  EXPECT_EQ(qb_audio_stream_output_to_net_set(&r) + qb_audio_stream_output_to_net_set(nullptr), 1);
   EXPECT_EQ(std::string(qb_misc_net_stream_out5_ipaddr_get()) + " " + qb_misc_net_stream_out5_deviceid_get(), "234.51.68.85 001122334455");
   // Board 3, HDMI on stream 1: route 0x15 <- 3 first, capture 5 restarted.
   EXPECT_EQ(bus.writes(kBus, kFpga)[0], (std::pair<uint16_t, uint8_t>{0x15, 3}));

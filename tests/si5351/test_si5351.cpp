@@ -295,8 +295,8 @@ TEST_F(Si5351Service, ClientCalls) {
 // ---- calls on the fixed ports, in a private network namespace ---------------------------------
 
 // The fifo report goes to the service port as sixteen bytes; a service that never answers gets
-// the set-param three times, and the caller goes on. A stand-in service that answers {dump, 0,
-// 48000} at port 11004: four replies are printed, a fifth is not read.
+// the set-param three times and the dump query once, and the caller goes on. A stand-in service
+// that answers {dump, 0, 48000} at port 11004: four replies are printed, a fifth is not read.
 TEST(Si5351ClientNetns, SilentServiceAndDumpQuery) {
   if (!am_test::have_netns()) GTEST_SKIP() << "needs root and network namespaces";
   am_test::NetNs ns;
@@ -312,6 +312,7 @@ TEST(Si5351ClientNetns, SilentServiceAndDumpQuery) {
     for (int i = 0; i < 3; ++i)
       if (!svr.receive(&got, 100) || got != request(QB_SI5351_SET_PARAM, {3, 44100})) return 4;
     close(fd);
+    if (!printed(qb_si5351_dump).empty() || !svr.receive(&got, 100) || svr.receive(&got, 100)) return 6;
     std::thread answer([&svr] {
       Bytes req;
       if (!svr.receive(&req, 5000) || req != request(QB_SI5351_DUMP, {0, 48000})) return;

@@ -6,6 +6,7 @@
 
 #include "am_log.h"
 #include "am_platform.h"
+#include "am_status_file.h"
 #include "i2c_device.h"
 #include "posix_system.h"
 
@@ -178,9 +179,11 @@ TEST(PosixSystem, HelperInheritsOnlyTheStandardDescriptors) {
   // ls shows its own descriptor of the folder it reads as 3.
   EXPECT_EQ(WEXITSTATUS(posix_system(("ls /proc/self/fd > " + listing).c_str())), 0);
   EXPECT_EQ(am_test::read_file(listing), "0\n1\n2\n3\n");
-  EXPECT_EQ(WEXITSTATUS(posix_system("exit 3")), 3);
+  EXPECT_EQ(WEXITSTATUS(posix_system(("exit 3" + std::string(4089, ' ')).c_str())), 3);  // the longest command line
   EXPECT_EQ(WEXITSTATUS(posix_system("/customer/bin/no_such_helper")), 127);
   close(leaky_file), close(leaky_socket);
+  // A status file written on a full disk is not put in place.
+  EXPECT_TRUE(symlink("/dev/full", root.at("/tmp/full").c_str()) == 0 && am_status_file_replace("/tmp/st", "/tmp/full", "x", 1, 0644) == -1 && access(root.at("/tmp/st").c_str(), F_OK) != 0);
 }
 
 }  // namespace

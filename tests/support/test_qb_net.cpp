@@ -11,10 +11,10 @@
 
 namespace {
 
-// A UDP socket bound to 127.0.0.1 on an ephemeral port.
+// A UDP (or TCP) socket bound to 127.0.0.1 on an ephemeral port.
 struct LoopSock {
-  LoopSock() {
-    fd = socket(AF_INET, SOCK_DGRAM, 0);
+  explicit LoopSock(int type = SOCK_DGRAM) {
+    fd = socket(AF_INET, type, 0);
     addr.sin_family = AF_INET, addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr));
     socklen_t len = sizeof(addr);
@@ -108,6 +108,11 @@ TEST(QbSelect, WhichDescriptorIsReported) {
   EXPECT_EQ(qb_select(fds, 4, QB_SELECT_READ, 1000), b.fd + QB_SOCK_READABLE);
   EXPECT_EQ(qb_select(nullptr, 1, QB_SELECT_READ, 10), -1);
   EXPECT_EQ(qb_select(fds, 2, QB_SELECT_READ, 10), -1);
+  LoopSock lsn(SOCK_STREAM), tcp(SOCK_STREAM);  // urgent TCP data is the exception class
+  ASSERT_TRUE(listen(lsn.fd, 1) == 0 && connect(tcp.fd, reinterpret_cast<struct sockaddr*>(&lsn.addr), sizeof(lsn.addr)) == 0);
+  const int peer = accept(lsn.fd, nullptr, nullptr);
+  EXPECT_EQ(send(tcp.fd, "!", 1, MSG_OOB) + qb_select(&peer, 1, QB_SELECT_EXCEPT, 1000), 1 + peer + QB_SOCK_EXCEPTION);
+  close(peer);
 }
 
 // One datagram with its sender; an oversized one refused and left queued; on an empty non-blocking
