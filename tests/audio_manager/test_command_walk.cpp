@@ -191,6 +191,13 @@ TEST_F(CommandWalk, ChannelInfoRestartsTheCapturesOfItsInput) {
                             " f" + std::to_string(qb_misc_net_stream_spdif_flag_get()) + std::to_string(qb_misc_net_stream_arc_flag_get());
     EXPECT_EQ(got, expected) << ch;
   }
+  // A network input's changed format restarts its player once; the same note again does not.
+  std::string restarts;
+  for (int i = 0; i < 2; ++i, clear_aborts()) {
+    note(QB_AUDIO_CHN_NSI3, make_record(4, 2, 0x80));
+    restarts += std::to_string(qb_audio_aplay_ctrl_get()->pctrl[1].in_aborting.load());
+  }
+  EXPECT_EQ(restarts, "10");
   select_all(QB_AUDIO_SRC_HDMI);
   const qb_audio_info video = make_record(2, 2, QB_AUDIO_TYPE_NLPCM);
   qb_audio_channel_state_set(QB_AUDIO_CHN_VIDEO, &video);
