@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <mutex>
+#include <utility>
 
 #include "am_log.h"
 #include "qb_audio_misc_fpga.h"  // the matrix source numbers
@@ -13,11 +14,8 @@
 
 namespace {
 
-qb_audio_misc_main_ctrl_t g_misc;
-// Guards the channel records, their status flags and the receiver's last accepted format.
-std::mutex g_channel_lock;
-// Guards the address and device-id texts of the network streams.
-std::mutex g_ipaddr_lock;
+// The module record (qb_audio_misc_private.h).
+qb_audio_misc_module_t g_module;
 
 // One row of the channel table: slot, status flag, dump name, matrix source value.
 struct channel_row_t {
@@ -45,6 +43,7 @@ constexpr channel_row_t kChannelTable[QB_AUDIO_CHN_COUNT] = {
      "nsospdif", 0},
 };
 
+// A code and its value (Hz for the frequency tables).
 struct code_hz_t {
   int code;
   int hz;
@@ -71,14 +70,10 @@ constexpr int kSampleRateMaskDefault = 4;
 constexpr int kValidChannelCounts[] = {2, 4, 6, 8};
 constexpr int kDefaultValidCh = 2;
 
-struct type_range_t {
-  int first;
-  int last;
-  int format;
-};
-// Audio-format number of a decoder type value.
-constexpr type_range_t kAudioTypeRanges[] = {
-    {0, 1, 6}, {2, 2, 2}, {3, 3, 10}, {4, 4, 12}, {5, 10, 10}, {11, 15, 7}, {16, 40, 11},
+// Audio-format number of a decoder type value: the first row whose code is at least the value
+// (values 0-40; anything else is 0).
+constexpr code_hz_t kAudioTypeUpTo[] = {
+    {1, 6}, {2, 2}, {3, 10}, {4, 12}, {10, 10}, {15, 7}, {40, 11},
 };
 
 // Channels that get the default record at start, in this order.
@@ -111,12 +106,12 @@ const channel_row_t* channel_row(int ch) {
 
 qb_audio_info* slot_of(int ch) {
   const channel_row_t* row = channel_row(ch);
-  return row == nullptr ? nullptr : &(g_misc.channel_state.*(row->slot));
+  return row == nullptr ? nullptr : &(g_module.ctrl.channel_state.*(row->slot));
 }
 
 qb_s32_t* status_of(int ch) {
   const channel_row_t* row = channel_row(ch);
-  return row == nullptr ? nullptr : &(g_misc.channel_state.*(row->status));
+  return row == nullptr ? nullptr : &(g_module.ctrl.channel_state.*(row->status));
 }
 
 bool lookup_hz(const code_hz_t* table, size_t n, int code, int* hz) {
@@ -137,28 +132,25 @@ bool lookup_hz(const code_hz_t (&table)[N], int code, int* hz) {
 qb_u8_t u8(qb_s8_t v) { return static_cast<qb_u8_t>(v); }
 
 const char* audio_type_name(qb_u8_t type) {
-  switch (type) {
-    case QB_AUDIO_TYPE_LPCM:
-      return "LPCM";
-    case QB_AUDIO_TYPE_HBR:
-      return "HBR";
-    case QB_AUDIO_TYPE_NLPCM:
-      return "NLPCM";
-    case QB_AUDIO_TYPE_DSD:
-      return "DSD";
-    default:
-      return "UNKNOWN";
+  static constexpr std::pair<qb_u8_t, const char*> kNames[] = {{QB_AUDIO_TYPE_LPCM, "LPCM"},
+      {QB_AUDIO_TYPE_HBR, "HBR"}, {QB_AUDIO_TYPE_NLPCM, "NLPCM"}, {QB_AUDIO_TYPE_DSD, "DSD"}};
+  for (const auto& [value, name] : kNames) {
+    if (value == type) {
+      return name;
+    }
   }
+  return "UNKNOWN";
+}
+
+// Dump name of a channel id ("analog" ... "nsospdif", "unknown").
+const char* qb_audio_channel_name(int ch) {
+  const channel_row_t* row = channel_row(ch);
+  return row == nullptr ? "unknown" : row->name;
 }
 
 }  // namespace
 
-// ---------------------------------------------------------------------------------------------
-// Module-internal access
-// ---------------------------------------------------------------------------------------------
-qb_audio_misc_main_ctrl_t& qb_audio_misc_ctrl() { return g_misc; }
-std::mutex& qb_audio_misc_channel_lock() { return g_channel_lock; }
-std::mutex& qb_audio_misc_ipaddr_lock() { return g_ipaddr_lock; }
+qb_audio_misc_module_t& qb_audio_misc_module() { return g_module; }
 
 int qb_audio_channel_state_copy_chn(int dst, int src) {
   qb_audio_info* to = slot_of(dst);
@@ -166,7 +158,7 @@ int qb_audio_channel_state_copy_chn(int dst, int src) {
   if (to == nullptr || from == nullptr) {
     return 0;
   }
-  std::lock_guard<std::mutex> lock(g_channel_lock);
+  std::lock_guard<std::mutex> lock(g_module.channel_lock);
   *to = *from;
   return 1;
 }
@@ -177,7 +169,7 @@ int qb_audio_channel_state_store(int ch, const qb_audio_info* info) {
     return 0;
   }
   const qb_audio_info copy = *info;
-  std::lock_guard<std::mutex> lock(g_channel_lock);
+  std::lock_guard<std::mutex> lock(g_module.channel_lock);
   *slot = copy;
   return 1;
 }
@@ -187,22 +179,22 @@ int qb_audio_channel_state_store(int ch, const qb_audio_info* info) {
 // ---------------------------------------------------------------------------------------------
 void qb_audio_misc_state_reset(void) {
   {
-    std::lock_guard<std::mutex> channels(g_channel_lock);
-    std::lock_guard<std::mutex> addresses(g_ipaddr_lock);
-    std::memset(&g_misc, 0, sizeof g_misc);
+    std::lock_guard<std::mutex> channels(g_module.channel_lock);
+    std::lock_guard<std::mutex> addresses(g_module.ipaddr_lock);
+    std::memset(&g_module.ctrl, 0, sizeof g_module.ctrl);
   }
-  misc_word_set(g_misc.net_spdif_out_src, kNetSpdifOutSrcDefault);
-  misc_word_set(g_misc.net_stream.first, kNetStreamFirstDefault);
-  misc_word_set(g_misc.net_stream.second, kNetStreamSecondDefault);
-  misc_word_set(g_misc.net_stream.third, kNetStreamThirdDefault);
+  misc_word_set(g_module.ctrl.net_spdif_out_src, kNetSpdifOutSrcDefault);
+  misc_word_set(g_module.ctrl.net_stream.first, kNetStreamFirstDefault);
+  misc_word_set(g_module.ctrl.net_stream.second, kNetStreamSecondDefault);
+  misc_word_set(g_module.ctrl.net_stream.third, kNetStreamThirdDefault);
   for (int ch : kDefaultChannels) {
     qb_audio_channel_state_set(ch, &kDefaultRecord);
   }
   {
-    std::lock_guard<std::mutex> lock(g_channel_lock);
-    g_misc.channel_state.dsp.AUD_DB[0] = kDspAudDbUnknown;
+    std::lock_guard<std::mutex> lock(g_module.channel_lock);
+    g_module.ctrl.channel_state.dsp.AUD_DB[0] = kDspAudDbUnknown;
   }
-  misc_word_set(g_misc.it6621_mode, 0);
+  misc_word_set(g_module.ctrl.it6621_mode, 0);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -227,7 +219,7 @@ int qb_audio_channel_state_set(int ch, const qb_audio_info* info) {
     AM_LOG_ERROR("invalid audio channel:%d", ch);
     result = 0;
   } else {
-    std::lock_guard<std::mutex> lock(g_channel_lock);
+    std::lock_guard<std::mutex> lock(g_module.channel_lock);
     *slot = copy;
   }
   qb_misc_audio_status_valid_set(ch, 1);
@@ -240,7 +232,7 @@ int qb_audio_channel_state_copy(int ch, qb_audio_info* out) {
   if (slot == nullptr || out == nullptr) {
     return 0;
   }
-  std::lock_guard<std::mutex> lock(g_channel_lock);
+  std::lock_guard<std::mutex> lock(g_module.channel_lock);
   *out = *slot;
   return 1;
 }
@@ -251,7 +243,7 @@ int qb_audio_channel_state_reset(int ch) {
     AM_LOG_ERROR("invalid audio channel:%d", ch);
     return -1;
   }
-  std::lock_guard<std::mutex> lock(g_channel_lock);
+  std::lock_guard<std::mutex> lock(g_module.channel_lock);
   std::memset(slot->ChStat, 0, sizeof slot->ChStat);
   return 0;
 }
@@ -261,7 +253,7 @@ int qb_audio_channel_state_byte_set(int ch, qb_audio_info_byte_e field, qb_s8_t 
   if (slot == nullptr) {
     return 0;
   }
-  std::lock_guard<std::mutex> lock(g_channel_lock);
+  std::lock_guard<std::mutex> lock(g_module.channel_lock);
   switch (field) {
     case QB_AUDIO_INFO_AUDIO_ON:
       slot->Audio_On = value;
@@ -392,9 +384,9 @@ int get_audio_samplerate1(int code) {
 }
 
 int get_audio_type(int value) {
-  for (const type_range_t& range : kAudioTypeRanges) {
-    if (value >= range.first && value <= range.last) {
-      return range.format;
+  for (const code_hz_t& row : kAudioTypeUpTo) {
+    if (value >= 0 && value <= row.code) {
+      return row.hz;
     }
   }
   return 0;
@@ -415,11 +407,6 @@ int is_qb_audio_output_mute_from_ch(int ch) {
   AM_LOG_INFO("%s,%02x,%02x,%02x,%02x", __func__, u8(rec.Audio_Type), u8(rec.SampleFrequency),
               u8(rec.ValidCh), u8(rec.SampleSize));
   return is_qb_audio_output_mute(&rec);
-}
-
-const char* qb_audio_channel_name(int ch) {
-  const channel_row_t* row = channel_row(ch);
-  return row == nullptr ? "unknown" : row->name;
 }
 
 const char* qb_audio_matrix_source_name(int src) {

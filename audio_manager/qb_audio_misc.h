@@ -211,8 +211,6 @@ int get_audio_type(int value);
 int is_qb_audio_output_mute(const qb_audio_info* info);
 int is_qb_audio_output_mute_from_ch(int ch);
 
-// Dump name of a channel id ("analog" ... "nsospdif", "unknown").
-const char* qb_audio_channel_name(int ch);
 // Matrix source name ("it6620" ... "spdif in", "UNKNOWN").
 const char* qb_audio_matrix_source_name(int src);
 // Matrix source of a stream id: 0 -> 4, 1 -> 6, 2 -> 5, other -> 255.

@@ -4,7 +4,6 @@
 
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 
@@ -59,10 +58,6 @@ constexpr qb_s32_t kEarcFromSai3 = FPGA_SRC_SAI3;
 constexpr int kStreamSourceNumber = QB_AUDIO_SRC_STREAM;
 constexpr int kNoFallback = -1;
 
-// Wait for an EDID file that is not there yet.
-constexpr int kEdidWaitDefaultMs = 200;
-std::atomic<int> g_edid_wait_ms{kEdidWaitDefaultMs};
-
 qb_u8_t u8(qb_s8_t v) { return static_cast<qb_u8_t>(v); }
 
 qb_audio_misc_main_ctrl_t& misc() { return qb_audio_misc_ctrl(); }
@@ -96,7 +91,7 @@ void earc_switch(qb_s32_t nsi, int changed_channel, const char* message) {
 // Loads the monitor's audio list. False when the file cannot be loaded.
 bool load_monitor_edid(T_Edid_Audio_Info_* list) {
   if (access(am_path(EDID_TV_FILE_PATH).c_str(), F_OK) != 0) {
-    usleep(static_cast<useconds_t>(g_edid_wait_ms.load()) * 1000u);
+    usleep(static_cast<useconds_t>(qb_audio_misc_module().edid_wait_ms.load()) * 1000u);
   }
   EdidParser parser;
   if (parser.init(EDID_TV_FILE_PATH) != 1) {
@@ -291,8 +286,6 @@ int set_hdmi_monitor_status(int state) {
   return 0;
 }
 
-int get_hdmi_monitor_status(void) { return misc_word_get(misc().monitor_status); }
-
 int audio_hdmi_audio_on(void) {
   qb_audio_info rec{};
   if (qb_audio_channel_state_copy(QB_AUDIO_CHN_VIDEO, &rec) != 1) {
@@ -301,4 +294,4 @@ int audio_hdmi_audio_on(void) {
   return rec.Audio_On != 0 ? 1 : 0;
 }
 
-void qb_bridge_edid_wait_ms_set(int ms) { g_edid_wait_ms.store(ms < 0 ? kEdidWaitDefaultMs : ms); }
+void qb_bridge_edid_wait_ms_set(int ms) { qb_audio_misc_module().edid_wait_ms.store(ms < 0 ? QB_EDID_WAIT_DEFAULT_MS : ms); }

@@ -66,8 +66,6 @@ int get_it6621_status(void);
 // configured, reads the monitor's EDID and switches the HDMI output between its stream and the
 // fallback. Always 0.
 int set_hdmi_monitor_status(int state);
-// Last HDMI monitor state (0 before the first notification).
-int get_hdmi_monitor_status(void);
 // 1 when the HDMI input record (channel 3) carries audio, else 0.
 int audio_hdmi_audio_on(void);
 

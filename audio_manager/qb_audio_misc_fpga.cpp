@@ -6,7 +6,7 @@
 
 #include "am_log.h"
 #include "i2c_device.h"
-#include "qb_audio_misc.h"
+#include "qb_audio_misc_private.h"
 
 namespace {
 
@@ -47,9 +47,6 @@ constexpr input_gate_t kInputGates[] = {
 // The three network-output capture paths, muted and unmuted in this order.
 constexpr qb_u8_t kStreamOutputRoutes[] = {FPGA_REG_ROUTE_SAO1, FPGA_REG_ROUTE_SAO3,
                                            FPGA_REG_ROUTE_SAO5};
-
-// Serialises the read-modify-writes of the output-enable registers.
-std::mutex g_enable_lock;
 
 const sink_enable_bit_t* sink_enable_bit(qb_u8_t reg) {
   for (const sink_enable_bit_t& row : kSinkEnableBits) {
@@ -129,7 +126,7 @@ int qb_audio_fpga_ch_route_set(qb_u8_t reg, qb_u8_t src) {
 // stream workers both change bits, so each read-modify-write holds this module's lock throughout.
 // Register 0x52 is read first in every case; the S/PDIF bit's 0x53 is read over it.
 int output_mute_ctrl(qb_u8_t reg, int mute) {
-  std::lock_guard<std::mutex> hold(g_enable_lock);
+  std::lock_guard<std::mutex> hold(qb_audio_misc_module().enable_lock);
   qb_u8_t value = 0;
   if (!qb_audio_fpga_i2c_read(FPGA_REG_OUTPUT_ENABLE, &value)) {
     return 0;
@@ -146,12 +143,24 @@ int output_mute_ctrl(qb_u8_t reg, int mute) {
   return qb_audio_fpga_i2c_write(row->enable_reg, value);
 }
 
+namespace {
+
 int sink_mute_ctrl(qb_u8_t reg, int mute) {
   const sink_enable_bit_t* row = sink_enable_bit(reg);
   AM_LOG_INFO("%s output %s", row != nullptr ? row->name : "unknown",
               mute == 1 ? "mute" : "unmute");
   return output_mute_ctrl(reg, mute);
 }
+
+int stream_output_mute_ctrl(int mute) {
+  AM_LOG_INFO("stream output %s", mute == 1 ? "mute" : "unmute");
+  for (qb_u8_t reg : kStreamOutputRoutes) {
+    output_mute_ctrl(reg, mute);
+  }
+  return 1;
+}
+
+}  // namespace
 
 int analog_output_mute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_ANALOG_OUT, 1); }
 int analog_output_unmute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_ANALOG_OUT, 0); }
@@ -163,14 +172,6 @@ int earc_output_mute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_EARC_OUT, 1); 
 int earc_output_unmute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_EARC_OUT, 0); }
 int dsp_output_mute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_DSP_IN, 1); }
 int dsp_output_unmute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_DSP_IN, 0); }
-
-int stream_output_mute_ctrl(int mute) {
-  AM_LOG_INFO("stream output %s", mute == 1 ? "mute" : "unmute");
-  for (qb_u8_t reg : kStreamOutputRoutes) {
-    output_mute_ctrl(reg, mute);
-  }
-  return 1;
-}
 
 int stream_output_mute(void) { return stream_output_mute_ctrl(1); }
 int stream_output_unmute(void) { return stream_output_mute_ctrl(0); }

@@ -71,9 +71,7 @@ int qb_audio_fpga_ch_route_set(qb_u8_t reg, qb_u8_t src);
 
 // Clears (mute 1) or sets (mute 0) the enable bit of a sink route register. 1/0.
 int output_mute_ctrl(qb_u8_t reg, int mute);
-// output_mute_ctrl with the log line naming the sink ("analog output mute"); the named functions
-// below are this for one sink.
-int sink_mute_ctrl(qb_u8_t reg, int mute);
+// The named sink mutes below are output_mute_ctrl with a log line naming the sink.
 int analog_output_mute(void);
 int analog_output_unmute(void);
 int hdmi_output_mute(void);
@@ -84,8 +82,7 @@ int earc_output_mute(void);
 int earc_output_unmute(void);
 int dsp_output_mute(void);
 int dsp_output_unmute(void);
-// The three network-output capture paths (mute 1 mutes, anything else unmutes). Always 1.
-int stream_output_mute_ctrl(int mute);
+// The three network-output capture paths. Always 1.
 int stream_output_mute(void);
 int stream_output_unmute(void);
 // Capture-input gate of an output-source number (0, 1, 3, 6, 7, 8, 9). Result of the verified

@@ -1,20 +1,38 @@
-// Inside the routing module only: the singleton, the locks that guard its records, and atomic
-// access to its single words.
+// Inside the routing module only: its record (the singleton, the locks that guard it and the
+// module's other state) and atomic access to single words.
 #pragma once
 
+#include <atomic>
 #include <mutex>
 
 #include "qb_audio_misc.h"
-#include "qb_types.h"
 
-// The routing singleton.
-qb_audio_misc_main_ctrl_t& qb_audio_misc_ctrl();
+// Streams with an input and an output address (stream ids 0-2).
+inline constexpr int QB_NET_STREAM_COUNT = 3;
+// Wait for an EDID file that is not there yet, unless a test set another.
+inline constexpr int QB_EDID_WAIT_DEFAULT_MS = 200;
 
-// Guards the thirteen channel records with their status flags, and spdif_mreg.ainfo: every copy
-// of a whole record in or out of them is made under this lock.
-std::mutex& qb_audio_misc_channel_lock();
-// Guards the address and device-id texts (ipaddr).
-std::mutex& qb_audio_misc_ipaddr_lock();
+struct qb_audio_misc_module_t {
+  qb_audio_misc_main_ctrl_t ctrl;
+  // Guards the thirteen channel records with their status flags, and spdif_mreg.ainfo: every copy
+  // of a whole record in or out of them is made under this lock.
+  std::mutex channel_lock;
+  // Guards the address and device-id texts (ctrl.ipaddr) and the address snapshots below.
+  std::mutex ipaddr_lock;
+  // Serialises the read-modify-writes of the FPGA output-enable registers.
+  std::mutex enable_lock;
+  // Whether spdif_mreg's fd and map_base are live; they keep their values after the stop (the
+  // status dump shows them).
+  std::atomic<bool> spdif_mapped{false};
+  std::atomic<int> edid_wait_ms{QB_EDID_WAIT_DEFAULT_MS};
+  // What the numbered address getters hand out, per stream id: written under ipaddr_lock by the
+  // getter; each is read by one thread, the worker of its stream.
+  char in_ipaddr_snapshot[QB_NET_STREAM_COUNT][QB_NET_IPADDR_SIZE];
+  char out_ipaddr_snapshot[QB_NET_STREAM_COUNT][QB_NET_IPADDR_SIZE];
+};
+
+qb_audio_misc_module_t& qb_audio_misc_module();
+inline qb_audio_misc_main_ctrl_t& qb_audio_misc_ctrl() { return qb_audio_misc_module().ctrl; }
 
 // Single words of the singleton (selections, flags, stream ids) are read and written atomically.
 template <typename T>
@@ -35,7 +53,3 @@ int qb_audio_channel_state_store(int ch, const qb_audio_info* info);
 // Clears the routing singleton and sets its defaults; qb_audio_misc_init adds the S/PDIF
 // receiver's mapping.
 void qb_audio_misc_state_reset(void);
-
-// S/PDIF receiver mapping, made by qb_audio_misc_init and released by qb_audio_misc_uninit.
-void qb_misc_nxp_spdif_register_map_init();
-void qb_misc_nxp_spdif_register_map_uninit();

@@ -75,14 +75,9 @@ qb_u32_t read_reg(const volatile qb_u8_t* base, size_t offset) {
 }
 
 nxp_map_spdif_reg_t& mreg() { return qb_audio_misc_ctrl().spdif_mreg; }
+std::atomic<bool>& mapped() { return qb_audio_misc_module().spdif_mapped; }
 
-// Whether fd and map_base are live. They keep their values after the stop (the status dump shows
-// them), so this tells a released mapping from a live one.
-std::atomic<bool> g_mapped{false};
-
-}  // namespace
-
-void qb_misc_nxp_spdif_register_map_init() {
+void register_map_init() {
   const int fd = open(am_path(NXP_SPDIF_MEM_DEV).c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) {
     AM_LOG_ERROR("open(/dev/mem) failed.");
@@ -98,11 +93,11 @@ void qb_misc_nxp_spdif_register_map_init() {
   }
   misc_word_set(mreg().fd, static_cast<qb_s32_t>(fd));
   misc_word_set(mreg().map_base, static_cast<qb_u8_t*>(base));
-  g_mapped.store(true);
+  mapped().store(true);
 }
 
-void qb_misc_nxp_spdif_register_map_uninit() {
-  if (!g_mapped.exchange(false)) {
+void register_map_uninit() {
+  if (!mapped().exchange(false)) {
     return;
   }
   qb_u8_t* base = misc_word_get(mreg().map_base);
@@ -115,9 +110,11 @@ void qb_misc_nxp_spdif_register_map_uninit() {
   }
 }
 
+}  // namespace
+
 int qb_misc_nxp_spdif_register_map_unpdate(qb_audio_info* rec) {
   const qb_u8_t* base = misc_word_get(mreg().map_base);
-  if (rec == nullptr || base == nullptr || misc_word_get(mreg().fd) <= 0 || !g_mapped.load()) {
+  if (rec == nullptr || base == nullptr || misc_word_get(mreg().fd) <= 0 || !mapped().load()) {
     return 0;
   }
   const qb_u32_t high = read_reg(base, NXP_SPDIF_REG_SRCSH);
@@ -157,7 +154,7 @@ int is_qb_misc_nxp_spdif_register_info_change(void) {
   std::memset(&now, 0, sizeof now);
   qb_misc_nxp_spdif_register_map_unpdate(&now);
   {
-    std::lock_guard<std::mutex> lock(qb_audio_misc_channel_lock());
+    std::lock_guard<std::mutex> lock(qb_audio_misc_module().channel_lock);
     if (std::memcmp(&now, &mreg().ainfo, sizeof now) == 0) {
       return 0;
     }
@@ -165,7 +162,7 @@ int is_qb_misc_nxp_spdif_register_info_change(void) {
   usleep(kSettleUs);
   qb_misc_nxp_spdif_register_map_unpdate(&now);
   {
-    std::lock_guard<std::mutex> lock(qb_audio_misc_channel_lock());
+    std::lock_guard<std::mutex> lock(qb_audio_misc_module().channel_lock);
     mreg().ainfo = now;
   }
   AM_LOG_INFO("%s,sf:%02x,ch:%02x,ss:%02x,at:%02x,spdif:%02x", __func__,
@@ -185,7 +182,7 @@ int qb_misc_audio_spdif_info_copy(qb_audio_info* out) {
   if (out == nullptr) {
     return 0;
   }
-  std::lock_guard<std::mutex> lock(qb_audio_misc_channel_lock());
+  std::lock_guard<std::mutex> lock(qb_audio_misc_module().channel_lock);
   *out = mreg().ainfo;
   return 1;
 }
@@ -193,14 +190,14 @@ int qb_misc_audio_spdif_info_copy(qb_audio_info* out) {
 // ---- start and stop of the routing module: its state, then the receiver's mapping
 int qb_audio_misc_init(void) {
   // A second start releases the mapping of the first before the state is cleared.
-  qb_misc_nxp_spdif_register_map_uninit();
+  register_map_uninit();
   qb_audio_misc_state_reset();
-  qb_misc_nxp_spdif_register_map_init();
+  register_map_init();
   return 1;
 }
 
 int qb_audio_misc_uninit(void) {
-  qb_misc_nxp_spdif_register_map_uninit();
+  register_map_uninit();
   AM_LOG_INFO("spdif register map uninit");
   AM_LOG_INFO("%s", __func__);
   return 1;

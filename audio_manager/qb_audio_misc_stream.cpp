@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,7 +21,7 @@
 
 namespace {
 
-constexpr int kStreamCount = 3;
+constexpr int kStreamCount = QB_NET_STREAM_COUNT;
 constexpr int kMacTextLen = 12;
 constexpr int kMacBytes = 6;
 // Longest command line of the network player.
@@ -105,28 +106,66 @@ void copy_text(char (&dst)[N], const char* src) {
   std::strncpy(dst, src, N - 1);
 }
 
-template <size_t N>
-char* snapshot(char (net_stream_ipaddr_t::*member)[N], char (&buf)[N]) {
-  std::lock_guard<std::mutex> lock(qb_audio_misc_ipaddr_lock());
-  std::memcpy(buf, qb_audio_misc_ctrl().ipaddr.*member, N);
-  buf[N - 1] = '\0';
-  return buf;
+using address_member_t = char (net_stream_ipaddr_t::*)[QB_NET_IPADDR_SIZE];
+
+// The address text of stream sid copied under the lock into the stream's snapshot in the module
+// record (out: the output's, else the input's).
+char* address_snapshot(int sid, bool out) {
+  qb_audio_misc_module_t& m = qb_audio_misc_module();
+  std::lock_guard<std::mutex> lock(m.ipaddr_lock);
+  char* snap = out ? m.out_ipaddr_snapshot[sid] : m.in_ipaddr_snapshot[sid];
+  std::memcpy(snap, m.ctrl.ipaddr.*(out ? kStreams[sid].out_ipaddr : kStreams[sid].in_ipaddr),
+              QB_NET_IPADDR_SIZE);
+  return snap;
 }
 
-void set_address(char (net_stream_ipaddr_t::*ipaddr)[QB_NET_IPADDR_SIZE],
-                 char (net_stream_ipaddr_t::*deviceid)[QB_NET_DEVICEID_SIZE], const char* addr,
-                 const char* dev) {
-  std::lock_guard<std::mutex> lock(qb_audio_misc_ipaddr_lock());
+// Address and device id of stream sid; a null text keeps its field.
+void set_address(int sid, bool out, const char* addr, const char* dev) {
+  const stream_row_t& row = kStreams[sid];
+  std::lock_guard<std::mutex> lock(qb_audio_misc_module().ipaddr_lock);
   net_stream_ipaddr_t& ip = qb_audio_misc_ctrl().ipaddr;
-  copy_text(ip.*ipaddr, addr);
-  if (deviceid != nullptr) {
-    copy_text(ip.*deviceid, dev);
-  }
+  copy_text(ip.*(out ? row.out_ipaddr : row.in_ipaddr), addr);
+  copy_text(ip.*(out ? row.out_deviceid : row.in_deviceid), dev);
 }
 
-void clear_address(char (net_stream_ipaddr_t::*ipaddr)[QB_NET_IPADDR_SIZE]) {
-  std::lock_guard<std::mutex> lock(qb_audio_misc_ipaddr_lock());
+void clear_address(address_member_t ipaddr) {
+  std::lock_guard<std::mutex> lock(qb_audio_misc_module().ipaddr_lock);
   std::memset(qb_audio_misc_ctrl().ipaddr.*ipaddr, 0, QB_NET_IPADDR_SIZE);
+}
+
+// A request's MAC text (QB_AUDIO_MAC_TEXT_SIZE characters), zero-terminated.
+struct mac_text_t {
+  char text[QB_AUDIO_MAC_TEXT_SIZE + 1];
+};
+mac_text_t mac_text(const void* field) {
+  mac_text_t mac = {};
+  std::memcpy(mac.text, field, QB_AUDIO_MAC_TEXT_SIZE);
+  return mac;
+}
+
+template <size_t N>
+const char* source_name(const char* const (&names)[N], int src) {
+  return (src >= 0 && src < static_cast<int>(N)) ? names[src] : "unknown";
+}
+
+void net_stream_select_set(int sid, int sel) {
+  misc_word_set(qb_audio_misc_ctrl().net_stream.*(kStreams[sid].selection), sel);
+}
+
+// The network player of input stream sid with its sound card, port and address. 1/0.
+int in_sid_start(int sid) {
+  const stream_row_t& row = kStreams[sid];
+  net_stream_ipaddr_t ip;
+  qb_misc_net_stream_ipaddr_copy(&ip);
+  return qb_audio_net_stream_in_start(row.in_channel, row.player_card, row.player_port,
+                                      ip.*(row.in_ipaddr));
+}
+
+// Network output stream sid takes the format of channel ch and restarts its capture. 1.
+int out_restart(int sid, int ch) {
+  qb_audio_channel_state_copy_chn(kStreams[sid].out_channel, ch);
+  kStreams[sid].abort_capture();
+  return 1;
 }
 
 // One MAC byte from the two characters at pos of a text of length len, read as hexadecimal.
@@ -181,19 +220,6 @@ void store_receiver_format_in(int ch) {
 
 }  // namespace
 
-// ---------------------------------------------------------------------------------------------
-// Requests
-// ---------------------------------------------------------------------------------------------
-const char* qb_audio_output_source_name(int src) {
-  constexpr int n = static_cast<int>(sizeof kSourceNames / sizeof kSourceNames[0]);
-  return (src >= 0 && src < n) ? kSourceNames[src] : "unknown";
-}
-
-const char* qb_audio_output_source_short_name(int src) {
-  constexpr int n = static_cast<int>(sizeof kSourceShortNames / sizeof kSourceShortNames[0]);
-  return (src >= 0 && src < n) ? kSourceShortNames[src] : "unknown";
-}
-
 int qb_misc_net_stream_out_ipaddr_set(const qb_audio_output_stream_t* req) {
   if (req == nullptr) {
     return 0;
@@ -202,23 +228,22 @@ int qb_misc_net_stream_out_ipaddr_set(const qb_audio_output_stream_t* req) {
   if (row == nullptr) {
     return 1;
   }
-  char mac[QB_AUDIO_MAC_TEXT_SIZE + 1] = {};
-  std::memcpy(mac, req->vaxoMac, QB_AUDIO_MAC_TEXT_SIZE);
-  const size_t len = std::strlen(mac);
+  const mac_text_t mac = mac_text(req->vaxoMac);
+  const size_t len = std::strlen(mac.text);
   if (len == 0) {
     AM_LOG_WARN("stream ID %d vaxoMac is null", req->streamID);
     clear_address(row->out_ipaddr);
     return 1;
   }
-  const long m3 = mac_piece(mac, len, 6);
-  const long m4 = mac_piece(mac, len, 8);
-  const long m5 = mac_piece(mac, len, 10);
+  const long m3 = mac_piece(mac.text, len, 6);
+  const long m4 = mac_piece(mac.text, len, 8);
+  const long m5 = mac_piece(mac.text, len, 10);
   char addr[QB_NET_IPADDR_SIZE] = {};
   std::snprintf(addr, sizeof addr, "%d.%ld.%ld.%ld", QB_AUDIO_MCAST_OCTET1,
                 QB_AUDIO_MCAST_OCTET2_BASE + (m3 & 0x0F), m4, m5);
   AM_LOG_INFO("%s,ptr->streamID = %d,ptr->vaxoMac =%s , stream out ipaddr %s,len = %d", __func__,
-              req->streamID, mac, addr, static_cast<int>(len));
-  set_address(row->out_ipaddr, row->out_deviceid, addr, mac);
+              req->streamID, mac.text, addr, static_cast<int>(len));
+  set_address(req->streamID, true, addr, mac.text);
   return 1;
 }
 
@@ -226,11 +251,10 @@ int qb_audio_stream_input_from_net_set(const qb_audio_input_stream_t* req) {
   if (req == nullptr) {
     return 0;
   }
-  char dev[QB_AUDIO_MAC_TEXT_SIZE + 1] = {};
-  std::memcpy(dev, req->deviceID, QB_AUDIO_MAC_TEXT_SIZE);
-  AM_LOG_INFO("ptr->subscriptionID = %d,ptr->deviceID = %s", req->subscriptionID, dev);
+  const mac_text_t dev = mac_text(req->deviceID);
+  AM_LOG_INFO("ptr->subscriptionID = %d,ptr->deviceID = %s", req->subscriptionID, dev.text);
   qb_u8_t hex[kMacBytes] = {};
-  macaddr_str2hex(dev, hex);
+  macaddr_str2hex(dev.text, hex);
   char addr[QB_NET_IPADDR_SIZE] = {};
   audio_ipaddr_create(QB_AUDIO_MCAST_OCTET1, QB_AUDIO_MCAST_OCTET2_BASE + (hex[3] & 0x0F), hex[4],
                       hex[5], addr, sizeof addr);
@@ -238,7 +262,7 @@ int qb_audio_stream_input_from_net_set(const qb_audio_input_stream_t* req) {
   if (row == nullptr) {
     return 0;
   }
-  set_address(row->in_ipaddr, row->in_deviceid, addr, dev);
+  set_address(req->subscriptionID, false, addr, dev.text);
   qb_audio_aplay_info_change_set(row->in_channel);
   AM_LOG_INFO("%s,in%d ip:%s", __func__, row->number, addr);
   return 1;
@@ -248,23 +272,16 @@ int qb_audio_stream_output_to_net_set(const qb_audio_output_stream_t* req) {
   if (req == nullptr) {
     return 0;
   }
-  char mac[QB_AUDIO_MAC_TEXT_SIZE + 1] = {};
-  std::memcpy(mac, req->vaxoMac, QB_AUDIO_MAC_TEXT_SIZE);
+  const mac_text_t mac = mac_text(req->vaxoMac);
   AM_LOG_INFO("%s,stream id[%d], source[%s][%d] , vaxoMac[%s]", __func__, req->streamID,
-              qb_audio_output_source_name(req->source), req->source, mac);
+              source_name(kSourceNames, req->source), req->source, mac.text);
   qb_misc_net_stream_out_ipaddr_set(req);
-  const stream_row_t* row = stream_row(req->streamID);
-  if (row == nullptr) {
+  const bool source_ok = std::find(std::begin(kOutputSources), std::end(kOutputSources),
+                                   req->source) != std::end(kOutputSources);
+  if (stream_row(req->streamID) == nullptr || !source_ok) {
     return 0;
   }
-  bool source_ok = false;
-  for (int src : kOutputSources) {
-    source_ok = source_ok || (src == req->source);
-  }
-  if (!source_ok) {
-    return 0;
-  }
-  qb_net_n_stream_select_set(req->streamID, req->source);
+  net_stream_select_set(req->streamID, req->source);
   AM_LOG_INFO("first= %d,second = %d, third = %d", qb_net_first_stream_select_get(),
               qb_net_second_stream_select_get(), qb_net_third_stream_select_get());
   qb_audio_stream_output_src_select(req->source, req->streamID);
@@ -322,18 +339,8 @@ int qb_audio_net_stream_out5_start(int ch) {
   return 1;
 }
 
-int qb_audio_net_stream_out_restart(int sid, int ch) {
-  const stream_row_t* row = stream_row(sid);
-  if (row == nullptr) {
-    return 0;
-  }
-  qb_audio_channel_state_copy_chn(row->out_channel, ch);
-  row->abort_capture();
-  return 1;
-}
-
-int qb_audio_net_stream_out1_restart(int ch) { return qb_audio_net_stream_out_restart(0, ch); }
-int qb_audio_net_stream_out3_restart(int ch) { return qb_audio_net_stream_out_restart(2, ch); }
+int qb_audio_net_stream_out1_restart(int ch) { return out_restart(0, ch); }
+int qb_audio_net_stream_out3_restart(int ch) { return out_restart(2, ch); }
 
 // ---------------------------------------------------------------------------------------------
 // External player
@@ -360,18 +367,9 @@ int qb_audio_net_stream_in_start(int ch, int card, int port, const char* ipaddr)
   return 1;
 }
 
-int qb_audio_net_stream_in_sid_start(int sid) {
-  const stream_row_t* row = stream_row(sid);
-  if (row == nullptr) {
-    return 0;
-  }
-  return qb_audio_net_stream_in_start(row->in_channel, row->player_card, row->player_port,
-                                      qb_misc_net_stream_in_ipaddr_get(sid));
-}
-
-int qb_audio_net_stream_in1_start(void) { return qb_audio_net_stream_in_sid_start(0); }
-int qb_audio_net_stream_in3_start(void) { return qb_audio_net_stream_in_sid_start(2); }
-int qb_audio_net_stream_in5_start(void) { return qb_audio_net_stream_in_sid_start(1); }
+int qb_audio_net_stream_in1_start(void) { return in_sid_start(0); }
+int qb_audio_net_stream_in3_start(void) { return in_sid_start(2); }
+int qb_audio_net_stream_in5_start(void) { return in_sid_start(1); }
 
 int qb_audio_pkill_all_myaplay(void) {
   const char* command = "pkill -9 myaplay";
@@ -389,7 +387,7 @@ int qb_audio_net_stream_ipaddr_set(const void* unused) {
     return 0;
   }
   for (int sid : kSidsByNumber) {
-    qb_misc_net_stream_in_addr_set(sid, QB_AUDIO_DEFAULT_IN_IPADDR, nullptr);
+    set_address(sid, false, QB_AUDIO_DEFAULT_IN_IPADDR, nullptr);
   }
   return 1;
 }
@@ -443,18 +441,12 @@ int qb_net_n_stream_select_get(int sid) {
   const stream_row_t* row = stream_row(sid);
   return row == nullptr ? 0 : misc_word_get(misc().net_stream.*(row->selection));
 }
-void qb_net_n_stream_select_set(int sid, int sel) {
-  const stream_row_t* row = stream_row(sid);
-  if (row != nullptr) {
-    misc_word_set(misc().net_stream.*(row->selection), sel);
-  }
-}
 int qb_net_first_stream_select_get(void) { return qb_net_n_stream_select_get(0); }
-void qb_net_first_stream_select_set(int sel) { qb_net_n_stream_select_set(0, sel); }
+void qb_net_first_stream_select_set(int sel) { net_stream_select_set(0, sel); }
 int qb_net_second_stream_select_get(void) { return qb_net_n_stream_select_get(1); }
-void qb_net_second_stream_select_set(int sel) { qb_net_n_stream_select_set(1, sel); }
+void qb_net_second_stream_select_set(int sel) { net_stream_select_set(1, sel); }
 int qb_net_third_stream_select_get(void) { return qb_net_n_stream_select_get(2); }
-void qb_net_third_stream_select_set(int sel) { qb_net_n_stream_select_set(2, sel); }
+void qb_net_third_stream_select_set(int sel) { net_stream_select_set(2, sel); }
 int qb_msic_net_spdif_out_src_get(void) { return misc_word_get(misc().net_spdif_out_src); }
 void qb_msic_net_spdif_out_src_set(int src) { misc_word_set(misc().net_spdif_out_src, src); }
 int qb_misc_audio_streamId_get(void) { return misc_word_get(misc().streamout_streamId.streamId); }
@@ -462,69 +454,39 @@ void qb_misc_audio_streamId_set(int sid) {
   misc_word_set(misc().streamout_streamId.streamId, sid);
 }
 
-char* qb_misc_net_stream_out_ipaddr_get(int sid) {
-  thread_local char buf[kStreamCount][QB_NET_IPADDR_SIZE];
-  return snapshot(kStreams[sid].out_ipaddr, buf[sid]);
-}
-char* qb_misc_net_stream_out_deviceid_get(int sid) {
-  thread_local char buf[kStreamCount][QB_NET_DEVICEID_SIZE];
-  return snapshot(kStreams[sid].out_deviceid, buf[sid]);
-}
-char* qb_misc_net_stream_in_ipaddr_get(int sid) {
-  thread_local char buf[kStreamCount][QB_NET_IPADDR_SIZE];
-  return snapshot(kStreams[sid].in_ipaddr, buf[sid]);
-}
-char* qb_misc_net_stream_in_deviceid_get(int sid) {
-  thread_local char buf[kStreamCount][QB_NET_DEVICEID_SIZE];
-  return snapshot(kStreams[sid].in_deviceid, buf[sid]);
-}
-void qb_misc_net_stream_out_addr_set(int sid, const char* ipaddr, const char* deviceid) {
-  set_address(kStreams[sid].out_ipaddr, kStreams[sid].out_deviceid, ipaddr, deviceid);
-}
 void qb_misc_net_stream_in_addr_set(int sid, const char* ipaddr, const char* deviceid) {
-  set_address(kStreams[sid].in_ipaddr, kStreams[sid].in_deviceid, ipaddr, deviceid);
+  set_address(sid, false, ipaddr, deviceid);
 }
 
-char* qb_misc_net_stream_out1_ipaddr_get(void) { return qb_misc_net_stream_out_ipaddr_get(0); }
-char* qb_misc_net_stream_out3_ipaddr_get(void) { return qb_misc_net_stream_out_ipaddr_get(2); }
-char* qb_misc_net_stream_out5_ipaddr_get(void) { return qb_misc_net_stream_out_ipaddr_get(1); }
-char* qb_misc_net_stream_in1_ipaddr_get(void) { return qb_misc_net_stream_in_ipaddr_get(0); }
-char* qb_misc_net_stream_in3_ipaddr_get(void) { return qb_misc_net_stream_in_ipaddr_get(2); }
-char* qb_misc_net_stream_in5_ipaddr_get(void) { return qb_misc_net_stream_in_ipaddr_get(1); }
-char* qb_misc_net_stream_out1_deviceid_get(void) { return qb_misc_net_stream_out_deviceid_get(0); }
-char* qb_misc_net_stream_out3_deviceid_get(void) { return qb_misc_net_stream_out_deviceid_get(2); }
-char* qb_misc_net_stream_out5_deviceid_get(void) { return qb_misc_net_stream_out_deviceid_get(1); }
-char* qb_misc_net_stream_in1_deviceid_get(void) { return qb_misc_net_stream_in_deviceid_get(0); }
-char* qb_misc_net_stream_in3_deviceid_get(void) { return qb_misc_net_stream_in_deviceid_get(2); }
-char* qb_misc_net_stream_in5_deviceid_get(void) { return qb_misc_net_stream_in_deviceid_get(1); }
-
+char* qb_misc_net_stream_out1_ipaddr_get(void) { return address_snapshot(0, true); }
+char* qb_misc_net_stream_out3_ipaddr_get(void) { return address_snapshot(2, true); }
+char* qb_misc_net_stream_out5_ipaddr_get(void) { return address_snapshot(1, true); }
+char* qb_misc_net_stream_in1_ipaddr_get(void) { return address_snapshot(0, false); }
+char* qb_misc_net_stream_in3_ipaddr_get(void) { return address_snapshot(2, false); }
+char* qb_misc_net_stream_in5_ipaddr_get(void) { return address_snapshot(1, false); }
 void qb_misc_net_stream_out1_ipaddr_set(const char* ipaddr, const char* deviceid) {
-  qb_misc_net_stream_out_addr_set(0, ipaddr, deviceid);
+  set_address(0, true, ipaddr, deviceid);
 }
 void qb_misc_net_stream_out5_ipaddr_set(const char* ipaddr, const char* deviceid) {
-  qb_misc_net_stream_out_addr_set(1, ipaddr, deviceid);
+  set_address(1, true, ipaddr, deviceid);
 }
-void qb_misc_net_stream_in1_ipaddr_set(const char* ipaddr) {
-  qb_misc_net_stream_in_addr_set(0, ipaddr, nullptr);
-}
-void qb_misc_net_stream_in5_ipaddr_set(const char* ipaddr) {
-  qb_misc_net_stream_in_addr_set(1, ipaddr, nullptr);
-}
+void qb_misc_net_stream_in1_ipaddr_set(const char* ipaddr) { set_address(0, false, ipaddr, nullptr); }
+void qb_misc_net_stream_in5_ipaddr_set(const char* ipaddr) { set_address(1, false, ipaddr, nullptr); }
 void qb_misc_net_stream_in1_ipaddr_set2(const char* ipaddr, const char* deviceid) {
-  qb_misc_net_stream_in_addr_set(0, ipaddr, deviceid);
+  set_address(0, false, ipaddr, deviceid);
 }
 void qb_misc_net_stream_in3_ipaddr_set2(const char* ipaddr, const char* deviceid) {
-  qb_misc_net_stream_in_addr_set(2, ipaddr, deviceid);
+  set_address(2, false, ipaddr, deviceid);
 }
 void qb_misc_net_stream_in5_ipaddr_set2(const char* ipaddr, const char* deviceid) {
-  qb_misc_net_stream_in_addr_set(1, ipaddr, deviceid);
+  set_address(1, false, ipaddr, deviceid);
 }
 
 void qb_misc_net_stream_ipaddr_copy(net_stream_ipaddr_t* out) {
   if (out == nullptr) {
     return;
   }
-  std::lock_guard<std::mutex> lock(qb_audio_misc_ipaddr_lock());
+  std::lock_guard<std::mutex> lock(qb_audio_misc_module().ipaddr_lock);
   *out = misc().ipaddr;
 }
 
@@ -549,8 +511,6 @@ int audio_hdmi_streamout(void) {
   }
   return 0;
 }
-int qb_misc_net_stream_spdif_flag_get(void) { return misc_word_get(misc().spdif.spdif); }
-int qb_misc_net_stream_arc_flag_get(void) { return misc_word_get(misc().spdif.arc); }
 
 // ---- the routing state section of the status dump: channel records, sources, addresses,
 // selections and the S/PDIF receiver
@@ -590,9 +550,9 @@ void dump_misc_param(FILE* fp) {
   const int second = misc_word_get(misc().net_stream.second);
   const int third = misc_word_get(misc().net_stream.third);
   std::fprintf(fp, "net_stream first:[%s][%d] second:[%s][%d] third:[%s][%d]\n",
-               qb_audio_output_source_short_name(first), first,
-               qb_audio_output_source_short_name(second), second,
-               qb_audio_output_source_short_name(third), third);
+               source_name(kSourceShortNames, first), first,
+               source_name(kSourceShortNames, second), second,
+               source_name(kSourceShortNames, third), third);
   std::fprintf(fp, "net_stream_spdif spdif:%d arc:%d\n", misc_word_get(misc().spdif.spdif),
                misc_word_get(misc().spdif.arc));
   std::fprintf(fp, "spdif fd:%d mmap:%p \n", misc_word_get(misc().spdif_mreg.fd),

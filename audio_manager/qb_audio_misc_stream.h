@@ -5,8 +5,9 @@
 // Stream ids: 0 (SAI1, channels 6/10), 1 (SAI5, channels 8/12), 2 (SAI3, channels 7/11).
 //
 // Thread safety: selections are single words read and written atomically; address and device-id
-// texts are guarded by one lock, and the address getters return a snapshot of the text taken under
-// that lock (a per-thread copy, valid until the same getter is called again on the same thread).
+// texts are guarded by one lock. The numbered address getters return a snapshot of the text taken
+// under that lock, one per stream and direction, for the one worker thread of that stream; other
+// threads copy the whole block (qb_misc_net_stream_ipaddr_copy).
 #pragma once
 
 #include <cstddef>
@@ -33,15 +34,10 @@ int qb_audio_stream_input_from_net_set(const qb_audio_input_stream_t* req);
 int qb_audio_net_stream_out1_start(int ch);
 int qb_audio_net_stream_out3_start(int ch);
 int qb_audio_net_stream_out5_start(int ch);
-// Network output stream sid takes the format of channel ch and restarts its capture. 1, or 0 for
-// another sid.
-int qb_audio_net_stream_out_restart(int sid, int ch);
 int qb_audio_net_stream_out1_restart(int ch);
 int qb_audio_net_stream_out3_restart(int ch);
 
 int qb_audio_net_stream_in_start(int ch, int card, int port, const char* ipaddr);
-// The network player of input stream sid, with its sound card, port and address. 1/0.
-int qb_audio_net_stream_in_sid_start(int sid);
 int qb_audio_net_stream_in1_start(void);
 int qb_audio_net_stream_in3_start(void);
 int qb_audio_net_stream_in5_start(void);
@@ -55,16 +51,11 @@ void audio_ipaddr_create(int a, int b, int c, int d, char* buf, size_t size);
 int macaddr_str2hex(const char* str, qb_u8_t* hex);
 int qb_audio_channel_state_id_switch_netstreamsel(int ch);
 int qb_audio_netstreamsel_switch_channel_state_id(int src);
-// Output-source name in request logs ("analog" ... "hdmiDownmix", "unknown").
-const char* qb_audio_output_source_name(int src);
-// Output-source name in dumps ("analog" ... "downmix", "unknown").
-const char* qb_audio_output_source_short_name(int src);
 
 int qb_net_stream_select_get(void);
 void qb_net_stream_select_set(int sel);
 // Source selection of network output stream sid (0 for another sid; first, second, third below).
 int qb_net_n_stream_select_get(int sid);
-void qb_net_n_stream_select_set(int sid, int sel);
 int qb_net_first_stream_select_get(void);
 void qb_net_first_stream_select_set(int sel);
 int qb_net_second_stream_select_get(void);
@@ -76,28 +67,15 @@ void qb_msic_net_spdif_out_src_set(int src);
 int qb_misc_audio_streamId_get(void);
 void qb_misc_audio_streamId_set(int sid);
 
-// Address and device-id texts of stream sid 0-2 (snapshots, see above); the numbered ones below
-// are these for stream 1 (sid 0), 3 (sid 2) and 5 (sid 1). sid must be 0-2. A null deviceid keeps
-// the device id.
-char* qb_misc_net_stream_out_ipaddr_get(int sid);
-char* qb_misc_net_stream_out_deviceid_get(int sid);
-char* qb_misc_net_stream_in_ipaddr_get(int sid);
-char* qb_misc_net_stream_in_deviceid_get(int sid);
-void qb_misc_net_stream_out_addr_set(int sid, const char* ipaddr, const char* deviceid);
+// Address and device id of input stream sid 0-2; a null text keeps its field.
 void qb_misc_net_stream_in_addr_set(int sid, const char* ipaddr, const char* deviceid);
+// Address snapshots (see above) of output and input streams 1 (sid 0), 3 (sid 2) and 5 (sid 1).
 char* qb_misc_net_stream_out1_ipaddr_get(void);
 char* qb_misc_net_stream_out3_ipaddr_get(void);
 char* qb_misc_net_stream_out5_ipaddr_get(void);
 char* qb_misc_net_stream_in1_ipaddr_get(void);
 char* qb_misc_net_stream_in3_ipaddr_get(void);
 char* qb_misc_net_stream_in5_ipaddr_get(void);
-// Device-id texts (snapshots).
-char* qb_misc_net_stream_out1_deviceid_get(void);
-char* qb_misc_net_stream_out3_deviceid_get(void);
-char* qb_misc_net_stream_out5_deviceid_get(void);
-char* qb_misc_net_stream_in1_deviceid_get(void);
-char* qb_misc_net_stream_in3_deviceid_get(void);
-char* qb_misc_net_stream_in5_deviceid_get(void);
 void qb_misc_net_stream_out1_ipaddr_set(const char* ipaddr, const char* deviceid);
 void qb_misc_net_stream_out5_ipaddr_set(const char* ipaddr, const char* deviceid);
 void qb_misc_net_stream_in1_ipaddr_set(const char* ipaddr);
@@ -115,5 +93,3 @@ int is_qb_net_first_stream_select_arc(void);
 int is_qb_net_second_stream_select_arc(void);
 int is_qb_net_third_stream_select_arc(void);
 int audio_hdmi_streamout(void);
-int qb_misc_net_stream_spdif_flag_get(void);
-int qb_misc_net_stream_arc_flag_get(void);

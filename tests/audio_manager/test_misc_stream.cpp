@@ -34,7 +34,9 @@ TEST_F(Stream, InputRequestsSetTheGroupOfTheirSubscription) {
 TEST_F(Stream, OutputRequestDerivesGroupAndSelects) {
   const qb_audio_output_stream_t r = out_req(1, 1, "001122334455");
   EXPECT_EQ(qb_audio_stream_output_to_net_set(&r) + qb_audio_stream_output_to_net_set(nullptr), 1);
-  EXPECT_EQ(std::string(qb_misc_net_stream_out5_ipaddr_get()) + " " + qb_misc_net_stream_out5_deviceid_get(), "234.51.68.85 001122334455");
+  net_stream_ipaddr_t ip;
+  qb_misc_net_stream_ipaddr_copy(&ip);
+  EXPECT_EQ(std::string(qb_misc_net_stream_out5_ipaddr_get()) + " " + ip.sai5_out_deviceid, "234.51.68.85 001122334455");
   // Board 3, HDMI on stream 1: route 0x15 <- 3 first, capture 5 restarted.
   EXPECT_EQ(bus.writes(kBus, kFpga)[0], (std::pair<uint16_t, uint8_t>{0x15, 3}));
   EXPECT_EQ(capture_abort(2) + qb_net_second_stream_select_get(), 2);
