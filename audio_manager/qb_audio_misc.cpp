@@ -89,8 +89,6 @@ constexpr qb_s32_t kNetSpdifOutSrcDefault = 9;
 constexpr qb_s32_t kNetStreamFirstDefault = 1;
 constexpr qb_s32_t kNetStreamSecondDefault = 2;
 constexpr qb_s32_t kNetStreamThirdDefault = 3;
-// Pause after each dump line so a reader of the dump file keeps up.
-constexpr useconds_t kDumpPauseUs = 2000;
 
 // Matrix source and network-input channel of each network stream id (0, 1, 2).
 constexpr int kSaiOfSid[] = {FPGA_SRC_SAI1, FPGA_SRC_SAI5, FPGA_SRC_SAI3};
@@ -114,19 +112,15 @@ qb_s32_t* status_of(int ch) {
   return row == nullptr ? nullptr : &(g_module.ctrl.channel_state.*(row->status));
 }
 
-bool lookup_hz(const code_hz_t* table, size_t n, int code, int* hz) {
-  for (size_t i = 0; i < n; ++i) {
-    if (table[i].code == code) {
-      *hz = table[i].hz;
+template <size_t N>
+bool lookup_hz(const code_hz_t (&table)[N], int code, int* hz) {
+  for (const code_hz_t& row : table) {
+    if (row.code == code) {
+      *hz = row.hz;
       return true;
     }
   }
   return false;
-}
-
-template <size_t N>
-bool lookup_hz(const code_hz_t (&table)[N], int code, int* hz) {
-  return lookup_hz(table, N, code, hz);
 }
 
 qb_u8_t u8(qb_s8_t v) { return static_cast<qb_u8_t>(v); }
@@ -152,6 +146,8 @@ const char* qb_audio_channel_name(int ch) {
 
 qb_audio_misc_module_t& qb_audio_misc_module() { return g_module; }
 
+bool misc_playable_hz(int code, int* hz) { return lookup_hz(kPlayableFrequencyCodes, code, hz); }
+
 int qb_audio_channel_state_copy_chn(int dst, int src) {
   qb_audio_info* to = slot_of(dst);
   const qb_audio_info* from = slot_of(src);
@@ -174,9 +170,6 @@ int qb_audio_channel_state_store(int ch, const qb_audio_info* info) {
   return 1;
 }
 
-// ---------------------------------------------------------------------------------------------
-// State reset (the start of the module, qb_audio_misc_init, adds the S/PDIF receiver's mapping)
-// ---------------------------------------------------------------------------------------------
 void qb_audio_misc_state_reset(void) {
   {
     std::lock_guard<std::mutex> channels(g_module.channel_lock);
@@ -197,9 +190,6 @@ void qb_audio_misc_state_reset(void) {
   misc_word_set(g_module.ctrl.it6621_mode, 0);
 }
 
-// ---------------------------------------------------------------------------------------------
-// Channel table
-// ---------------------------------------------------------------------------------------------
 qb_audio_info* qb_audio_channel_state_get(int ch) {
   qb_audio_info* slot = slot_of(ch);
   if (slot == nullptr) {
@@ -283,7 +273,7 @@ int is_qb_audio_channel_state_valid(const qb_audio_info* info) {
     return 0;
   }
   int hz = 0;
-  if (!lookup_hz(kPlayableFrequencyCodes, u8(info->SampleFrequency), &hz)) {
+  if (!misc_playable_hz(u8(info->SampleFrequency), &hz)) {
     AM_LOG_ERROR("%s,sample frequency=%d error", __func__, u8(info->SampleFrequency));
     return 0;
   }
@@ -326,7 +316,7 @@ int qb_audio_channel_state_samplefreq_get(int ch, int* freq) {
     return 0;
   }
   int hz = 0;
-  if (!lookup_hz(kPlayableFrequencyCodes, u8(rec.SampleFrequency), &hz)) {
+  if (!misc_playable_hz(u8(rec.SampleFrequency), &hz)) {
     return 0;
   }
   *freq = hz;
@@ -424,9 +414,6 @@ int qb_misc_audio_get_chn_saiid_by_sid(int sid) {
   return sid >= 0 && sid < kStreamIds ? kChannelOfSid[sid] : kNoSid;
 }
 
-// ---------------------------------------------------------------------------------------------
-// Dumps
-// ---------------------------------------------------------------------------------------------
 void dump_channel_stat(int ch, const qb_audio_info* info) {
   if (info == nullptr) {
     AM_LOG_ERROR("param invalid");
@@ -459,7 +446,7 @@ void dump_channel_stat2file(FILE* fp, int ch, const qb_audio_info* info) {
       u8(r.Mode16bits), u8(r.Audio_Type), u8(r.bSPDIF), u8(r.AUD_DB[0]), u8(r.AUD_DB[1]),
       u8(r.AUD_DB[2]), u8(r.AUD_DB[3]), u8(r.AUD_DB[4]), u8(r.ChStat[0]), u8(r.ChStat[1]),
       u8(r.ChStat[2]), u8(r.ChStat[3]), u8(r.ChStat[4]));
-  usleep(kDumpPauseUs);
+  usleep(QB_MISC_DUMP_PAUSE_US);
 }
 
 void channel_stat_printf(const qb_audio_info* info) {

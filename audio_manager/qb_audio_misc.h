@@ -14,12 +14,6 @@
 #include "qb_audio_protocol.h"  // channel, source and format numbers, qb_audio_info
 #include "qb_types.h"
 
-
-// ---------------------------------------------------------------------------------------------
-// Records
-// ---------------------------------------------------------------------------------------------
-
-
 // A channel record as it travels between command handlers and the bridge functions.
 struct qb_audio_info_t {
   qb_s32_t ch;
@@ -104,7 +98,6 @@ struct nxp_map_spdif_reg_t {
   qb_audio_info ainfo;
 };
 
-
 struct output_downmix_t {
   qb_audio_output_dwm_mode_t hdmi_downmix_mode;
   qb_audio_output_dwm_mode_t spdif_downmix_mode;
@@ -163,15 +156,8 @@ struct qb_audio_misc_main_ctrl_t {
   qb_s32_t audio_src_multi_channel_local;
 };
 
-// ---------------------------------------------------------------------------------------------
-// Module start and stop (init list)
-// ---------------------------------------------------------------------------------------------
 int qb_audio_misc_init(void);
 int qb_audio_misc_uninit(void);
-
-// ---------------------------------------------------------------------------------------------
-// Channel table
-// ---------------------------------------------------------------------------------------------
 
 // Live slot of a channel, or null (logs "invalid audio channel:%d").
 qb_audio_info* qb_audio_channel_state_get(int ch);

@@ -24,6 +24,28 @@
 
 namespace {
 
+// Outer type, key and sender of the messages to the scaler and the video processor (the
+// bridges' outer types are TLV_OUTER_TYPE_IT6620 and TLV_OUTER_TYPE_IT6621 of the TLV library).
+struct peer_message_t {
+  qb_s32_t outer_type;
+  qb_s32_t key;
+  int (*send)(const void* buffer, int size);
+};
+constexpr peer_message_t kMdinAudioSwitch = {6, 0x80009, qb_cmd_send_to_mdin};
+constexpr peer_message_t kAvpHdmiOutAudio = {3, 0x80802, qb_cmd_send_to_avp};
+constexpr qb_s32_t kIt6621KeyChannelStatus = 0x10002;
+constexpr int kIt6621ChannelStatusLen = 6;
+
+// Texts sent without a terminator.
+constexpr const char kMdinAudioSwitchText[] = "switch audio";
+constexpr const char kAvpHdmiOutSrcText[] = "{\"hdmi_out_audio_src\":\"multi-channel-local\"}";
+// Longest HDMI-output-format text.
+constexpr int kAvpParamTextMax = 255;
+
+// Output bridge modes.
+constexpr int kIt6621ModeEarc = 1;
+constexpr int kIt6621ModeArc = 2;
+
 // HDMI output format text sent to the video processor.
 constexpr const char* kAvpParamFormat =
     "{\"hdmi_out_audio_sampling_frequency\":%d,\"hdmi_out_audio_number_of_channels\":%d,"
@@ -32,23 +54,18 @@ constexpr const char* kEncodingLpcm = "LPCM";
 constexpr const char* kEncodingHbr = "ENCODED_HBR";
 constexpr const char* kEncodingOther = "ENCODED_OTHER";
 
-// Sample-frequency codes to Hz for the video processor; anything else plays as 48000.
-struct frequency_row_t {
-  int code;
-  int hz;
-};
-constexpr frequency_row_t kAvpFrequencies[] = {
-    {0, 44100}, {2, 48000}, {8, 88200}, {10, 96000}, {12, 176400}, {14, 192000},
-};
+// The video processor plays a sample-frequency code the PCM devices do not take as 48000.
 constexpr int kAvpDefaultHz = 48000;
 
 // Channel-status byte 3 value of a high-bit-rate stream.
 constexpr qb_u8_t kChStatHbr = 9;
+void send_text(const peer_message_t& message, const char* text, size_t length) {
+  (void)tlv_packet(message.outer_type, message.key, text, static_cast<qb_s32_t>(length),
+                   message.send);
+}
+
 // Channel-status byte 1 values: LPCM, compressed, high bit rate (1, 2) and one-bit audio.
-constexpr qb_u8_t kChStatLpcm = 0;
-constexpr qb_u8_t kChStatCompressed = 1;
-constexpr qb_u8_t kChStatCompressedHbr = 2;
-constexpr qb_u8_t kChStatOneBit = 3;
+enum chstat_kind_e : qb_u8_t { kChStatLpcm, kChStatCompressed, kChStatCompressedHbr, kChStatOneBit };
 // Byte 4 of the InfoFrame: the CEA-861 channel allocation.
 constexpr int kAudDbAllocation = 3;
 
@@ -63,13 +80,15 @@ qb_u8_t u8(qb_s8_t v) { return static_cast<qb_u8_t>(v); }
 qb_audio_misc_main_ctrl_t& misc() { return qb_audio_misc_ctrl(); }
 
 int avp_frequency(int code) {
-  for (const frequency_row_t& row : kAvpFrequencies) {
-    if (row.code == code) {
-      return row.hz;
-    }
+  int hz = kAvpDefaultHz;
+  if (!misc_playable_hz(code, &hz)) {
+    AM_LOG_ERROR("unknown audio sample frequency:%d, using default 48000", code);
   }
-  AM_LOG_ERROR("unknown audio sample frequency:%d, using default 48000", code);
-  return kAvpDefaultHz;
+  return hz;
+}
+
+unsigned edid_entries(const T_Edid_Audio_Info_& list) {
+  return list.u8AudioInfoNum < EDID_AUDIO_INFO_MAX_NUM ? list.u8AudioInfoNum : EDID_AUDIO_INFO_MAX_NUM;
 }
 
 // Whether an ARC link cannot carry what stream 0 plays, so the eARC output takes stream 2.
@@ -99,9 +118,7 @@ bool load_monitor_edid(T_Edid_Audio_Info_* list) {
     return false;
   }
   parser.getEdidAudioInfo(list);
-  const unsigned count = list->u8AudioInfoNum < EDID_AUDIO_INFO_MAX_NUM ? list->u8AudioInfoNum
-                                                                         : EDID_AUDIO_INFO_MAX_NUM;
-  for (unsigned i = 0; i < count; ++i) {
+  for (unsigned i = 0; i < edid_entries(*list); ++i) {
     AM_LOG_INFO("monitor edid audio support type[%d]=0x%x u8bit=0x%x", static_cast<int>(i),
                 static_cast<unsigned>(list->ptAudioInfo[i].eAudioFomat),
                 list->ptAudioInfo[i].u8BitFlag);
@@ -112,9 +129,7 @@ bool load_monitor_edid(T_Edid_Audio_Info_* list) {
 // Whether the monitor can play an LPCM record: its first LPCM entry must allow the channel count
 // and a rate mask at least as high as the record's.
 bool monitor_takes_lpcm(const qb_audio_info& rec, const T_Edid_Audio_Info_& list) {
-  const unsigned count = list.u8AudioInfoNum < EDID_AUDIO_INFO_MAX_NUM ? list.u8AudioInfoNum
-                                                                        : EDID_AUDIO_INFO_MAX_NUM;
-  for (unsigned i = 0; i < count; ++i) {
+  for (unsigned i = 0; i < edid_entries(list); ++i) {
     const T_Audio_Info& entry = list.ptAudioInfo[i];
     if (entry.eAudioFomat != ENUM_LPCM) {
       continue;
@@ -183,40 +198,33 @@ void decide_hdmi_on_connect() {
 }  // namespace
 
 int it6621_channel_state_set(qb_u8_t* buf, int len) {
-  if (buf == nullptr || len != QB_IT6621_CHANNEL_STATUS_LEN) {
+  if (buf == nullptr || len != kIt6621ChannelStatusLen) {
     return 0;
   }
   AM_LOG_INFO("%s, channel status [%02x,%02x,%02x,%02x,%02x,%02x]", __func__, buf[0], buf[1],
               buf[2], buf[3], buf[4], buf[5]);
-  (void)audio_tlv_packet(TLV_OUTER_TYPE_IT6621, QB_IT6621_KEY_CHANNEL_STATUS, buf,
-                         QB_IT6621_CHANNEL_STATUS_LEN);
+  (void)audio_tlv_packet(TLV_OUTER_TYPE_IT6621, kIt6621KeyChannelStatus, buf, len);
   return 1;
 }
 
 int send_audio_switch_to_mdin(void) {
-  (void)tlv_packet(QB_MDIN_OUTER_TYPE, QB_MDIN_KEY_AUDIO_SWITCH, QB_MDIN_AUDIO_SWITCH_TEXT,
-                   static_cast<qb_s32_t>(sizeof(QB_MDIN_AUDIO_SWITCH_TEXT) - 1),
-                   qb_cmd_send_to_mdin);
+  send_text(kMdinAudioSwitch, kMdinAudioSwitchText, sizeof kMdinAudioSwitchText - 1);
   return 1;
 }
 
 int set_avp_hdmi_out_audio_src_multi_local(void) {
-  (void)tlv_packet(QB_AVP_OUTER_TYPE, QB_AVP_KEY_HDMI_OUT_AUDIO, QB_AVP_HDMI_OUT_SRC_TEXT,
-                   static_cast<qb_s32_t>(sizeof(QB_AVP_HDMI_OUT_SRC_TEXT) - 1),
-                   qb_cmd_send_to_avp);
-  AM_LOG_INFO("send to avp:%s", QB_AVP_HDMI_OUT_SRC_TEXT);
+  send_text(kAvpHdmiOutAudio, kAvpHdmiOutSrcText, sizeof kAvpHdmiOutSrcText - 1);
+  AM_LOG_INFO("send to avp:%s", kAvpHdmiOutSrcText);
   misc_word_set(misc().audio_src_multi_channel_local, 1);
   return 1;
 }
 
 int set_avp_hdmi_out_audio_src_param(int frequency, int channels, int allocation,
                                      const char* encoding) {
-  char text[QB_AVP_PARAM_TEXT_MAX + 1];
-  std::memset(text, 0, sizeof(text));
+  char text[kAvpParamTextMax + 1] = {};
   std::snprintf(text, sizeof(text), kAvpParamFormat, frequency, channels, allocation,
                 encoding != nullptr ? encoding : kEncodingOther);
-  (void)tlv_packet(QB_AVP_OUTER_TYPE, QB_AVP_KEY_HDMI_OUT_AUDIO, text,
-                   static_cast<qb_s32_t>(std::strlen(text)), qb_cmd_send_to_avp);
+  send_text(kAvpHdmiOutAudio, text, std::strlen(text));
   AM_LOG_INFO("send to avp:%s", text);
   return 1;
 }
@@ -250,11 +258,11 @@ int set_it6621_status(int mode) {
   const int previous = misc_word_get(m.it6621_mode);
   const int nsi = misc_word_get(m.nsi.earc);
   const bool has_fallback = qb_misc_audio_fallback_sid_earc_get() != kNoFallback;
-  if (has_fallback && mode == QB_IT6621_MODE_EARC && previous != QB_IT6621_MODE_EARC &&
+  if (has_fallback && mode == kIt6621ModeEarc && previous != kIt6621ModeEarc &&
       nsi == kEarcFromSai3) {
     earc_switch(kEarcFromSai1, QB_AUDIO_CHN_NSI1,
                 "6621 switch to earc mode, earc output switch to sai1");
-  } else if (has_fallback && mode == QB_IT6621_MODE_ARC && previous != QB_IT6621_MODE_ARC &&
+  } else if (has_fallback && mode == kIt6621ModeArc && previous != kIt6621ModeArc &&
              nsi == kEarcFromSai1) {
     qb_audio_info rec{};
     if (qb_audio_channel_state_copy(QB_AUDIO_CHN_NSI1, &rec) != 1) {

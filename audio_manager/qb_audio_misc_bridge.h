@@ -8,40 +8,14 @@
 #pragma once
 
 #include "qb_audio_misc.h"
-#include "qb_types.h"
 
-// Outer types and keys of the messages (the bridge outer types 7 and 8 are TLV_OUTER_TYPE_IT6620
-// and TLV_OUTER_TYPE_IT6621 of the TLV library).
-inline constexpr qb_s32_t QB_AVP_OUTER_TYPE = 3;
-inline constexpr qb_s32_t QB_MDIN_OUTER_TYPE = 6;
-inline constexpr qb_s32_t QB_IT6621_KEY_CHANNEL_STATUS = 0x10002;
-inline constexpr qb_s32_t QB_MDIN_KEY_AUDIO_SWITCH = 0x80009;
-inline constexpr qb_s32_t QB_AVP_KEY_HDMI_OUT_AUDIO = 0x80802;
 // Keys of the bridge requests: CEC physical address and ARC mode (IT6620), ARC mode (IT6621).
 inline constexpr qb_s32_t QB_BRIDGE_KEY_CEC_PHY_ADDR = 0x00020002;
 inline constexpr qb_s32_t QB_BRIDGE_KEY_ARC_MODE = 0x00030002;
-
-// The scaler's audio-switch text, sent without a terminator.
-inline constexpr const char QB_MDIN_AUDIO_SWITCH_TEXT[] = "switch audio";
-// The video processor's HDMI-output-source text, sent without a terminator.
-inline constexpr const char QB_AVP_HDMI_OUT_SRC_TEXT[] =
-    "{\"hdmi_out_audio_src\":\"multi-channel-local\"}";
-// Longest HDMI-output-format text.
-inline constexpr int QB_AVP_PARAM_TEXT_MAX = 255;
-
-// Length of a channel-status record for the output bridge.
-inline constexpr int QB_IT6621_CHANNEL_STATUS_LEN = 6;
-
-// Output bridge modes.
-inline constexpr int QB_IT6621_MODE_EARC = 1;
-inline constexpr int QB_IT6621_MODE_ARC = 2;
+// ARC modes of the bridge requests.
+enum qb_arc_mode_e { QB_ARC_MODE_OFF, QB_ARC_MODE_ARC_EARC, QB_ARC_MODE_ARC_ONLY };
 // HDMI monitor states.
 inline constexpr int QB_HDMI_MONITOR_CONNECTED = 1;
-
-// ARC modes of the bridge requests.
-inline constexpr int QB_ARC_MODE_OFF = 0;
-inline constexpr int QB_ARC_MODE_ARC_EARC = 1;
-inline constexpr int QB_ARC_MODE_ARC_ONLY = 2;
 
 // Channel status (6 bytes) to the output bridge. 1 sent, 0 for a null buffer or a length other
 // than 6 (nothing sent).

@@ -2,6 +2,7 @@
 // the channel-status bytes of the eARC and S/PDIF transmitters.
 #include "qb_audio_misc_fpga.h"
 
+#include <cstring>
 #include <mutex>
 
 #include "am_log.h"
@@ -65,9 +66,7 @@ int chs_write(int ch, qb_u8_t first, const char* what) {
   qb_audio_info rec;
   qb_audio_channel_state_copy(ch, &rec);
   qb_u8_t bytes[FPGA_CHS_BYTES] = {};
-  for (int i = 0; i < 5; ++i) {
-    bytes[i] = static_cast<qb_u8_t>(rec.ChStat[i]);
-  }
+  std::memcpy(bytes, rec.ChStat, sizeof rec.ChStat);  // byte 5 stays 0
   for (int i = 0; i < FPGA_CHS_BYTES; ++i) {
     qb_audio_fpga_i2c_write(static_cast<qb_u8_t>(first + i), bytes[i]);
   }

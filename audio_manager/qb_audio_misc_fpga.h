@@ -10,30 +10,34 @@ inline constexpr const char* QB_AUDIO_FPGA_I2C_DEV = "/dev/i2c-2";
 inline constexpr qb_u8_t QB_AUDIO_FPGA_I2C_ADDR = 0x48;
 
 // Matrix source values (what a route register holds).
-inline constexpr qb_u8_t FPGA_SRC_IT6620 = 1;   // eARC/ARC input
-inline constexpr qb_u8_t FPGA_SRC_PCM1804 = 2;  // analog input
-inline constexpr qb_u8_t FPGA_SRC_HDMI_IN = 3;
-inline constexpr qb_u8_t FPGA_SRC_SAI1 = 4;
-inline constexpr qb_u8_t FPGA_SRC_SAI3 = 5;
-inline constexpr qb_u8_t FPGA_SRC_SAI5 = 6;
-inline constexpr qb_u8_t FPGA_SRC_SAI6 = 7;
-inline constexpr qb_u8_t FPGA_SRC_DSP_DAO = 8;
-inline constexpr qb_u8_t FPGA_SRC_SPDIF_IN = 9;
-inline constexpr qb_u8_t FPGA_SRC_MIN = FPGA_SRC_IT6620;
-inline constexpr qb_u8_t FPGA_SRC_MAX = FPGA_SRC_SPDIF_IN;
+enum fpga_src_e : qb_u8_t {
+  FPGA_SRC_IT6620 = 1,  // eARC/ARC input
+  FPGA_SRC_PCM1804,     // analog input
+  FPGA_SRC_HDMI_IN,
+  FPGA_SRC_SAI1,
+  FPGA_SRC_SAI3,
+  FPGA_SRC_SAI5,
+  FPGA_SRC_SAI6,
+  FPGA_SRC_DSP_DAO,
+  FPGA_SRC_SPDIF_IN,
+  FPGA_SRC_MIN = FPGA_SRC_IT6620,
+  FPGA_SRC_MAX = FPGA_SRC_SPDIF_IN,
+};
 
-// Route registers.
-inline constexpr qb_u8_t FPGA_REG_ROUTE_EARC_OUT = 0x10;
-inline constexpr qb_u8_t FPGA_REG_ROUTE_ANALOG_OUT = 0x11;
-inline constexpr qb_u8_t FPGA_REG_ROUTE_HDMI_OUT = 0x12;
-inline constexpr qb_u8_t FPGA_REG_ROUTE_SAO1 = 0x13;  // capture path of network output 1
-inline constexpr qb_u8_t FPGA_REG_ROUTE_SAO3 = 0x14;  // capture path of network output 3
-inline constexpr qb_u8_t FPGA_REG_ROUTE_SAO5 = 0x15;  // capture path of network output 5
-inline constexpr qb_u8_t FPGA_REG_ROUTE_UNUSED = 0x16;
-inline constexpr qb_u8_t FPGA_REG_ROUTE_DSP_IN = 0x17;
-inline constexpr qb_u8_t FPGA_REG_ROUTE_SPDIF_OUT = 0x18;
-inline constexpr qb_u8_t FPGA_REG_ROUTE_MIN = FPGA_REG_ROUTE_EARC_OUT;
-inline constexpr qb_u8_t FPGA_REG_ROUTE_MAX = FPGA_REG_ROUTE_SPDIF_OUT;
+// Route registers, one per sink.
+enum fpga_route_reg_e : qb_u8_t {
+  FPGA_REG_ROUTE_EARC_OUT = 0x10,
+  FPGA_REG_ROUTE_ANALOG_OUT,
+  FPGA_REG_ROUTE_HDMI_OUT,
+  FPGA_REG_ROUTE_SAO1,  // capture paths of network outputs 1, 3, 5
+  FPGA_REG_ROUTE_SAO3,
+  FPGA_REG_ROUTE_SAO5,
+  FPGA_REG_ROUTE_UNUSED,
+  FPGA_REG_ROUTE_DSP_IN,
+  FPGA_REG_ROUTE_SPDIF_OUT,
+  FPGA_REG_ROUTE_MIN = FPGA_REG_ROUTE_EARC_OUT,
+  FPGA_REG_ROUTE_MAX = FPGA_REG_ROUTE_SPDIF_OUT,
+};
 // S/PDIF-type source of network output 5: 2 = S/PDIF input, 1 = ARC.
 inline constexpr qb_u8_t FPGA_REG_SAO5_SPDIF_SRC = 0x19;
 inline constexpr qb_u8_t FPGA_SAO5_SPDIF_SRC_SPDIF = 2;
@@ -59,8 +63,6 @@ inline constexpr qb_u8_t FPGA_REG_INPUT_ENABLE_ANALOG = 0x58;
 inline constexpr qb_u8_t FPGA_REG_INPUT_ENABLE_7 = 0x59;
 inline constexpr qb_u8_t FPGA_REG_INPUT_ENABLE_8 = 0x5A;
 inline constexpr qb_u8_t FPGA_REG_INPUT_ENABLE_9 = 0x5B;
-inline constexpr qb_u8_t FPGA_REG_INPUT_ENABLE_FIRST = 0x55;
-inline constexpr qb_u8_t FPGA_REG_INPUT_ENABLE_LAST = 0x5B;
 
 // One byte of a register. 1 read, 0 failed (logged).
 int qb_audio_fpga_i2c_read(qb_u8_t reg, qb_u8_t* val);

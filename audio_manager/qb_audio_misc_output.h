@@ -5,14 +5,15 @@
 #pragma once
 
 #include "qb_audio_misc.h"
-#include "qb_types.h"
 
 // Local outputs by index.
-inline constexpr int QB_AUDIO_OUTPUT_ANALOG = 0;
-inline constexpr int QB_AUDIO_OUTPUT_HDMI = 1;
-inline constexpr int QB_AUDIO_OUTPUT_SPDIF = 2;
-inline constexpr int QB_AUDIO_OUTPUT_EARC = 3;
-inline constexpr int QB_AUDIO_OUTPUT_COUNT = 4;
+enum qb_audio_output_e {
+  QB_AUDIO_OUTPUT_ANALOG,
+  QB_AUDIO_OUTPUT_HDMI,
+  QB_AUDIO_OUTPUT_SPDIF,
+  QB_AUDIO_OUTPUT_EARC,
+  QB_AUDIO_OUTPUT_COUNT
+};
 
 // The routing state of output 0-3; the per-output functions below are these for one output.
 int qb_misc_audio_output_sid_get(int output);

@@ -9,6 +9,8 @@
 
 // Streams with an input and an output address (stream ids 0-2).
 inline constexpr int QB_NET_STREAM_COUNT = 3;
+// Pause after each line of the status dump so a reader of the dump file keeps up.
+inline constexpr unsigned QB_MISC_DUMP_PAUSE_US = 2000;
 // Wait for an EDID file that is not there yet, unless a test set another.
 inline constexpr int QB_EDID_WAIT_DEFAULT_MS = 200;
 
@@ -49,6 +51,10 @@ inline void misc_word_set(T& word, T value) {
 int qb_audio_channel_state_copy_chn(int dst, int src);
 // Copies a record into a channel without touching its status flag or logging. 1, or 0.
 int qb_audio_channel_state_store(int ch, const qb_audio_info* info);
+
+// Hz of a sample-frequency code the PCM devices take (44.1 to 192 kHz); false for any other code,
+// hz untouched.
+bool misc_playable_hz(int code, int* hz);
 
 // Clears the routing singleton and sets its defaults; qb_audio_misc_init adds the S/PDIF
 // receiver's mapping.

@@ -5,7 +5,6 @@
 #include <cstddef>
 
 #include "qb_audio_misc.h"
-#include "qb_types.h"
 
 inline constexpr const char* NXP_SPDIF_MEM_DEV = "/dev/mem";
 inline constexpr long NXP_SPDIF_PHYS_BASE = 0x30090000;

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -21,15 +22,12 @@
 
 namespace {
 
-constexpr int kStreamCount = QB_NET_STREAM_COUNT;
-constexpr int kMacTextLen = 12;
 constexpr int kMacBytes = 6;
-// Longest command line of the network player.
+constexpr int kMacTextLen = 2 * kMacBytes;
+// Longest command line of the network player, and its format when the channel does not tell.
 constexpr size_t kCommandSize = 256;
 constexpr int kDefaultPlayerChannels = 2;
 constexpr int kDefaultPlayerRate = 48000;
-// Pause after the routing section of the status dump.
-constexpr useconds_t kDumpPauseUs = 2000;
 
 // Everything that belongs to one stream id.
 struct stream_row_t {
@@ -40,24 +38,25 @@ struct stream_row_t {
   int in_channel;
   char (net_stream_ipaddr_t::*in_ipaddr)[QB_NET_IPADDR_SIZE];
   char (net_stream_ipaddr_t::*in_deviceid)[QB_NET_DEVICEID_SIZE];
+  qb_u8_t out_route;  // route register of the output's capture path
   int number;       // the stream's number in names and log lines (in1, sai1, ...)
   int player_card;  // sound card and port of the network player of the input
   int player_port;
   void (*abort_capture)(void);  // restarts the capture of the output
 };
 
-constexpr stream_row_t kStreams[kStreamCount] = {
+constexpr stream_row_t kStreams[QB_NET_STREAM_COUNT] = {
     {&net_stream_output_sel_t::first, QB_AUDIO_CHN_NSO1, &net_stream_ipaddr_t::sai1_out_ipaddr,
      &net_stream_ipaddr_t::sai1_out_deviceid, QB_AUDIO_CHN_NSI1,
-     &net_stream_ipaddr_t::sai1_in_ipaddr, &net_stream_ipaddr_t::sai1_in_deviceid, 1, 1,
+     &net_stream_ipaddr_t::sai1_in_ipaddr, &net_stream_ipaddr_t::sai1_in_deviceid, FPGA_REG_ROUTE_SAO1, 1, 1,
      QB_AUDIO_NET_PORT, qb_audio_aplay_in_abort_capture1},
     {&net_stream_output_sel_t::second, QB_AUDIO_CHN_NSO5, &net_stream_ipaddr_t::sai5_out_ipaddr,
      &net_stream_ipaddr_t::sai5_out_deviceid, QB_AUDIO_CHN_NSI5,
-     &net_stream_ipaddr_t::sai5_in_ipaddr, &net_stream_ipaddr_t::sai5_in_deviceid, 5, 3,
+     &net_stream_ipaddr_t::sai5_in_ipaddr, &net_stream_ipaddr_t::sai5_in_deviceid, FPGA_REG_ROUTE_SAO5, 5, 3,
      QB_AUDIO_NET_PORT + 2, qb_audio_aplay_in_abort_capture5},
     {&net_stream_output_sel_t::third, QB_AUDIO_CHN_NSO3, &net_stream_ipaddr_t::sai3_out_ipaddr,
      &net_stream_ipaddr_t::sai3_out_deviceid, QB_AUDIO_CHN_NSI3,
-     &net_stream_ipaddr_t::sai3_in_ipaddr, &net_stream_ipaddr_t::sai3_in_deviceid, 3, 2,
+     &net_stream_ipaddr_t::sai3_in_ipaddr, &net_stream_ipaddr_t::sai3_in_deviceid, FPGA_REG_ROUTE_SAO3, 3, 2,
      QB_AUDIO_NET_PORT + 1, qb_audio_aplay_in_abort_capture3},
 };
 
@@ -85,13 +84,14 @@ constexpr int_map_t kSourceToChannel[] = {{0, 1}, {1, 3}, {2, 5}, {3, 2}};
 constexpr int kSourceToChannelDefault = 5;
 
 const stream_row_t* stream_row(int sid) {
-  return (sid >= 0 && sid < kStreamCount) ? &kStreams[sid] : nullptr;
+  return (sid >= 0 && sid < QB_NET_STREAM_COUNT) ? &kStreams[sid] : nullptr;
 }
 
-int map_int(const int_map_t* table, size_t n, int from, int fallback) {
-  for (size_t i = 0; i < n; ++i) {
-    if (table[i].from == from) {
-      return table[i].to;
+template <size_t N>
+int map_int(const int_map_t (&table)[N], int from, int fallback) {
+  for (const int_map_t& row : table) {
+    if (row.from == from) {
+      return row.to;
     }
   }
   return fallback;
@@ -105,8 +105,6 @@ void copy_text(char (&dst)[N], const char* src) {
   }
   std::strncpy(dst, src, N - 1);
 }
-
-using address_member_t = char (net_stream_ipaddr_t::*)[QB_NET_IPADDR_SIZE];
 
 // The address text of stream sid copied under the lock into the stream's snapshot in the module
 // record (out: the output's, else the input's).
@@ -128,9 +126,9 @@ void set_address(int sid, bool out, const char* addr, const char* dev) {
   copy_text(ip.*(out ? row.out_deviceid : row.in_deviceid), dev);
 }
 
-void clear_address(address_member_t ipaddr) {
+void clear_out_address(int sid) {
   std::lock_guard<std::mutex> lock(qb_audio_misc_module().ipaddr_lock);
-  std::memset(qb_audio_misc_ctrl().ipaddr.*ipaddr, 0, QB_NET_IPADDR_SIZE);
+  std::memset(qb_audio_misc_ctrl().ipaddr.*(kStreams[sid].out_ipaddr), 0, QB_NET_IPADDR_SIZE);
 }
 
 // A request's MAC text (QB_AUDIO_MAC_TEXT_SIZE characters), zero-terminated.
@@ -179,16 +177,10 @@ long mac_piece(const char* mac, size_t len, size_t pos) {
 
 // A hex digit in either case; anything else counts as 0.
 qb_u8_t SwitchChar(char c) {
-  if (c >= '0' && c <= '9') {
-    return static_cast<qb_u8_t>(c - '0');
-  }
-  if (c >= 'a' && c <= 'f') {
-    return static_cast<qb_u8_t>(c - 'a' + 10);
-  }
-  if (c >= 'A' && c <= 'F') {
-    return static_cast<qb_u8_t>(c - 'A' + 10);
-  }
-  return 0;
+  const char digit[2] = {c, '\0'};
+  return std::isxdigit(static_cast<unsigned char>(c)) != 0
+             ? static_cast<qb_u8_t>(std::strtol(digit, nullptr, 16))
+             : 0;
 }
 
 qb_audio_misc_main_ctrl_t& misc() { return qb_audio_misc_ctrl(); }
@@ -198,12 +190,11 @@ int selects(int sid, int src) {
   return misc_word_get(misc().net_stream.*(kStreams[sid].selection)) == src ? 1 : 0;
 }
 
-int start_output(const char* function, qb_u8_t route_reg, int dst, int ch) {
+// Route register of network output stream sid <- the matrix source of channel ch.
+void route_output(const char* function, int sid, int ch) {
   AM_LOG_INFO("%s ch = %d", function, ch);
-  qb_audio_fpga_ch_route_set(route_reg,
+  qb_audio_fpga_ch_route_set(kStreams[sid].out_route,
                              static_cast<qb_u8_t>(qb_audio_channel_state_id_switch(ch)));
-  qb_audio_channel_state_copy_chn(dst, ch);
-  return 1;
 }
 
 // Network output 5 takes an S/PDIF-type source: the source register and all enable bits.
@@ -232,7 +223,7 @@ int qb_misc_net_stream_out_ipaddr_set(const qb_audio_output_stream_t* req) {
   const size_t len = std::strlen(mac.text);
   if (len == 0) {
     AM_LOG_WARN("stream ID %d vaxoMac is null", req->streamID);
-    clear_address(row->out_ipaddr);
+    clear_out_address(req->streamID);
     return 1;
   }
   const long m3 = mac_piece(mac.text, len, 6);
@@ -289,21 +280,20 @@ int qb_audio_stream_output_to_net_set(const qb_audio_output_stream_t* req) {
   return 1;
 }
 
-// ---------------------------------------------------------------------------------------------
-// Output starts
-// ---------------------------------------------------------------------------------------------
 int qb_audio_net_stream_out1_start(int ch) {
-  return start_output(__func__, FPGA_REG_ROUTE_SAO1, QB_AUDIO_CHN_NSO1, ch);
+  route_output(__func__, 0, ch);
+  qb_audio_channel_state_copy_chn(QB_AUDIO_CHN_NSO1, ch);
+  return 1;
 }
 
 int qb_audio_net_stream_out3_start(int ch) {
-  return start_output(__func__, FPGA_REG_ROUTE_SAO3, QB_AUDIO_CHN_NSO3, ch);
+  route_output(__func__, 2, ch);
+  qb_audio_channel_state_copy_chn(QB_AUDIO_CHN_NSO3, ch);
+  return 1;
 }
 
 int qb_audio_net_stream_out5_start(int ch) {
-  AM_LOG_INFO("%s ch = %d", __func__, ch);
-  qb_audio_fpga_ch_route_set(FPGA_REG_ROUTE_SAO5,
-                             static_cast<qb_u8_t>(qb_audio_channel_state_id_switch(ch)));
+  route_output(__func__, 1, ch);
   qb_audio_misc_main_ctrl_t& m = misc();
   if (ch == QB_AUDIO_CHN_SPDIF) {
     select_sao5_spdif_type(FPGA_SAO5_SPDIF_SRC_SPDIF);
@@ -342,9 +332,6 @@ int qb_audio_net_stream_out5_start(int ch) {
 int qb_audio_net_stream_out1_restart(int ch) { return out_restart(0, ch); }
 int qb_audio_net_stream_out3_restart(int ch) { return out_restart(2, ch); }
 
-// ---------------------------------------------------------------------------------------------
-// External player
-// ---------------------------------------------------------------------------------------------
 int qb_audio_net_stream_in_start(int ch, int card, int port, const char* ipaddr) {
   int channels = kDefaultPlayerChannels;
   int rate = kDefaultPlayerRate;
@@ -392,9 +379,6 @@ int qb_audio_net_stream_ipaddr_set(const void* unused) {
   return 1;
 }
 
-// ---------------------------------------------------------------------------------------------
-// Address helpers and maps
-// ---------------------------------------------------------------------------------------------
 void audio_ipaddr_create(int a, int b, int c, int d, char* buf, size_t size) {
   if (buf == nullptr || size == 0) {
     return;
@@ -423,18 +407,13 @@ int macaddr_str2hex(const char* str, qb_u8_t* hex) {
 }
 
 int qb_audio_channel_state_id_switch_netstreamsel(int ch) {
-  return map_int(kChannelToSource, sizeof kChannelToSource / sizeof kChannelToSource[0], ch,
-                 kChannelToSourceNone);
+  return map_int(kChannelToSource, ch, kChannelToSourceNone);
 }
 
 int qb_audio_netstreamsel_switch_channel_state_id(int src) {
-  return map_int(kSourceToChannel, sizeof kSourceToChannel / sizeof kSourceToChannel[0], src,
-                 kSourceToChannelDefault);
+  return map_int(kSourceToChannel, src, kSourceToChannelDefault);
 }
 
-// ---------------------------------------------------------------------------------------------
-// Accessors
-// ---------------------------------------------------------------------------------------------
 int qb_net_stream_select_get(void) { return misc_word_get(misc().net_stream_sel); }
 void qb_net_stream_select_set(int sel) { misc_word_set(misc().net_stream_sel, sel); }
 int qb_net_n_stream_select_get(int sid) {
@@ -490,9 +469,6 @@ void qb_misc_net_stream_ipaddr_copy(net_stream_ipaddr_t* out) {
   *out = misc().ipaddr;
 }
 
-// ---------------------------------------------------------------------------------------------
-// Predicates
-// ---------------------------------------------------------------------------------------------
 int is_qb_net_first_stream_select_spdif(void) { return selects(0, QB_AUDIO_SRC_SPDIF); }
 int is_qb_net_second_stream_select_spdif(void) {
   return misc_word_get(misc().spdif.spdif) == 1 ? 1 : 0;
@@ -504,7 +480,7 @@ int is_qb_net_second_stream_select_arc(void) {
 }
 int is_qb_net_third_stream_select_arc(void) { return selects(2, QB_AUDIO_SRC_EARC); }
 int audio_hdmi_streamout(void) {
-  for (int sid = 0; sid < kStreamCount; ++sid) {
+  for (int sid = 0; sid < QB_NET_STREAM_COUNT; ++sid) {
     if (selects(sid, QB_AUDIO_SRC_HDMI)) {
       return 1;
     }
@@ -560,6 +536,6 @@ void dump_misc_param(FILE* fp) {
   qb_audio_info spdif;
   qb_misc_audio_spdif_info_copy(&spdif);
   dump_channel_stat2file(fp, QB_AUDIO_CHN_SPDIF, &spdif);
-  usleep(kDumpPauseUs);
+  usleep(QB_MISC_DUMP_PAUSE_US);
   std::fprintf(fp, "\n");
 }

@@ -13,7 +13,6 @@
 #include <cstddef>
 
 #include "qb_audio_misc.h"
-#include "qb_types.h"
 
 // UDP port of the network audio streams.
 inline constexpr int QB_AUDIO_NET_PORT = 59300;

@@ -8,7 +8,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <string>
 
 #include "am_log.h"
 #include "am_platform.h"
@@ -18,75 +17,50 @@ namespace {
 constexpr const char* kMacInterface = "eth0";
 constexpr int kMacTextLen = 12;
 
-// Closes a descriptor when it goes out of scope.
-class scoped_fd {
- public:
-  explicit scoped_fd(int fd) : fd_(fd) {}
-  ~scoped_fd() {
-    if (fd_ >= 0) {
-      close(fd_);
-    }
+// Opens path in mode and moves count bytes with io(file, count). Bytes moved, or -1.
+template <typename Io>
+int with_file(const char* path, const void* data, int count, const char* mode, Io io) {
+  if (path == nullptr || data == nullptr || count <= 0) {
+    return -1;
   }
-  scoped_fd(const scoped_fd&) = delete;
-  scoped_fd& operator=(const scoped_fd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-FILE* open_file(const char* path, const char* mode) {
   FILE* fp = std::fopen(am_path(path).c_str(), mode);
   if (fp == nullptr) {
     AM_LOG_ERROR("fopen %s error!!!", path);
+    return -1;
   }
-  return fp;
+  const size_t moved = io(fp, static_cast<size_t>(count));
+  std::fclose(fp);  // flushes a write
+  return static_cast<int>(moved);
 }
 
 }  // namespace
 
 // The file and the records in it are the caller's choice; the path is a board path.
 int audio_info_to_flash(const char* path, const void* data, int count) {
-  if (path == nullptr || data == nullptr || count <= 0) {
-    return -1;
-  }
-  FILE* fp = open_file(path, "w+e");
-  if (fp == nullptr) {
-    return -1;
-  }
-  const size_t written = std::fwrite(data, 1, static_cast<size_t>(count), fp);
-  std::fflush(fp);
-  std::fclose(fp);
-  return static_cast<int>(written);
+  return with_file(path, data, count, "w+e",
+                   [data](FILE* fp, size_t n) { return std::fwrite(data, 1, n, fp); });
 }
 
 int audio_info_from_flash(const char* path, void* data, int count) {
-  if (path == nullptr || data == nullptr || count <= 0) {
-    return -1;
-  }
-  FILE* fp = open_file(path, "re");
-  if (fp == nullptr) {
-    return -1;
-  }
-  const size_t got = std::fread(data, 1, static_cast<size_t>(count), fp);
-  std::fclose(fp);
-  return static_cast<int>(got);
+  return with_file(path, data, count, "re",
+                   [data](FILE* fp, size_t n) { return std::fread(data, 1, n, fp); });
 }
 
-// The query socket is released on every path (scoped_fd).
 int get_mac(char* buf, size_t size) {
   if (buf == nullptr || size == 0) {
     return -1;
   }
-  scoped_fd sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (sock.get() < 0) {
+  const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (sock < 0) {
     AM_LOG_ERROR("socket err");
     return -1;
   }
   struct ifreq ifr;
   std::memset(&ifr, 0, sizeof ifr);
   std::strncpy(ifr.ifr_name, kMacInterface, IFNAMSIZ - 1);
-  if (ioctl(sock.get(), SIOCGIFHWADDR, &ifr) < 0) {
+  const int queried = ioctl(sock, SIOCGIFHWADDR, &ifr);
+  close(sock);
+  if (queried < 0) {
     AM_LOG_ERROR("ioctl err");
     return -1;
   }

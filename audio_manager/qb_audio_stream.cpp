@@ -69,12 +69,9 @@ constexpr net_stream_t kNetStreams[] = {
     {qb_audio_net_stream_out5_start, qb_audio_aplay_in_abort_capture5},
     {qb_audio_net_stream_out3_start, qb_audio_aplay_in_abort_capture3},
 };
-constexpr int kStreamIds = static_cast<int>(sizeof kNetStreams / sizeof kNetStreams[0]);
-
 constexpr int kBoardTxA = 1;
 
-
-bool sid_valid(int sid) { return sid >= 0 && sid < kStreamIds; }
+bool sid_valid(int sid) { return sid >= 0 && sid < QB_NET_STREAM_COUNT; }
 
 }  // namespace
 

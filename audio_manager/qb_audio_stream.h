@@ -4,9 +4,7 @@
 // accessors in qb_audio_misc_output.h.
 #pragma once
 
-#include "qb_audio_misc.h"
 #include "qb_audio_misc_output.h"
-#include "qb_types.h"
 
 // Outputs of qb_audio_stream_input_select: QB_AUDIO_OUTPUT_* (qb_audio_misc_output.h).
 
