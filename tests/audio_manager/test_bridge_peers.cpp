@@ -51,10 +51,9 @@ TEST_F(BridgeTest, PeerMessagesHaveTheirExactBytes) {
 TEST_F(BridgeTest, BridgeModeMovesTheEarcOutputBetweenSai1AndSai3) {
   struct Case { const char* name; int fallback, previous, nsi, chstat1, chstat2, chstat3, mode, nsi_after, aborted_ch; };  // aborted_ch 0: none
   const Case cases[] = {{"arc, 2ch lpcm", 2, 0, 4, 0, 2, 0, 2, 4, 0},     {"arc, 8ch lpcm", 2, 0, 4, 0, 3, 0, 2, 5, 7},
-                        {"arc, rate 8", 2, 0, 4, 1, 8, 0, 2, 5, 7},       {"arc, compressed 7", 2, 0, 4, 1, 7, 0, 2, 5, 7},
-                        {"arc, no fallback", -1, 0, 4, 0, 2, 9, 2, 4, 0}, {"arc repeated", 2, 2, 4, 0, 2, 9, 2, 4, 0},
-                        {"arc, already sai3", 2, 0, 5, 0, 2, 9, 2, 5, 0}, {"earc back to sai1", 2, 2, 5, 0, 0, 0, 1, 4, 6},
-                        {"other mode", 2, 0, 4, 0, 2, 9, 7, 4, 0}};
+                        {"arc, compressed 7", 2, 0, 4, 1, 7, 0, 2, 5, 7}, {"arc, no fallback", -1, 0, 4, 0, 2, 9, 2, 4, 0},
+                        {"arc repeated", 2, 2, 4, 0, 2, 9, 2, 4, 0},      {"arc, already sai3", 2, 0, 5, 0, 2, 9, 2, 5, 0},
+                        {"earc back to sai1", 2, 2, 5, 0, 0, 0, 1, 4, 6}, {"other mode", 2, 0, 4, 0, 2, 9, 7, 4, 0}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     qb_audio_misc_init();
@@ -82,8 +81,7 @@ TEST_F(BridgeTest, StreamSwitchersRouteRecordAndRestart) {
       {"earc", set_output_earc_stream, FPGA_REG_ROUTE_EARC_OUT, get_output_earc_stream_mode, get_output_earc_stream_actual_sid, qb_msic_net_stream_in_earc_get, true},
       {"spdif", set_output_spdif_stream, FPGA_REG_ROUTE_SPDIF_OUT, get_output_spdif_stream_mode, get_output_spdif_stream_actual_sid, qb_msic_net_stream_in_spdif_get,
        false}};
-  const int source_of_sid[] = {FPGA_SRC_SAI1, FPGA_SRC_SAI5, FPGA_SRC_SAI3};
-  const int channel_of_sid[] = {6, 8, 7};
+  const int source_of_sid[] = {FPGA_SRC_SAI1, FPGA_SRC_SAI5, FPGA_SRC_SAI3}, channel_of_sid[] = {6, 8, 7};
   for (const Output& o : outputs) {
     for (unsigned sid = 0; sid < 3; ++sid) {
       SCOPED_TRACE(testing::Message() << o.name << " sid " << sid);

@@ -12,15 +12,11 @@ qb_audio_output_stream_t out_req(int sid, int src, const char* mac) {
   return r;
 }
 
-class Stream : public RoutingTest {
- protected:
-  void SetUp() override {
-    start(3);
-    clear_aborts();
-  }
-};
+using Stream = RoutingTest;
 
-TEST_F(Stream, InputRequestsSetTheGroupOfTheirSubscription) {
+TEST_F(Stream, RequestsSetTheGroupsAndTheOutputSelection) {
+  start(3);
+  clear_aborts();
   qb_audio_input_stream_t r{};
   r.subscriptionID = 1;
   std::memcpy(r.deviceID, "0011223F0000", 12);
@@ -29,11 +25,8 @@ TEST_F(Stream, InputRequestsSetTheGroupOfTheirSubscription) {
   EXPECT_STREQ(qb_misc_net_stream_in5_ipaddr_get(), "234.63.0.0");
   r.subscriptionID = 3;
   EXPECT_EQ(qb_audio_stream_input_from_net_set(&r) + qb_audio_stream_input_from_net_set(nullptr), 0);
-}
-
-TEST_F(Stream, OutputRequestDerivesGroupAndSelects) {
-  const qb_audio_output_stream_t r = out_req(1, 1, "001122334455");
-  EXPECT_EQ(qb_audio_stream_output_to_net_set(&r) + qb_audio_stream_output_to_net_set(nullptr), 1);
+  const qb_audio_output_stream_t o = out_req(1, 1, "001122334455");
+  EXPECT_EQ(qb_audio_stream_output_to_net_set(&o) + qb_audio_stream_output_to_net_set(nullptr), 1);
   net_stream_ipaddr_t ip;
   qb_misc_net_stream_ipaddr_copy(&ip);
   EXPECT_EQ(std::string(qb_misc_net_stream_out5_ipaddr_get()) + " " + ip.sai5_out_deviceid, "234.51.68.85 001122334455");
