@@ -298,7 +298,8 @@ TEST_F(CommandWalk, PacketLossReachesTheFileAndTheControlService) {
   const std::vector<std::string> before = inheritable_fds();
   audio_loss_info_reset();
   ASSERT_EQ(set_audio_loss_info(1, 1408), 0);
-  EXPECT_EQ(audio_loss_cycle(), 1);
+  EXPECT_EQ(check_drop_status(), 1);
+  EXPECT_EQ(report_audio_drop_msg(get_audio_drop_event().c_str()), 1);
   const std::string none = "{\"bytesDropIn10\":0,\"bytesDropTotal\":0}";
   EXPECT_EQ(am_test::read_file(root.at(AUDIO_LOSS_FILE)), "{\"audioDropInfo\":{\"stream0\":" + none +
             ",\"stream1\":{\"bytesDropIn10\":1408,\"bytesDropTotal\":1408},\"stream2\":" + none + "}}");
@@ -308,7 +309,7 @@ TEST_F(CommandWalk, PacketLossReachesTheFileAndTheControlService) {
   EXPECT_NE(std::string(d.begin() + 16, d.end()).find("\"requestUrl\":\"/api/v1/details/audio/pktDrop\""), std::string::npos);
   EXPECT_EQ(inheritable_fds(), before);
   audio_loss_info_reset();
-  EXPECT_EQ(audio_loss_cycle() + report_audio_drop_msg(""), 0);  // nothing lost: the file stays, nothing sent
+  EXPECT_EQ(check_drop_status() + report_audio_drop_msg(""), 0);  // nothing lost: the file stays, nothing sent
   EXPECT_TRUE(quiet(kReportPort));
 }
 
