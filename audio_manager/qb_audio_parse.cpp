@@ -14,6 +14,7 @@
 
 #include "am_log.h"
 #include "qb_audio_main.h"
+#include "qb_audio_parse_private.h"
 #include "qb_socket.h"
 
 namespace {
@@ -43,6 +44,8 @@ constexpr qb_audio_cmd_operation_t qb_audio_cmd_table[QB_AUDIO_CMD_TABLE_ROWS] =
     {QB_AUDIO_CMD_EARC_ONLYARC, nullptr, input_earc_onlyarc_ctrl_set, nullptr},
     {0, nullptr, nullptr, nullptr},
 };
+
+qb_audio_cmd_module_t g_cmd_module;
 
 // Offset of the outer length in a message.
 constexpr int kOuterLengthOffset = 4;
@@ -127,6 +130,8 @@ void close_cmd_socket(void) {
 }
 
 }  // namespace
+
+qb_audio_cmd_module_t& qb_audio_cmd_module() { return g_cmd_module; }
 
 const qb_audio_cmd_operation_t* qb_audio_cmd_table_get(void) { return qb_audio_cmd_table; }
 

@@ -36,7 +36,7 @@ constexpr useconds_t kFromNetSettleUs = 100 * 1000;
 // The network output that carries the ARC/eARC input, and the source number of that input.
 constexpr qb_s32_t kArcStreamId = 1;
 constexpr qb_s32_t kArcSource = QB_AUDIO_SRC_EARC;
-constexpr qb_s32_t kStreamIdCount = 3;
+constexpr qb_s32_t kStreamIdCount = QB_AUDIO_NET_OUTPUTS;
 
 // Ports reported by a full status request: bits 1, 2, 3 and 5.
 constexpr int kDetailsMask = QB_REPORT_ALL_PORTS;
@@ -59,10 +59,6 @@ struct channel_info_payload_t {
   qb_audio_info info;
 };
 static_assert(sizeof(channel_info_payload_t) == 24, "24-byte channel information");
-
-// The last output-stream request applied for each network output, indexed by streamID. Touched
-// only on the command thread.
-qb_audio_output_stream_t g_stAudStream[kStreamIdCount] = {};
 
 // Reads the first 32-bit value of a payload; bytes past its end count as zero.
 qb_s32_t read_first_s32(const void* buf, int len) {
@@ -94,7 +90,7 @@ int arc_mode_for_source(qb_s32_t source) {
   if (source != kArcSource) {
     return QB_ARC_MODE_OFF;
   }
-  return qb_audio_input_earc_onlyarc_get() != 0 ? QB_ARC_MODE_ARC_ONLY : QB_ARC_MODE_ARC_EARC;
+  return qb_audio_cmd_module().g_stAudInputEarcOnlyarc != 0 ? QB_ARC_MODE_ARC_ONLY : QB_ARC_MODE_ARC_EARC;
 }
 
 // Next value of the process-wide header change counter (0x123456 instead of 0 after a wrap).
@@ -296,7 +292,7 @@ int input_src_mac_set(const void* buf, int len) {
 
 int stream_input_select_set(const void* buf, int len) {
   qb_audio_stream_input_select_t req;
-  const bool whole = qb_payload_read_partial(buf, len, &req);
+  const bool whole = qb_payload_read(buf, len, &req, QB_PAYLOAD_PARTIAL);
   AM_LOG_INFO("%s,stream input select ch[%s][%d], subid[%d] , fallback subsid[%d]", __func__,
               qb_audio_output_port_name(req.ch), req.ch, req.sid, req.fallback_sid);
   if (!whole) {
@@ -308,7 +304,7 @@ int stream_input_select_set(const void* buf, int len) {
 
 int stream_input_fallback_select_set(const void* buf, int len) {
   qb_audio_stream_input_select_t req;
-  const bool whole = qb_payload_read_partial(buf, len, &req);
+  const bool whole = qb_payload_read(buf, len, &req, QB_PAYLOAD_PARTIAL);
   AM_LOG_INFO("%s,stream input select ch[%s][%d], fullback_subid[%d]", __func__,
               qb_audio_output_port_name(req.ch), req.ch, req.fallback_sid);
   if (!whole) {
@@ -321,7 +317,7 @@ int stream_input_fromnet_set(const void* buf, int len) {
   AM_LOG_INFO("%s,stream input from net %d,%d", __func__, len,
               static_cast<int>(sizeof(qb_audio_input_stream_t)));
   qb_audio_input_stream_t req;
-  if (!qb_payload_read_exact(buf, len, &req)) {
+  if (!qb_payload_read(buf, len, &req)) {
     return 0;
   }
   qb_audio_stream_input_from_net_set(&req);
@@ -331,7 +327,7 @@ int stream_input_fromnet_set(const void* buf, int len) {
 
 int stream_output_tonet_set(const void* buf, int len) {
   qb_audio_output_stream_t req;
-  if (!qb_payload_read_exact(buf, len, &req)) {
+  if (!qb_payload_read(buf, len, &req)) {
     AM_LOG_ERROR("stream output to net param error");
     return 0;
   }
@@ -346,7 +342,7 @@ int stream_output_tonet_set(const void* buf, int len) {
     AM_LOG_INFO("stream output to net has been set");
     return 0;
   }
-  qb_audio_output_stream_t& cached = g_stAudStream[req.streamID];
+  qb_audio_output_stream_t& cached = qb_audio_cmd_module().g_stAudStream[req.streamID];
   if (same_output_request(cached, req)) {
     AM_LOG_INFO("stream output to net has been set");
     return 0;
@@ -392,7 +388,7 @@ int monitor_status_set(const void* buf, int len) {
 
 int details_audio_status_get(const void* buf, int len) {
   qb_detail_audio_status req;
-  if (!qb_payload_read_exact(buf, len, &req)) {
+  if (!qb_payload_read(buf, len, &req)) {
     AM_LOG_ERROR("%s,%d buffer NULL error\r\n", __func__, len);
     return 0;
   }
@@ -404,7 +400,7 @@ int details_audio_status_get(const void* buf, int len) {
 
 int audio_channel_info_note(const void* buf, int len) {
   channel_info_payload_t note;
-  if (!qb_payload_read_exact(buf, len, &note)) {
+  if (!qb_payload_read(buf, len, &note)) {
     return 0;
   }
   const int ch = note.ch;
