@@ -30,13 +30,13 @@ namespace {
 // The init list: started from the first row to the last, stopped from the last to the first, so
 // the routing module starts before the audio thread manager and stops after it.
 constexpr qb_init_fun_list_t global_list[] = {
-    {qb_audio_analog_init, qb_audio_analog_uninit, nullptr, nullptr},
-    {qb_audio_earc_init, qb_audio_earc_uninit, nullptr, nullptr},
-    {qb_audio_hdmi_init, qb_audio_hdmi_uninit, nullptr, nullptr},
-    {qb_audio_spdif_init, qb_audio_spdif_uninit, nullptr, nullptr},
-    {qb_audio_stream_init, qb_audio_stream_uninit, nullptr, nullptr},
-    {qb_audio_misc_init, qb_audio_misc_uninit, nullptr, nullptr},
-    {qb_audio_aplay_init, qb_audio_aplay_uninit, nullptr, nullptr},
+    {qb_audio_analog_init, qb_audio_analog_uninit},
+    {qb_audio_earc_init, qb_audio_earc_uninit},
+    {qb_audio_hdmi_init, qb_audio_hdmi_uninit},
+    {qb_audio_spdif_init, qb_audio_spdif_uninit},
+    {qb_audio_stream_init, qb_audio_stream_uninit},
+    {qb_audio_misc_init, qb_audio_misc_uninit},
+    {qb_audio_aplay_init, qb_audio_aplay_uninit},
 };
 constexpr int kGlobalListRows = static_cast<int>(sizeof(global_list) / sizeof(global_list[0]));
 static_assert(kGlobalListRows == 7, "the init list has seven rows");
@@ -46,7 +46,6 @@ constexpr int kTerminationSignals[] = {SIGTERM, SIGINT, SIGTSTP};
 
 // Analog codec start command.
 constexpr const char* kCodecStartCommand = "/customer/bin/audio_codec --start";
-constexpr size_t kCommandBufSize = 128;
 
 // Routes set on boards 1 and 3: the DSP input multiplexer "I2S_Mux_DSP_DAI1" takes
 // "HDMI-RCVR-TX", then the DAC multiplexer "I2S_Mux_PCM5122" takes "DSP-DAO1".
@@ -124,12 +123,9 @@ void install_signal_handlers(void) {
 }
 
 void start_codec(void) {
-  char command[kCommandBufSize];
-  std::memset(command, 0, sizeof(command));
-  std::snprintf(command, sizeof(command), "%s", kCodecStartCommand);
-  AM_LOG_INFO("exec cmd [%s]", command);
-  if (posix_system(command) < 0) {
-    AM_LOG_ERROR("exec cmd [%s] fail", command);
+  AM_LOG_INFO("exec cmd [%s]", kCodecStartCommand);
+  if (posix_system(kCodecStartCommand) < 0) {
+    AM_LOG_ERROR("exec cmd [%s] fail", kCodecStartCommand);
   }
 }
 

@@ -31,11 +31,6 @@ constexpr unsigned kIdleWaitMs = 1000;
 constexpr unsigned kPlaybackStartWaitMs = 300;
 // The control thread polls the S/PDIF receiver at this period.
 constexpr unsigned kControlPollMs = 100;
-constexpr int kSelectionSpdif = 2;
-constexpr int kSelectionArc = 3;
-constexpr int kSelectionHdmiDownmix = 6;
-constexpr int kRestartSpdif = 5;
-constexpr int kRestartArc = 2;
 constexpr int kHdmiCaptureGate = 1;
 
 struct playback_worker_t {
@@ -78,11 +73,6 @@ void wait_unless_stopped(unsigned ms) {
   aplay().stop_cv.wait_for(lock, std::chrono::milliseconds(ms), [] { return exiting(); });
 }
 
-// The worker's pauses, each ended early by a stop request.
-void idle_wait() { wait_unless_stopped(kIdleWaitMs); }
-void playback_start_wait() { wait_unless_stopped(kPlaybackStartWaitMs); }
-void control_poll_wait() { wait_unless_stopped(kControlPollMs); }
-
 void name_thread(const char* fmt, int index) {
   char name[kThreadNameSize];
   snprintf(name, sizeof(name), fmt, index);
@@ -102,8 +92,6 @@ const char* capture2_device() {
   return (is_qb_net_second_stream_select_spdif() || is_qb_net_second_stream_select_arc()) ? "hw:0,0" : "hw:3,0";
 }
 
-bool hdmi_input_audio_on() { return audio_hdmi_audio_on() != 0; }
-
 void* playback_worker(void* arg) {
   const int i = *static_cast<const qb_s32_t*>(arg);
   name_thread("aud_play_%d", i);
@@ -120,10 +108,10 @@ void* playback_worker(void* arg) {
   while (!exiting()) {
     const char* address = w.address();
     if (address == nullptr || address[0] == '\0') {
-      idle_wait();
+      wait_unless_stopped(kIdleWaitMs);
       continue;
     }
-    playback_start_wait();
+    wait_unless_stopped(kPlaybackStartWaitMs);
     if (exiting()) {
       break;
     }
@@ -144,22 +132,22 @@ void capture_pass(int i, qb_audio_oper_ctrl_t* ctrl, const char** device, char* 
   qb_audio_info record;
   memset(&record, 0, sizeof(record));
   if (i == 1 && is_qb_audio_output_mute_from_ch(QB_AUDIO_CHN_NSO3) == 1) {
-    idle_wait();
+    wait_unless_stopped(kIdleWaitMs);
     return;
   }
   qb_audio_channel_state_copy(w.channel, &record);
   aplay().ctid[i].store(tid);
   if (address == nullptr || address[0] == '\0' || record.Audio_On == 0) {
-    idle_wait();
+    wait_unless_stopped(kIdleWaitMs);
     const int selection = w.selection();
-    if (selection == kSelectionHdmiDownmix && audio_hdmi_streamout() == 0 && hdmi_input_audio_on() &&
-        audio_hdmi_to_fpga_mute() != 0) {
+    if (selection == QB_AUDIO_SRC_HDMI_DOWNMIX && audio_hdmi_streamout() == 0 &&
+        audio_hdmi_audio_on() != 0 && audio_hdmi_to_fpga_mute() != 0) {
       input_mute_ctrl(kHdmiCaptureGate, 0);
-      idle_wait();
+      wait_unless_stopped(kIdleWaitMs);
     }
     return;
   }
-  idle_wait();
+  wait_unless_stopped(kIdleWaitMs);
   if (exiting()) {
     return;
   }
@@ -194,11 +182,11 @@ void spdif_restart(int selection) {
   memset(&info, 0, sizeof(info));
   qb_misc_audio_spdif_info_copy(&info);
   qb_audio_channel_state_set(QB_AUDIO_CHN_SPDIF, &info);
-  if (selection == kSelectionSpdif) {
-    qb_audio_net_stream_out5_start(kRestartSpdif);
+  if (selection == QB_AUDIO_SRC_SPDIF) {
+    qb_audio_net_stream_out5_start(QB_AUDIO_CHN_SPDIF);
     AM_LOG_INFO("%s,capture spdif restart:%d", "qb_audio_aplay_spdif", selection);
   } else {
-    qb_audio_net_stream_out5_start(kRestartArc);
+    qb_audio_net_stream_out5_start(QB_AUDIO_CHN_EARC);
     AM_LOG_INFO("%s,capture arc restart:%d", "qb_audio_aplay_spdif", selection);
   }
 }
@@ -211,11 +199,11 @@ void* control_thread(void*) {
   while (!exiting()) {
     if (is_qb_misc_nxp_spdif_register_info_change() == 1) {
       const int selection = qb_net_second_stream_select_get();
-      if (selection == kSelectionSpdif || selection == kSelectionArc) {
+      if (selection == QB_AUDIO_SRC_SPDIF || selection == QB_AUDIO_SRC_EARC) {
         spdif_restart(selection);
       }
     }
-    control_poll_wait();
+    wait_unless_stopped(kControlPollMs);
   }
   AM_LOG_INFO("audio aplay ctrl thread exit");
   return nullptr;

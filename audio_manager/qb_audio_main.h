@@ -43,8 +43,8 @@ void SetLog4cppStatus(int enable);
 typedef struct qb_init_fun_list_t {
   int (*fun_init)(void);    // module start; skipped when empty; result ignored
   int (*fun_uninit)(void);  // module stop; skipped when empty; result ignored
-  void (*fun_cb)(void*);    // unused (empty in every row)
-  void* param;              // unused (empty in every row)
+  void (*fun_cb)(void*) = nullptr;  // unused (empty in every row)
+  void* param = nullptr;            // unused (empty in every row)
 } qb_init_fun_list_t;
 
 // Calls every non-empty fun_init from the first row to the last.

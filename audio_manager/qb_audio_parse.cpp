@@ -19,29 +19,36 @@
 
 namespace {
 
+// Rows of the dispatch table by the operations a command has.
+constexpr qb_audio_cmd_operation_t get_set(int id, qb_audio_cmd_fun_t get, qb_audio_cmd_fun_t set) {
+  return {id, get, set, nullptr};
+}
+constexpr qb_audio_cmd_operation_t set_only(int id, qb_audio_cmd_fun_t set) {
+  return {id, nullptr, set, nullptr};
+}
+
 // The dispatch table: commands of one message run in this row order; id 0 ends it.
 constexpr qb_audio_cmd_operation_t qb_audio_cmd_table[QB_AUDIO_CMD_TABLE_ROWS] = {
-    {QB_AUDIO_CMD_INPUT_SRC_MAC, input_src_mac_get, input_src_mac_set, nullptr},
-    {QB_AUDIO_CMD_INPUT_ANALOG_FULLSCALEVRMS, nullptr, input_analog_volume_set, nullptr},
-    {QB_AUDIO_CMD_OUTPUT_MUTE_CTRL, output_mute_ctrl_get, output_mute_ctrl_set, nullptr},
-    {QB_AUDIO_CMD_OUTPUT_LATENCY_CTRL, output_latency_ctrl_get, output_latency_ctrl_set, nullptr},
-    {QB_AUDIO_CMD_OUTPUT_SRC_SELECT, output_src_select_get, output_src_select_set, nullptr},
-    {QB_AUDIO_CMD_OUTPUT_DWM_MODE, output_dwm_mode_get, output_dwm_mode_set, nullptr},
-    {QB_AUDIO_CMD_OUTPUT_ANALOG_VOLUME, output_analog_volume_get, output_analog_volume_set, nullptr},
-    {QB_AUDIO_CMD_OUTPUT_ANALOG_FULLSCALEVRMS, output_analog_fullscalevrms_get,
-     output_analog_fullscalevrms_set, nullptr},
+    get_set(QB_AUDIO_CMD_INPUT_SRC_MAC, input_src_mac_get, input_src_mac_set),
+    set_only(QB_AUDIO_CMD_INPUT_ANALOG_FULLSCALEVRMS, input_analog_volume_set),
+    get_set(QB_AUDIO_CMD_OUTPUT_MUTE_CTRL, output_mute_ctrl_get, output_mute_ctrl_set),
+    get_set(QB_AUDIO_CMD_OUTPUT_LATENCY_CTRL, output_latency_ctrl_get, output_latency_ctrl_set),
+    get_set(QB_AUDIO_CMD_OUTPUT_SRC_SELECT, output_src_select_get, output_src_select_set),
+    get_set(QB_AUDIO_CMD_OUTPUT_DWM_MODE, output_dwm_mode_get, output_dwm_mode_set),
+    get_set(QB_AUDIO_CMD_OUTPUT_ANALOG_VOLUME, output_analog_volume_get, output_analog_volume_set),
+    get_set(QB_AUDIO_CMD_OUTPUT_ANALOG_FULLSCALEVRMS, output_analog_fullscalevrms_get,
+            output_analog_fullscalevrms_set),
     {QB_AUDIO_CMD_CHANNEL_INFO, nullptr, nullptr, audio_channel_info_note},
-    {QB_AUDIO_CMD_STREAM_INPUT_FORLOCAL, nullptr, stream_input_select_set, nullptr},
-    {QB_AUDIO_CMD_STREAM_INPUT_FROMNET, nullptr, stream_input_fromnet_set, nullptr},
-    {QB_AUDIO_CMD_STREAM_OUTPUT_TONET, nullptr, stream_output_tonet_set, nullptr},
-    {QB_AUDIO_CMD_CEC_PHY_ADDR, nullptr, cec_phyaddr_set, nullptr},
-    {QB_AUDIO_CMD_IT6621_MODE, nullptr, it6621_mode_set, nullptr},
-    {QB_AUDIO_CMD_MONITOR_STATUS, nullptr, monitor_status_set, nullptr},
-    {QB_AUDIO_CMD_STREAM_INPUT_FALLBACK_FORLOCAL, nullptr, stream_input_fallback_select_set, nullptr},
+    set_only(QB_AUDIO_CMD_STREAM_INPUT_FORLOCAL, stream_input_select_set),
+    set_only(QB_AUDIO_CMD_STREAM_INPUT_FROMNET, stream_input_fromnet_set),
+    set_only(QB_AUDIO_CMD_STREAM_OUTPUT_TONET, stream_output_tonet_set),
+    set_only(QB_AUDIO_CMD_CEC_PHY_ADDR, cec_phyaddr_set),
+    set_only(QB_AUDIO_CMD_IT6621_MODE, it6621_mode_set),
+    set_only(QB_AUDIO_CMD_MONITOR_STATUS, monitor_status_set),
+    set_only(QB_AUDIO_CMD_STREAM_INPUT_FALLBACK_FORLOCAL, stream_input_fallback_select_set),
     {QB_AUDIO_CMD_DETAILS_STATUS, details_audio_status_get, nullptr, nullptr},
-    {QB_AUDIO_CMD_EARC_ENABLE_CTRL, output_earc_enable_ctrl_get, output_earc_enable_ctrl_set,
-     nullptr},
-    {QB_AUDIO_CMD_EARC_ONLYARC, nullptr, input_earc_onlyarc_ctrl_set, nullptr},
+    get_set(QB_AUDIO_CMD_EARC_ENABLE_CTRL, output_earc_enable_ctrl_get, output_earc_enable_ctrl_set),
+    set_only(QB_AUDIO_CMD_EARC_ONLYARC, input_earc_onlyarc_ctrl_set),
     {0, nullptr, nullptr, nullptr},
 };
 

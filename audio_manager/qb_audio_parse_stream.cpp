@@ -105,19 +105,12 @@ void bump_change_counter() {
   } while (!g_s32Audio_change.compare_exchange_weak(old_value, new_value));
 }
 
+// Name of a local input channel in the update log line; channels past the DSP are "spdif".
 const char* local_channel_name(int ch) {
-  switch (ch) {
-    case QB_AUDIO_CHN_ANALOG:
-      return "analog";
-    case QB_AUDIO_CHN_EARC:
-      return "earc";
-    case QB_AUDIO_CHN_VIDEO:
-      return "video";
-    case QB_AUDIO_CHN_DSP:
-      return "dsp";
-    default:
-      return "spdif";
-  }
+  constexpr const char* kNames[] = {"analog", "earc", "video", "dsp"};
+  static_assert(QB_AUDIO_CHN_ANALOG == 1 && QB_AUDIO_CHN_DSP == 4, "channels 1-4 index the names");
+  return (ch >= QB_AUDIO_CHN_ANALOG && ch <= QB_AUDIO_CHN_DSP) ? kNames[ch - QB_AUDIO_CHN_ANALOG]
+                                                              : "spdif";
 }
 
 qb_u8_t u8(qb_s8_t v) { return static_cast<qb_u8_t>(v); }

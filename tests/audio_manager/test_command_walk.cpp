@@ -271,15 +271,6 @@ TEST_F(CommandWalk, StreamSelectionPredicates) {
   }
 }
 
-// Selections kept for the engines read back as set.
-TEST_F(CommandWalk, KeptSelectionsReadBack) {
-  const std::pair<void (*)(int), int (*)(void)> words[] = {
-      {qb_net_stream_select_set, qb_net_stream_select_get}, {qb_msic_net_spdif_out_src_set, qb_msic_net_spdif_out_src_get},
-      {qb_misc_audio_streamId_set, qb_misc_audio_streamId_get}, {qb_msic_net_stream_in_analog_set, qb_msic_net_stream_in_analog_get}};
-  for (const auto& [set, get] : words) EXPECT_EQ((set(7), get()), 7);
-  EXPECT_EQ(qb_misc_audio_info_analog_port_get(), qb_misc_audio_info_analog_port_get());
-}
-
 // Descriptors of this process without close-on-exec, which a child program would inherit.
 std::vector<std::string> inheritable_fds() {
   std::vector<std::string> out;

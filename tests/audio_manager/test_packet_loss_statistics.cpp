@@ -10,15 +10,8 @@ qb_s64_t fake_clock() { return g_now.load(); }
 
 class PacketLoss : public ::testing::Test {
  protected:
-  void SetUp() override {
-    g_now = 1000;
-    audio_loss_set_clock(fake_clock);
-    audio_loss_info_reset();
-  }
-  void TearDown() override {
-    audio_loss_set_clock(nullptr);
-    audio_loss_info_reset();
-  }
+  void SetUp() override { g_now = 1000, audio_loss_set_clock(fake_clock), audio_loss_info_reset(); }
+  void TearDown() override { audio_loss_set_clock(nullptr), audio_loss_info_reset(); }
   static AUDIO_LOSS_INFO_T info(int chn) {
     AUDIO_LOSS_INFO_T out{};
     EXPECT_EQ(audio_loss_info_get(chn, &out), 0);
