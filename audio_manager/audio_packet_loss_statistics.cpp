@@ -105,8 +105,8 @@ bool ensure_report_socket(void) {
   }
   std::memset(&g_loss.g_reportaddr, 0, sizeof(g_loss.g_reportaddr));
   g_loss.g_reportaddr.sin_family = AF_INET;
-  g_loss.g_reportaddr.sin_port = htons(AUDIO_LOSS_REPORT_PORT);
-  inet_pton(AF_INET, AUDIO_LOSS_REPORT_ADDRESS, &g_loss.g_reportaddr.sin_addr);
+  g_loss.g_reportaddr.sin_port = htons(QB_REPORT_PORT);  // cmd_core
+  inet_pton(AF_INET, QB_REPORT_ADDRESS, &g_loss.g_reportaddr.sin_addr);
   return true;
 }
 
@@ -233,7 +233,7 @@ int report_audio_drop_msg(const char* text) {
   if (!ensure_report_socket()) {
     return 0;
   }
-  AM_LOG_INFO("Send Msg To cmd_core port:[%d]-[%s]", AUDIO_LOSS_REPORT_PORT, text);
+  AM_LOG_INFO("Send Msg To cmd_core port:[%d]-[%s]", QB_REPORT_PORT, text);
   tlv_box_t* inner = tlv_box_create();
   tlv_box_t* outer = tlv_box_create();
   bool serialized = false;

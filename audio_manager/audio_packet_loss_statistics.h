@@ -20,9 +20,6 @@ inline constexpr unsigned AUDIO_LOSS_CHECK_PERIOD_S = 10;
 
 inline constexpr const char* AUDIO_LOSS_TMP_FILE = "/tmp/pktdrop.json.tmp";
 inline constexpr const char* AUDIO_LOSS_LOCK_FILE = "/tmp/pktdrop.lock";
-// Where the drop event goes (cmd_core).
-inline constexpr const char* AUDIO_LOSS_REPORT_ADDRESS = QB_REPORT_ADDRESS;
-inline constexpr int AUDIO_LOSS_REPORT_PORT = QB_REPORT_PORT;
 
 // The loss of one second.
 typedef struct LOSS_INFO_T {

@@ -33,23 +33,20 @@ constexpr unsigned kPlaybackStartWaitMs = 300;
 constexpr unsigned kControlPollMs = 100;
 constexpr int kHdmiCaptureGate = 1;
 
-struct playback_worker_t {
-  const char* device;
-  char* (*address)(void);
-};
-constexpr playback_worker_t kPlaybackWorkers[QB_AUDIO_APLAY_WORKERS] = {
-    {"hw:1,0", qb_misc_net_stream_in1_ipaddr_get},
-    {"hw:2,0", qb_misc_net_stream_in3_ipaddr_get},
-    {"hw:3,0", qb_misc_net_stream_in5_ipaddr_get},
-};
-
-struct capture_worker_t {
+// One worker: its device, the address getter of its network stream, its channel record and, for
+// capture, the selection of its network stream.
+struct worker_t {
   const char* device;
   char* (*address)(void);
   int channel;
   int (*selection)(void);
 };
-constexpr capture_worker_t kCaptureWorkers[QB_AUDIO_APLAY_WORKERS] = {
+constexpr worker_t kPlaybackWorkers[QB_AUDIO_APLAY_WORKERS] = {
+    {"hw:1,0", qb_misc_net_stream_in1_ipaddr_get, QB_AUDIO_CHN_NSI1, nullptr},
+    {"hw:2,0", qb_misc_net_stream_in3_ipaddr_get, QB_AUDIO_CHN_NSI3, nullptr},
+    {"hw:3,0", qb_misc_net_stream_in5_ipaddr_get, QB_AUDIO_CHN_NSI5, nullptr},
+};
+constexpr worker_t kCaptureWorkers[QB_AUDIO_APLAY_WORKERS] = {
     {"hw:1,0", qb_misc_net_stream_out1_ipaddr_get, QB_AUDIO_CHN_NSO1, qb_net_first_stream_select_get},
     {"hw:2,0", qb_misc_net_stream_out3_ipaddr_get, QB_AUDIO_CHN_NSO3, qb_net_third_stream_select_get},
     {"hw:3,0", qb_misc_net_stream_out5_ipaddr_get, QB_AUDIO_CHN_NSO5, qb_net_second_stream_select_get},
@@ -99,7 +96,7 @@ void* playback_worker(void* arg) {
     AM_LOG_ERROR("sel:%d err", i);
     return nullptr;
   }
-  const playback_worker_t& w = kPlaybackWorkers[i];
+  const worker_t& w = kPlaybackWorkers[i];
   qb_audio_oper_ctrl_t* ctrl = &aplay().pctrl[i];
   const long tid = kernel_tid();
   AM_LOG_INFO("audio playback %d task thread id %ld,%s,%s!!!!", i, tid, w.device, w.address());
@@ -124,7 +121,7 @@ void* playback_worker(void* arg) {
 
 // One pass of a capture worker: an idle wait, or one capture run.
 void capture_pass(int i, qb_audio_oper_ctrl_t* ctrl, const char** device, char* addr, long tid) {
-  const capture_worker_t& w = kCaptureWorkers[i];
+  const worker_t& w = kCaptureWorkers[i];
   if (i == 2) {
     *device = capture2_device();
   }

@@ -24,6 +24,10 @@
 
 namespace {
 
+// FPGA matrix bus and device.
+constexpr const char* QB_DEBUG_FPGA_BUS = "/dev/i2c-2";
+constexpr qb_u8_t QB_DEBUG_FPGA_ADDR = 0x48;
+
 // A read of the pipe returns at most this many bytes; the buffer keeps one more for the NUL.
 constexpr size_t kRequestMax = 1024;
 // Pause after a failed pipe read, and between attempts to create or open the pipe.
@@ -76,22 +80,6 @@ constexpr fpga_input_t kFpgaInputs[] = {
     {0x59, "[0x59][i.MX8-SAI1-TX] --> [fpga] mute:%d\n", false},
     {0x5A, "[0x5A][i.MX8-SAI3-TX] --> [fpga] mute:%d\n", false},
     {0x5B, "[0x5B][i.MX8-SAI5-TX] --> [fpga] mute:%d\n", true},
-};
-
-// Request words and the sections each asks for; "dump"/"d0" is the full dump.
-struct request_word_t {
-  const char* prefix;
-  unsigned sections;
-};
-constexpr unsigned kFullDump = QB_DEBUG_SECTION_ROUTING | QB_DEBUG_SECTION_CAPTURE |
-                               QB_DEBUG_SECTION_PLAYBACK | QB_DEBUG_SECTION_FPGA |
-                               QB_DEBUG_SECTION_GENLOCK;
-constexpr request_word_t kSingleSections[] = {
-    {"d1", QB_DEBUG_SECTION_ROUTING},
-    {"d2", QB_DEBUG_SECTION_CAPTURE},
-    {"d3", QB_DEBUG_SECTION_PLAYBACK},
-    {"d4", QB_DEBUG_SECTION_FPGA},
-    {"d5", QB_DEBUG_SECTION_GENLOCK},
 };
 
 bool begins_with(const char* text, const char* prefix) {
@@ -174,22 +162,26 @@ void dump_capture_inputs(FILE* file, int fd) {
   }
 }
 
-void write_sections(FILE* file, unsigned sections) {
-  if ((sections & kFullDump) == kFullDump) {
-    dump_misc_param(file);
-    dump_aplay_param(file);
-    dump_fpga_status(file);
-    qb_si5351_dump(file);
-    return;
-  }
-  if (sections & QB_DEBUG_SECTION_ROUTING) dump_misc_param(file);
-  if (sections & QB_DEBUG_SECTION_CAPTURE) dump_capture_param(file);
-  if (sections & QB_DEBUG_SECTION_PLAYBACK) dump_playback_param(file);
-  if (sections & QB_DEBUG_SECTION_FPGA) dump_fpga_status(file);
-  if (sections & QB_DEBUG_SECTION_GENLOCK) qb_si5351_dump(file);
+// The full dump: routing, both engine kinds, the FPGA matrix and the clock generator.
+void dump_all(FILE* file) {
+  dump_misc_param(file);
+  dump_aplay_param(file);
+  dump_fpga_status(file);
+  qb_si5351_dump(file);
 }
 
-void dump_to_file(unsigned sections) {
+// Request words and the dump each writes.
+struct request_word_t {
+  const char* prefix;
+  void (*dump)(FILE* file);
+};
+constexpr request_word_t kRequestWords[] = {
+    {"dump", dump_all},          {"d0", dump_all},           {"d1", dump_misc_param},
+    {"d2", dump_capture_param},  {"d3", dump_playback_param}, {"d4", dump_fpga_status},
+    {"d5", qb_si5351_dump},
+};
+
+void dump_to_file(void (*dump)(FILE* file)) {
   const std::string path = am_path(QB_DEBUG_DUMP_FILE);
   FILE* file = std::fopen(path.c_str(), "we");
   // a dump file that cannot be opened skips the dump; nothing is closed that was never opened
@@ -197,7 +189,7 @@ void dump_to_file(unsigned sections) {
     AM_LOG_ERROR("open %s fail, errno %d:%s", path.c_str(), errno, std::strerror(errno));
     return;
   }
-  write_sections(file, sections);
+  dump(file);
   std::fclose(file);
 }
 
@@ -254,12 +246,9 @@ void dump_fpga_status(FILE* file) {
 
 void qb_debug_serve_request(const char* text) {
   run_marker_command("rm");
-  if (begins_with(text, "dump") || begins_with(text, "d0")) {
-    dump_to_file(kFullDump);
-  }
-  for (const request_word_t& word : kSingleSections) {
+  for (const request_word_t& word : kRequestWords) {
     if (begins_with(text, word.prefix)) {
-      dump_to_file(word.sections);
+      dump_to_file(word.dump);
     }
   }
   run_marker_command("touch");

@@ -36,10 +36,10 @@ constexpr const char* kCodecFullScaleCmd = "/customer/bin/audio_codec -f %d";
 constexpr size_t kCodecCmdSize = 128;
 
 // Output port numbers of the commands.
-constexpr qb_u32_t kPortAnalog = 0;
-constexpr qb_u32_t kPortHdmi = 1;
-constexpr qb_u32_t kPortSpdif = 2;
-constexpr qb_u32_t kPortEarc = 3;
+constexpr qb_u32_t kPortAnalog = QB_AUDIO_OUTPUT_ANALOG;
+constexpr qb_u32_t kPortHdmi = QB_AUDIO_OUTPUT_HDMI;
+constexpr qb_u32_t kPortSpdif = QB_AUDIO_OUTPUT_SPDIF;
+constexpr qb_u32_t kPortEarc = QB_AUDIO_OUTPUT_EARC;
 constexpr qb_u32_t kPortDsp = 5;
 
 // A mute value of 1 mutes; anything else unmutes.
@@ -89,9 +89,6 @@ constexpr port_row_t kPorts[] = {
      qb_audio_earc_output_src_select, " ; "},
     {kPortDsp, "dsp", "dsp", dsp_output_mute, dsp_output_unmute, kNoLatency, nullptr, nullptr},
 };
-static_assert(kPortAnalog == QB_AUDIO_OUTPUT_ANALOG && kPortHdmi == QB_AUDIO_OUTPUT_HDMI &&
-                  kPortSpdif == QB_AUDIO_OUTPUT_SPDIF && kPortEarc == QB_AUDIO_OUTPUT_EARC,
-              "port numbers index the output tables");
 
 const port_row_t* port_row(qb_u32_t port) {
   for (const port_row_t& row : kPorts) {

@@ -33,20 +33,11 @@ constexpr int kMacLogMax = 1024;
 // Pause after an input-from-network request, letting the playback worker pick up the address.
 constexpr useconds_t kFromNetSettleUs = 100 * 1000;
 
-// The network output that carries the ARC/eARC input, and the source number of that input.
+// The network output that carries the ARC/eARC input.
 constexpr qb_s32_t kArcStreamId = 1;
-constexpr qb_s32_t kArcSource = QB_AUDIO_SRC_EARC;
 constexpr qb_s32_t kStreamIdCount = QB_AUDIO_NET_OUTPUTS;
-
-// Ports reported by a full status request: bits 1, 2, 3 and 5.
-constexpr int kDetailsMask = QB_REPORT_ALL_PORTS;
+// Payload size of a full status request, in its log line.
 constexpr int kDetailsPayload = 4;
-
-// Network stream selection value of the HDMI input and of the HDMI input through the DSP downmix.
-constexpr int kSelHdmi = QB_AUDIO_SRC_HDMI;
-constexpr int kSelHdmiDownmix = QB_AUDIO_SRC_HDMI_DOWNMIX;
-// Restart argument for the downmixed HDMI input: the DSP channel.
-constexpr int kDownmixRestartChannel = QB_AUDIO_CHN_DSP;
 // Report mask of a DSP change: the video channel.
 constexpr int kDspReportMask = 1 << QB_AUDIO_CHN_VIDEO;
 
@@ -62,21 +53,9 @@ static_assert(sizeof(channel_info_payload_t) == 24, "24-byte channel information
 
 // Reads the first 32-bit value of a payload; bytes past its end count as zero.
 qb_s32_t read_first_s32(const void* buf, int len) {
-  qb_s32_t value = 0;
-  if (buf != nullptr && len > 0) {
-    std::memcpy(&value, buf, static_cast<size_t>(std::min<int>(len, sizeof(value))));
-  }
+  qb_s32_t value;
+  (void)qb_payload_read(buf, len, &value, QB_PAYLOAD_PARTIAL);
   return value;
-}
-
-// A 16-character MAC field as a terminated text.
-struct mac_text_t {
-  char text[QB_AUDIO_MAC_TEXT_SIZE + 1];
-};
-mac_text_t mac_text(const char (&field)[QB_AUDIO_MAC_TEXT_SIZE]) {
-  mac_text_t out{};
-  std::memcpy(out.text, field, QB_AUDIO_MAC_TEXT_SIZE);
-  return out;
 }
 
 bool same_output_request(const qb_audio_output_stream_t& cached,
@@ -87,10 +66,11 @@ bool same_output_request(const qb_audio_output_stream_t& cached,
 
 // ARC mode for the IT6620 service from an output request on the ARC stream.
 int arc_mode_for_source(qb_s32_t source) {
-  if (source != kArcSource) {
+  if (source != QB_AUDIO_SRC_EARC) {
     return QB_ARC_MODE_OFF;
   }
-  return qb_audio_cmd_module().g_stAudInputEarcOnlyarc != 0 ? QB_ARC_MODE_ARC_ONLY : QB_ARC_MODE_ARC_EARC;
+  const bool only_arc = qb_audio_cmd_module().g_stAudInputEarcOnlyarc != 0;
+  return only_arc ? QB_ARC_MODE_ARC_ONLY : QB_ARC_MODE_ARC_EARC;
 }
 
 // Next value of the process-wide header change counter (0x123456 instead of 0 after a wrap).
@@ -148,7 +128,7 @@ void spread_dsp_code(const qb_audio_info& dsp) {
   }
   qb_audio_channel_state_byte_set(QB_AUDIO_CHN_VIDEO, QB_AUDIO_INFO_AUD_DB0, dsp.AUD_DB[0]);
   for (int sid = 0; sid < kStreamIdCount; ++sid) {
-    if (qb_net_n_stream_select_get(sid) == kSelHdmi) {
+    if (qb_net_n_stream_select_get(sid) == QB_AUDIO_SRC_HDMI) {
       qb_audio_channel_state_byte_set(kNetOutputs[sid].channel, QB_AUDIO_INFO_AUD_DB0,
                                       dsp.AUD_DB[0]);
     }
@@ -239,7 +219,7 @@ int note_local_input(int ch, qb_audio_info info) {
               qb_net_second_stream_select_get());
   restart_outputs_of(sel, ch);
   if (ch == QB_AUDIO_CHN_VIDEO) {
-    restart_outputs_of(kSelHdmiDownmix, kDownmixRestartChannel);
+    restart_outputs_of(QB_AUDIO_SRC_HDMI_DOWNMIX, QB_AUDIO_CHN_DSP);
     reapply_analog_hdmi();
   }
   return mask;
@@ -324,9 +304,8 @@ int stream_output_tonet_set(const void* buf, int len) {
     AM_LOG_ERROR("stream output to net param error");
     return 0;
   }
-  const mac_text_t mac = mac_text(req.vaxoMac);
-  AM_LOG_INFO("%s,stream output to net buflen:%d ,source = %d ,streamID = %d, vaxoMac=%s",
-              __func__, len, req.source, req.streamID, mac.text);
+  AM_LOG_INFO("%s,stream output to net buflen:%d ,source = %d ,streamID = %d, vaxoMac=%.*s",
+              __func__, len, req.source, req.streamID, QB_AUDIO_MAC_TEXT_SIZE, req.vaxoMac);
   if (req.streamID == kArcStreamId) {
     arc_on_off_ctrl(arc_mode_for_source(req.source));
   }
@@ -340,9 +319,7 @@ int stream_output_tonet_set(const void* buf, int len) {
     AM_LOG_INFO("stream output to net has been set");
     return 0;
   }
-  cached.streamID = req.streamID;
-  cached.source = req.source;
-  std::memcpy(cached.vaxoMac, req.vaxoMac, QB_AUDIO_MAC_TEXT_SIZE);
+  cached = req;
   return qb_audio_stream_output_to_net_set(&req);
 }
 
@@ -385,8 +362,8 @@ int details_audio_status_get(const void* buf, int len) {
     AM_LOG_ERROR("%s,%d buffer NULL error\r\n", __func__, len);
     return 0;
   }
-  set_update_chs(kDetailsMask);
-  reportDetailsAudioStatus(kDetailsMask);
+  set_update_chs(QB_REPORT_ALL_PORTS);
+  reportDetailsAudioStatus(QB_REPORT_ALL_PORTS);
   AM_LOG_INFO("%s,%d chs[%x]\n", __func__, kDetailsPayload, static_cast<unsigned>(req.chs));
   return 1;
 }

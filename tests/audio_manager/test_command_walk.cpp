@@ -257,20 +257,6 @@ TEST_F(CommandWalk, AnalogRoutesAndPlayerCommands) {
                                              "-Dhw:3,0 -r 48000 -f S24_LE -c 2" + to + "2 --group"}));
 }
 
-// What the capture engines ask of the network stream selections.
-TEST_F(CommandWalk, StreamSelectionPredicates) {
-  struct Row { int first, second, third; const char* expected; };  // spdif 1, spdif 3, arc 1, arc 3, hdmi
-  const Row rows[] = {{QB_AUDIO_SRC_SPDIF, 0, QB_AUDIO_SRC_SPDIF, "11000"}, {QB_AUDIO_SRC_EARC, 0, QB_AUDIO_SRC_EARC, "00110"},
-                      {0, QB_AUDIO_SRC_HDMI, 0, "00001"}, {0, 0, QB_AUDIO_SRC_HDMI, "00001"}, {0, 0, 0, "00000"}};
-  for (const Row& r : rows) {
-    qb_net_first_stream_select_set(r.first), qb_net_second_stream_select_set(r.second), qb_net_third_stream_select_set(r.third);
-    std::string got;
-    for (int (*p)(void) : {is_qb_net_first_stream_select_spdif, is_qb_net_third_stream_select_spdif, is_qb_net_first_stream_select_arc,
-                           is_qb_net_third_stream_select_arc, audio_hdmi_streamout}) got += static_cast<char>('0' + p());
-    EXPECT_EQ(got, r.expected) << r.first << r.second << r.third;
-  }
-}
-
 // Descriptors of this process without close-on-exec, which a child program would inherit.
 std::vector<std::string> inheritable_fds() {
   std::vector<std::string> out;
