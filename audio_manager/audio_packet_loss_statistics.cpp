@@ -25,8 +25,8 @@
 namespace {
 
 // The module's state. The stream records are written by the receiver threads and read by the main
-// loop: every access holds `lock`, and the check sums a stream under the lock and formats outside
-// it. The report socket is the main loop's alone: -1 until first used.
+// loop: every access holds `lock`; the check copies a stream under the lock and sums the copy.
+// The report socket is the main loop's alone: -1 until first used.
 struct audio_loss_module_t {
   std::mutex lock;
   AUDIO_LOSS_INFO_T stAudioLossInfo[AUDIO_LOSS_STREAMS];
@@ -180,13 +180,12 @@ int check_drop_status(void) {
   qb_u64_t in10[AUDIO_LOSS_STREAMS];
   qb_u64_t total[AUDIO_LOSS_STREAMS];
   bool any_loss = false;
-  {
-    std::lock_guard<std::mutex> lock(g_loss.lock);
-    for (int i = 0; i < AUDIO_LOSS_STREAMS; ++i) {
-      in10[i] = window_bytes(g_loss.stAudioLossInfo[i], now);
-      total[i] = g_loss.stAudioLossInfo[i].lossBytesTotal;
-      any_loss = any_loss || in10[i] != 0;
-    }
+  for (int i = 0; i < AUDIO_LOSS_STREAMS; ++i) {
+    AUDIO_LOSS_INFO_T info;
+    (void)audio_loss_info_get(i, &info);  // copied under the lock, summed outside it
+    in10[i] = window_bytes(info, now);
+    total[i] = info.lossBytesTotal;
+    any_loss = any_loss || in10[i] != 0;
   }
   if (file_exists && !any_loss) {
     return 0;

@@ -16,42 +16,39 @@ CAudioBuf::CAudioBuf(int size, int count) {
   if (m_arrBuf == nullptr) {
     return;
   }
-  for (int i = 0; i < count; ++i) {
-    AUD_BUF_T* slot = static_cast<AUD_BUF_T*>(calloc(1, sizeof(AUD_BUF_T)));
+  m_s32Count = static_cast<size_t>(count);
+  for (size_t i = 0; i < m_s32Count; ++i) {
+    m_arrBuf[i] = static_cast<AUD_BUF_T*>(calloc(1, sizeof(AUD_BUF_T)));
     char* storage = static_cast<char*>(calloc(1, static_cast<size_t>(size)));
-    if (slot == nullptr || storage == nullptr) {
-      free(slot);
+    if (m_arrBuf[i] == nullptr || storage == nullptr) {
       free(storage);
-      for (int j = 0; j < i; ++j) {
-        free(m_arrBuf[j]->buf);
-        free(m_arrBuf[j]);
-      }
-      free(m_arrBuf);
-      m_arrBuf = nullptr;
+      release();  // a ring without all its storage is no ring
       return;
     }
-    slot->buf = storage;
-    slot->buf_size = size;
-    m_arrBuf[i] = slot;
+    m_arrBuf[i]->buf = storage;
+    m_arrBuf[i]->buf_size = size;
   }
   m_s32Size = static_cast<size_t>(size);
-  m_s32Count = static_cast<size_t>(count);
 }
 
 CAudioBuf::~CAudioBuf() {
-  if (m_arrBuf != nullptr) {
-    for (size_t i = 0; i < m_s32Count; ++i) {
+  release();
+  pthread_mutex_destroy(&m_muxRead);
+}
+
+void CAudioBuf::release() {
+  for (size_t i = 0; m_arrBuf != nullptr && i < m_s32Count; ++i) {
+    if (m_arrBuf[i] != nullptr) {
       free(m_arrBuf[i]->buf);
       free(m_arrBuf[i]);
     }
-    free(m_arrBuf);
-    m_arrBuf = nullptr;
   }
+  free(m_arrBuf);
+  m_arrBuf = nullptr;
   m_s32RIdx = 0;
   m_s32WIdx = 0;
   m_s32Size = 0;
   m_s32Count = 0;
-  pthread_mutex_destroy(&m_muxRead);
 }
 
 int CAudioBuf::get_buf_size() const {

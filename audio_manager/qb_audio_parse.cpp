@@ -54,6 +54,8 @@ constexpr qb_audio_cmd_operation_t qb_audio_cmd_table[QB_AUDIO_CMD_TABLE_ROWS] =
 
 qb_audio_cmd_module_t g_cmd_module;
 
+// Time-out of one wait of the command thread.
+constexpr int QB_AUDIO_CMD_SELECT_TIMEOUT_MS = 1000;
 // Offset of the outer length in a message.
 constexpr int kOuterLengthOffset = 4;
 // Without a usable socket the wait fails at once: the loop pauses as long as one wait would last.
