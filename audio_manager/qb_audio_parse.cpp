@@ -14,7 +14,6 @@
 
 #include "am_log.h"
 #include "qb_audio_main.h"
-#include "qb_audio_parse_private.h"
 #include "qb_socket.h"
 
 namespace {
@@ -51,8 +50,6 @@ constexpr qb_audio_cmd_operation_t qb_audio_cmd_table[QB_AUDIO_CMD_TABLE_ROWS] =
     set_only(QB_AUDIO_CMD_EARC_ONLYARC, input_earc_onlyarc_ctrl_set),
     {0, nullptr, nullptr, nullptr},
 };
-
-qb_audio_cmd_module_t g_cmd_module;
 
 // Time-out of one wait of the command thread.
 constexpr int QB_AUDIO_CMD_SELECT_TIMEOUT_MS = 1000;
@@ -139,8 +136,6 @@ void close_cmd_socket(void) {
 }
 
 }  // namespace
-
-qb_audio_cmd_module_t& qb_audio_cmd_module() { return g_cmd_module; }
 
 const qb_audio_cmd_operation_t* qb_audio_cmd_table_get(void) { return qb_audio_cmd_table; }
 

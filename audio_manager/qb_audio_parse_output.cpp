@@ -58,6 +58,8 @@ constexpr qb_u32_t kLatencyHighMask = 0x7F;
 // The eARC enable request: enable 1 switches the output on.
 constexpr qb_u32_t kEarcEnableOn = 1;
 
+qb_audio_cmd_module_t g_cmd_module;
+
 void fpga_write_byte(qb_u8_t reg, qb_u8_t value) {
   (void)I2C_Device_Write(kFpgaI2cBus, kFpgaI2cAddr, reg, &value, 1);
 }
@@ -123,6 +125,8 @@ void send_arc_mode(qb_s32_t outer_type, int mode) {
 }
 
 }  // namespace
+
+qb_audio_cmd_module_t& qb_audio_cmd_module() { return g_cmd_module; }
 
 const char* qb_audio_output_port_name(qb_u32_t ch) {
   static constexpr const char* kNames[] = {"analog", "hdmi", "spdif", "earc", "stream", "dsp"};
