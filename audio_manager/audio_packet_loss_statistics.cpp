@@ -103,7 +103,7 @@ bool ensure_report_socket(void) {
     AM_LOG_ERROR("Creat Async Report Socket Error!!!");
     return false;
   }
-  std::memset(&g_loss.g_reportaddr, 0, sizeof(g_loss.g_reportaddr));
+  g_loss.g_reportaddr = {};
   g_loss.g_reportaddr.sin_family = AF_INET;
   g_loss.g_reportaddr.sin_port = htons(QB_REPORT_PORT);  // cmd_core
   inet_pton(AF_INET, QB_REPORT_ADDRESS, &g_loss.g_reportaddr.sin_addr);

@@ -60,19 +60,21 @@ constexpr fpga_reg_write_t kDspBoardRoutes[] = {{0x17, 0x03}, {0x11, 0x08}};
 // Seconds slept should the statistics loop ever return.
 constexpr unsigned kLossLoopRestartSleepS = 10000;
 
-// Held by start-up while it walks the init list, so that a signal during start-up stops the
-// modules only once they have all been started.
-std::mutex g_init_walk_mutex;
-
-// The termination signal handler only writes one byte into this pipe; the shutdown thread reads
-// it and runs the shutdown steps on a normal thread.
-int g_shutdown_pipe[2] = {-1, -1};
+// The program's state. Start-up holds init_walk_mutex while it walks the init list, so that a
+// signal during start-up stops the modules only once they have all been started. The termination
+// signal handler only writes one byte into shutdown_pipe; the shutdown thread reads it and runs
+// the shutdown steps on a normal thread.
+struct main_state_t {
+  std::mutex init_walk_mutex;
+  int shutdown_pipe[2] = {-1, -1};
+};
+main_state_t g_main;
 
 // The handler installed for SIGTERM, SIGINT and SIGTSTP.
 void exit_main(int signo) {
   const int saved_errno = errno;
   const char byte = static_cast<char>(signo);
-  (void)!write(g_shutdown_pipe[1], &byte, 1);  // the pipe is non-blocking: never waits here
+  (void)!write(g_main.shutdown_pipe[1], &byte, 1);  // the pipe is non-blocking: never waits here
   errno = saved_errno;
 }
 
@@ -82,7 +84,7 @@ void exit_main(int signo) {
 void* shutdown_task(void*) {
   char byte = 0;
   for (;;) {
-    const ssize_t n = read(g_shutdown_pipe[0], &byte, 1);
+    const ssize_t n = read(g_main.shutdown_pipe[0], &byte, 1);
     if (n == 1) {
       break;
     }
@@ -91,7 +93,7 @@ void* shutdown_task(void*) {
     }
   }
   am_notify_stopping();
-  std::lock_guard<std::mutex> init_done(g_init_walk_mutex);
+  std::lock_guard<std::mutex> init_done(g_main.init_walk_mutex);
   if (qb_audio_shutdown_steps(global_list, kGlobalListRows) == 1) {
     std::cout.flush();
     std::fflush(nullptr);
@@ -102,11 +104,11 @@ void* shutdown_task(void*) {
 
 // Creates the signal pipe and the thread that serves it. False when either fails.
 bool start_shutdown_thread(void) {
-  if (pipe2(g_shutdown_pipe, O_CLOEXEC) != 0) {
+  if (pipe2(g_main.shutdown_pipe, O_CLOEXEC) != 0) {
     AM_LOG_ERROR("create shutdown pipe err:%s", std::strerror(errno));
     return false;
   }
-  (void)fcntl(g_shutdown_pipe[1], F_SETFL, O_NONBLOCK);
+  (void)fcntl(g_main.shutdown_pipe[1], F_SETFL, O_NONBLOCK);
   pthread_t tid;
   if (pthread_create(&tid, nullptr, shutdown_task, nullptr) != 0) {
     AM_LOG_ERROR("create shutdown thread err");
@@ -160,7 +162,7 @@ int main(int argc, char* argv[]) {
   audio_unmute_all();
   set_board_routes(board_id);
   {
-    std::lock_guard<std::mutex> walking(g_init_walk_mutex);
+    std::lock_guard<std::mutex> walking(g_main.init_walk_mutex);
     qb_init_list_start(global_list, kGlobalListRows);
   }
   AM_LOG_INFO("audio manager init done");

@@ -126,8 +126,7 @@ void capture_pass(int i, qb_audio_oper_ctrl_t* ctrl, const char** device, char* 
     *device = capture2_device();
   }
   const char* address = w.address();
-  qb_audio_info record;
-  memset(&record, 0, sizeof(record));
+  qb_audio_info record{};
   if (i == 1 && is_qb_audio_output_mute_from_ch(QB_AUDIO_CHN_NSO3) == 1) {
     wait_unless_stopped(kIdleWaitMs);
     return;
@@ -165,8 +164,7 @@ void* capture_worker(void* arg) {
   }
   qb_audio_oper_ctrl_t* ctrl = &aplay().cctrl[i];
   const char* device = kCaptureWorkers[i].device;
-  char addr[kAddrSize];
-  memset(addr, 0, sizeof(addr));
+  char addr[kAddrSize] = {};
   while (!exiting()) {
     capture_pass(i, ctrl, &device, addr, tid);
   }
@@ -175,8 +173,7 @@ void* capture_worker(void* arg) {
 }
 
 void spdif_restart(int selection) {
-  qb_audio_info info;
-  memset(&info, 0, sizeof(info));
+  qb_audio_info info{};
   qb_misc_audio_spdif_info_copy(&info);
   qb_audio_channel_state_set(QB_AUDIO_CHN_SPDIF, &info);
   if (selection == QB_AUDIO_SRC_SPDIF) {

@@ -188,10 +188,8 @@ void audio_recv_data_proc(const qb_u8_t* message, int received) {
 }
 
 int audio_proc(void) {
-  qb_u8_t buffer[QB_AUDIO_CMD_BUF_SIZE];
-  std::memset(buffer, 0, sizeof(buffer));
-  struct sockaddr_in from;
-  std::memset(&from, 0, sizeof(from));
+  qb_u8_t buffer[QB_AUDIO_CMD_BUF_SIZE] = {};
+  struct sockaddr_in from = {};
   socklen_t from_len = sizeof(from);
   const int fd = audio_cmd_fd_get();
   errno = 0;

@@ -108,8 +108,7 @@ void latency_write(const port_row_t& row, qb_u8_t reg, qb_u8_t value) {
 
 // Runs one codec command built from a format and a value. 1, or 0 when the shell failed.
 int run_codec(const char* handler, const char* format, int value) {
-  char command[kCodecCmdSize];
-  std::memset(command, 0, sizeof(command));
+  char command[kCodecCmdSize] = {};
   std::snprintf(command, sizeof(command), format, value);
   if (posix_system(command) < 0) {
     AM_LOG_ERROR("%s, system[%s] fail", handler, command);
