@@ -175,19 +175,9 @@ void restart_outputs_of(int sel, int arg) {
   }
 }
 
-// A network input's expected format: stored when it differs, the playback run restarts.
-void note_network_input(int ch, const qb_audio_info& info) {
-  qb_audio_info old{};
-  const bool have_old = qb_audio_channel_state_copy(ch, &old) == 1;
-  if (have_old && std::memcmp(&old, &info, sizeof(info)) == 0) {
-    return;
-  }
-  if (qb_audio_channel_state_set(ch, &info) == 1) {
-    qb_audio_aplay_info_change_set(ch);
-  }
-}
-
-bool local_input_unchanged(int ch, const qb_audio_info& info) {
+// Whether a note brings nothing new for the channel: the stored record is the same byte for byte
+// (for the HDMI input: the same format).
+bool record_unchanged(int ch, const qb_audio_info& info) {
   qb_audio_info old{};
   if (qb_audio_channel_state_copy(ch, &old) != 1) {
     return false;
@@ -196,6 +186,13 @@ bool local_input_unchanged(int ch, const qb_audio_info& info) {
     return cmp_aiinfo(&info, &old) == 0;
   }
   return std::memcmp(&old, &info, sizeof(info)) == 0;
+}
+
+// A network input's expected format: stored when it differs, the playback run restarts.
+void note_network_input(int ch, const qb_audio_info& info) {
+  if (!record_unchanged(ch, info) && qb_audio_channel_state_set(ch, &info) == 1) {
+    qb_audio_aplay_info_change_set(ch);
+  }
 }
 
 // Stores a changed local input and restarts what captures it. Returns the report mask.
@@ -384,7 +381,7 @@ int audio_channel_info_note(const void* buf, int len) {
     return 0;
   }
   int mask = 0;
-  if (!local_input_unchanged(ch, note.info)) {
+  if (!record_unchanged(ch, note.info)) {
     mask = note_local_input(ch, note.info);
   }
   reportDetailsAudioStatus(mask);
