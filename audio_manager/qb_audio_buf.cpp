@@ -7,48 +7,53 @@
 
 #include "am_log.h"
 
+namespace {
+
+// Frees the storage and the record of every allocated slot of a ring array, and the array.
+void free_slots(AUD_BUF_T** slots, size_t count) {
+  for (size_t i = 0; slots != nullptr && i < count; ++i) {
+    if (slots[i] != nullptr) {
+      free(slots[i]->buf);
+      free(slots[i]);
+    }
+  }
+  free(slots);
+}
+
+}  // namespace
+
 CAudioBuf::CAudioBuf(int size, int count) {
   pthread_mutex_init(&m_muxRead, nullptr);
   if (size <= 0 || count <= 0) {
     return;
   }
   m_arrBuf = static_cast<AUD_BUF_T**>(calloc(static_cast<size_t>(count), sizeof(AUD_BUF_T*)));
-  if (m_arrBuf == nullptr) {
-    return;
-  }
-  m_s32Count = static_cast<size_t>(count);
-  for (size_t i = 0; i < m_s32Count; ++i) {
+  for (int i = 0; m_arrBuf != nullptr && i < count; ++i) {
     m_arrBuf[i] = static_cast<AUD_BUF_T*>(calloc(1, sizeof(AUD_BUF_T)));
     char* storage = static_cast<char*>(calloc(1, static_cast<size_t>(size)));
     if (m_arrBuf[i] == nullptr || storage == nullptr) {
       free(storage);
-      release();  // a ring without all its storage is no ring
+      free_slots(m_arrBuf, static_cast<size_t>(i) + 1);  // a ring without all its storage is none
+      m_arrBuf = nullptr;
       return;
     }
     m_arrBuf[i]->buf = storage;
     m_arrBuf[i]->buf_size = size;
   }
-  m_s32Size = static_cast<size_t>(size);
+  if (m_arrBuf != nullptr) {
+    m_s32Size = static_cast<size_t>(size);
+    m_s32Count = static_cast<size_t>(count);
+  }
 }
 
 CAudioBuf::~CAudioBuf() {
-  release();
-  pthread_mutex_destroy(&m_muxRead);
-}
-
-void CAudioBuf::release() {
-  for (size_t i = 0; m_arrBuf != nullptr && i < m_s32Count; ++i) {
-    if (m_arrBuf[i] != nullptr) {
-      free(m_arrBuf[i]->buf);
-      free(m_arrBuf[i]);
-    }
-  }
-  free(m_arrBuf);
+  free_slots(m_arrBuf, m_s32Count);
   m_arrBuf = nullptr;
   m_s32RIdx = 0;
   m_s32WIdx = 0;
   m_s32Size = 0;
   m_s32Count = 0;
+  pthread_mutex_destroy(&m_muxRead);
 }
 
 int CAudioBuf::get_buf_size() const {

@@ -41,9 +41,6 @@ class CAudioBuf {
   size_t slot_count() const { return m_s32Count; }
 
  private:
-  // Frees every slot and the array and zeroes indices and sizes.
-  void release();
-
   pthread_mutex_t m_muxRead;  // held only while a slot is handed to the reader
   AUD_BUF_T** m_arrBuf = nullptr;
   int m_s32RIdx = 0;
