@@ -338,8 +338,7 @@ int input_earc_onlyarc_ctrl_set(const void* buf, int len) {
   if (!qb_payload_read(buf, len, &req)) {
     return 0;
   }
-  const qb_s32_t only_arc = static_cast<qb_s32_t>(req.onlyArc);
-  AM_LOG_INFO("%s, audio input earc onlyarc=%d", __func__, only_arc);
-  qb_audio_cmd_module().g_stAudInputEarcOnlyarc = only_arc;
+  qb_audio_cmd_module().g_stAudInputEarcOnlyarc = static_cast<qb_s32_t>(req.onlyArc);
+  AM_LOG_INFO("%s, audio input earc onlyarc=%d", __func__, static_cast<int>(req.onlyArc));
   return 1;
 }
