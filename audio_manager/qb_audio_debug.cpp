@@ -110,26 +110,23 @@ const char* source_name(qb_u8_t reg, qb_u8_t value) {
 // test override see the transfer as well.
 int read_register(int fd, const char* bus_path, qb_u8_t addr, qb_u8_t reg, qb_u8_t* out) {
   struct stat st;
+  qb_u8_t value = 0;
+  bool ok;
   if (fstat(fd, &st) == 0 && S_ISCHR(st.st_mode)) {
-    qb_u8_t value = 0;
     qb_u8_t reg_byte = reg;
     struct i2c_msg msgs[2] = {
         {addr, 0, 1, &reg_byte},
         {addr, I2C_M_RD, 1, &value},
     };
     struct i2c_rdwr_ioctl_data data = {msgs, 2};
-    if (ioctl(fd, I2C_RDWR, &data) < 0) {
-      return -1;
-    }
+    ok = ioctl(fd, I2C_RDWR, &data) >= 0;
+  } else {
+    ok = I2C_Device_Read(bus_path, addr, reg, &value, 1) == 0;
+  }
+  if (ok) {
     *out = value;
-    return 0;
   }
-  qb_u8_t value = 0;
-  if (I2C_Device_Read(bus_path, addr, reg, &value, 1) != 0) {
-    return -1;
-  }
-  *out = value;
-  return 0;
+  return ok ? 0 : -1;
 }
 
 int read_a8d8(int fd, qb_u8_t reg, qb_u8_t* out) {
