@@ -14,6 +14,7 @@
 
 #include "am_log.h"
 #include "qb_audio_main.h"
+#include "qb_audio_parse_private.h"
 #include "qb_socket.h"
 
 namespace {
@@ -57,18 +58,6 @@ constexpr int QB_AUDIO_CMD_SELECT_TIMEOUT_MS = 1000;
 constexpr int kOuterLengthOffset = 4;
 // Without a usable socket the wait fails at once: the loop pauses as long as one wait would last.
 constexpr useconds_t kCmdSocketErrorPauseUs = static_cast<useconds_t>(QB_AUDIO_CMD_SELECT_TIMEOUT_MS) * 1000U;
-
-// Reads the little-endian 32-bit integer at `offset` of a message of `size` bytes; bytes beyond
-// the end count as zero (the receive buffer is zeroed before every datagram).
-qb_s32_t read_le32_at(const qb_u8_t* message, int size, int offset) {
-  qb_u32_t value = 0;
-  for (int i = 0; i < 4; ++i) {
-    const int at = offset + i;
-    const qb_u32_t byte = (at < size) ? message[at] : 0u;
-    value |= byte << (8 * i);
-  }
-  return static_cast<qb_s32_t>(value);
-}
 
 // The handler of a row for an operation, or nullptr.
 qb_audio_cmd_fun_t handler_for(const qb_audio_cmd_operation_t& row, qb_u32_t op) {
@@ -155,10 +144,13 @@ tlv_t* is_audio_cmd_head_valid(const tlv_box_t* box, int id) {
 
 void audio_recv_data_proc_table(const qb_u8_t* message, int received,
                                 const qb_audio_cmd_operation_t* table) {
-  if (message == nullptr || received < 1 || table == nullptr) {
+  if (message == nullptr || received <= kOuterLengthOffset || table == nullptr) {
     return;
   }
-  const qb_s32_t outer_length = read_le32_at(message, received, kOuterLengthOffset);
+  // bytes of the length beyond the datagram count as zero, like the rest of the receive buffer
+  qb_s32_t outer_length;
+  (void)qb_payload_read(message + kOuterLengthOffset, received - kOuterLengthOffset, &outer_length,
+                        QB_PAYLOAD_PARTIAL);
   if (outer_length <= 0) {
     return;
   }
@@ -170,9 +162,7 @@ void audio_recv_data_proc_table(const qb_u8_t* message, int received,
   const tlv_t* cmd = is_cmd_first_type_valid(outer);
   if (cmd == nullptr) {
     AM_LOG_ERROR("invalid cmd");
-    if (outer != nullptr) {
-      tlv_box_destroy(outer);
-    }
+    tlv_box_destroy(outer);  // null when the message was no box at all
     return;
   }
   tlv_box_t* inner = tlv_box_parse(cmd->value, cmd->length);

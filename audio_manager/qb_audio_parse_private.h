@@ -1,4 +1,4 @@
-// Inside the command handlers only: bounded reads of a command payload into its record, the port
+// Inside the command module only: bounded reads of a command payload into its record, the port
 // names of the command logs, and the command module's state.
 #pragma once
 
