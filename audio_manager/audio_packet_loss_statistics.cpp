@@ -24,16 +24,18 @@
 
 namespace {
 
-// The stream records, written by the receiver threads and read by the main loop: every access
-// holds g_loss_mutex, and the check sums a stream under the lock and formats outside it.
-std::mutex g_loss_mutex;  // guards stAudioLossInfo
-AUDIO_LOSS_INFO_T stAudioLossInfo[AUDIO_LOSS_STREAMS];
+// The module's state. The stream records are written by the receiver threads and read by the main
+// loop: every access holds `lock`; the check copies a stream under the lock and sums the copy.
+// The report socket is the main loop's alone: -1 until first used.
+struct audio_loss_module_t {
+  std::mutex lock;
+  AUDIO_LOSS_INFO_T stAudioLossInfo[AUDIO_LOSS_STREAMS];
+  int g_s32DropFd = -1;
+  struct sockaddr_in g_reportaddr;
+  std::atomic<qb_s64_t (*)(void)> clock_override{nullptr};
+};
 
-// The report socket (main loop only): -1 until first used.
-int g_s32DropFd = -1;
-struct sockaddr_in g_reportaddr;
-
-std::atomic<qb_s64_t (*)(void)> g_clock_override{nullptr};
+audio_loss_module_t g_loss;
 
 // Mode of the lock file and of the published file.
 constexpr mode_t kLossFileMode = 0777;
@@ -93,33 +95,33 @@ qb_u64_t window_bytes(const AUDIO_LOSS_INFO_T& info, qb_s64_t now) {
 
 // Creates the report socket on first use. False when it cannot be created.
 bool ensure_report_socket(void) {
-  if (g_s32DropFd >= 0) {
+  if (g_loss.g_s32DropFd >= 0) {
     return true;
   }
-  g_s32DropFd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (g_s32DropFd < 0) {
+  g_loss.g_s32DropFd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (g_loss.g_s32DropFd < 0) {
     AM_LOG_ERROR("Creat Async Report Socket Error!!!");
     return false;
   }
-  std::memset(&g_reportaddr, 0, sizeof(g_reportaddr));
-  g_reportaddr.sin_family = AF_INET;
-  g_reportaddr.sin_port = htons(AUDIO_LOSS_REPORT_PORT);
-  inet_pton(AF_INET, AUDIO_LOSS_REPORT_ADDRESS, &g_reportaddr.sin_addr);
+  g_loss.g_reportaddr = {};
+  g_loss.g_reportaddr.sin_family = AF_INET;
+  g_loss.g_reportaddr.sin_port = htons(QB_REPORT_PORT);  // cmd_core
+  inet_pton(AF_INET, QB_REPORT_ADDRESS, &g_loss.g_reportaddr.sin_addr);
   return true;
 }
 
 // Sends one datagram to cmd_core; true when it went out whole.
 bool send_report(const void* data, size_t len) {
-  const ssize_t sent = sendto(g_s32DropFd, data, len, 0,
-                              reinterpret_cast<const struct sockaddr*>(&g_reportaddr),
-                              sizeof(g_reportaddr));
+  const ssize_t sent = sendto(g_loss.g_s32DropFd, data, len, 0,
+                              reinterpret_cast<const struct sockaddr*>(&g_loss.g_reportaddr),
+                              sizeof(g_loss.g_reportaddr));
   return sent == static_cast<ssize_t>(len);
 }
 
 }  // namespace
 
 qb_s64_t time2(void) {
-  qb_s64_t (*clock_fn)(void) = g_clock_override.load();
+  qb_s64_t (*clock_fn)(void) = g_loss.clock_override.load();
   if (clock_fn != nullptr) {
     return clock_fn();
   }
@@ -128,19 +130,19 @@ qb_s64_t time2(void) {
   return static_cast<qb_s64_t>(ts.tv_sec);
 }
 
-void audio_loss_set_clock(qb_s64_t (*clock_fn)(void)) { g_clock_override.store(clock_fn); }
+void audio_loss_set_clock(qb_s64_t (*clock_fn)(void)) { g_loss.clock_override.store(clock_fn); }
 
 void audio_loss_info_reset(void) {
-  std::lock_guard<std::mutex> lock(g_loss_mutex);
-  std::memset(stAudioLossInfo, 0, sizeof(stAudioLossInfo));
+  std::lock_guard<std::mutex> lock(g_loss.lock);
+  std::memset(g_loss.stAudioLossInfo, 0, sizeof(g_loss.stAudioLossInfo));
 }
 
 int audio_loss_info_get(int chn, AUDIO_LOSS_INFO_T* out) {
   if (chn < 0 || chn >= AUDIO_LOSS_STREAMS || out == nullptr) {
     return -1;
   }
-  std::lock_guard<std::mutex> lock(g_loss_mutex);
-  *out = stAudioLossInfo[chn];
+  std::lock_guard<std::mutex> lock(g_loss.lock);
+  *out = g_loss.stAudioLossInfo[chn];
   return 0;
 }
 
@@ -150,8 +152,8 @@ int set_audio_loss_info(int chn, int bytes) {
     return -1;
   }
   const qb_s64_t now = time2();
-  std::lock_guard<std::mutex> lock(g_loss_mutex);
-  AUDIO_LOSS_INFO_T& info = stAudioLossInfo[chn];
+  std::lock_guard<std::mutex> lock(g_loss.lock);
+  AUDIO_LOSS_INFO_T& info = g_loss.stAudioLossInfo[chn];
   bool matched = false;
   for (LOSS_INFO_T& slot : info.stLostInfo) {
     if (static_cast<qb_s64_t>(slot.lossTime) == now) {
@@ -178,13 +180,12 @@ int check_drop_status(void) {
   qb_u64_t in10[AUDIO_LOSS_STREAMS];
   qb_u64_t total[AUDIO_LOSS_STREAMS];
   bool any_loss = false;
-  {
-    std::lock_guard<std::mutex> lock(g_loss_mutex);
-    for (int i = 0; i < AUDIO_LOSS_STREAMS; ++i) {
-      in10[i] = window_bytes(stAudioLossInfo[i], now);
-      total[i] = stAudioLossInfo[i].lossBytesTotal;
-      any_loss = any_loss || in10[i] != 0;
-    }
+  for (int i = 0; i < AUDIO_LOSS_STREAMS; ++i) {
+    AUDIO_LOSS_INFO_T info;
+    (void)audio_loss_info_get(i, &info);  // copied under the lock, summed outside it
+    in10[i] = window_bytes(info, now);
+    total[i] = info.lossBytesTotal;
+    any_loss = any_loss || in10[i] != 0;
   }
   if (file_exists && !any_loss) {
     return 0;
@@ -231,7 +232,7 @@ int report_audio_drop_msg(const char* text) {
   if (!ensure_report_socket()) {
     return 0;
   }
-  AM_LOG_INFO("Send Msg To cmd_core port:[%d]-[%s]", AUDIO_LOSS_REPORT_PORT, text);
+  AM_LOG_INFO("Send Msg To cmd_core port:[%d]-[%s]", QB_REPORT_PORT, text);
   tlv_box_t* inner = tlv_box_create();
   tlv_box_t* outer = tlv_box_create();
   bool serialized = false;
@@ -241,34 +242,21 @@ int report_audio_drop_msg(const char* text) {
                  tlv_box_put_object(outer, AUDIO_LOSS_EVENT_OUTER_TYPE, inner) == 0 &&
                  tlv_box_serialize(outer) == 0;
   }
-  bool sent;
-  if (serialized) {
-    sent = send_report(tlv_box_get_buffer(outer), static_cast<size_t>(tlv_box_get_size(outer)));
-  } else {
-    sent = send_report("", 0);  // a message that cannot be built goes out empty
-  }
-  if (inner != nullptr) {
-    tlv_box_destroy(inner);
-  }
-  if (outer != nullptr) {
-    tlv_box_destroy(outer);
-  }
+  // a message that cannot be built goes out empty
+  const bool sent =
+      serialized ? send_report(tlv_box_get_buffer(outer), static_cast<size_t>(tlv_box_get_size(outer)))
+                 : send_report("", 0);
+  tlv_box_destroy(inner);  // either may be null
+  tlv_box_destroy(outer);
   return sent ? 1 : 0;
-}
-
-int audio_loss_cycle(void) {
-  if (check_drop_status() < 1) {
-    return 0;
-  }
-  const std::string event = get_audio_drop_event();
-  (void)report_audio_drop_msg(event.c_str());
-  AM_LOG_INFO("report audio drop event");
-  return 1;
 }
 
 void audio_loss_proc(void) {
   for (;;) {
-    (void)audio_loss_cycle();
+    if (check_drop_status() >= 1) {
+      (void)report_audio_drop_msg(get_audio_drop_event().c_str());
+      AM_LOG_INFO("report audio drop event");
+    }
     unsigned left = AUDIO_LOSS_CHECK_PERIOD_S;
     while (left > 0) {
       left = sleep(left);  // a signal cuts a sleep short; the rest is slept after it

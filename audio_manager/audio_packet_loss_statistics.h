@@ -20,9 +20,6 @@ inline constexpr unsigned AUDIO_LOSS_CHECK_PERIOD_S = 10;
 
 inline constexpr const char* AUDIO_LOSS_TMP_FILE = "/tmp/pktdrop.json.tmp";
 inline constexpr const char* AUDIO_LOSS_LOCK_FILE = "/tmp/pktdrop.lock";
-// Where the drop event goes (cmd_core).
-inline constexpr const char* AUDIO_LOSS_REPORT_ADDRESS = QB_REPORT_ADDRESS;
-inline constexpr int AUDIO_LOSS_REPORT_PORT = QB_REPORT_PORT;
 
 // The loss of one second.
 typedef struct LOSS_INFO_T {
@@ -49,9 +46,8 @@ int write_file(const char* text);
 std::string get_audio_drop_event(void);
 // Sends the text to cmd_core as a TLV message. 1 when sent; 0 otherwise.
 int report_audio_drop_msg(const char* text);
-// One cycle of the loop: check, and report when bytes were lost in the window. 1 when reported.
-int audio_loss_cycle(void);
-// The endless loop of the main thread: one cycle every ten seconds. Never returns.
+// The endless loop of the main thread: every ten seconds a check, and a report when bytes were
+// lost in the window. Never returns.
 void audio_loss_proc(void);
 // Whole seconds of the monotonic clock.
 qb_s64_t time2(void);

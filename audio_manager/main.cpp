@@ -30,13 +30,13 @@ namespace {
 // The init list: started from the first row to the last, stopped from the last to the first, so
 // the routing module starts before the audio thread manager and stops after it.
 constexpr qb_init_fun_list_t global_list[] = {
-    {qb_audio_analog_init, qb_audio_analog_uninit, nullptr, nullptr},
-    {qb_audio_earc_init, qb_audio_earc_uninit, nullptr, nullptr},
-    {qb_audio_hdmi_init, qb_audio_hdmi_uninit, nullptr, nullptr},
-    {qb_audio_spdif_init, qb_audio_spdif_uninit, nullptr, nullptr},
-    {qb_audio_stream_init, qb_audio_stream_uninit, nullptr, nullptr},
-    {qb_audio_misc_init, qb_audio_misc_uninit, nullptr, nullptr},
-    {qb_audio_aplay_init, qb_audio_aplay_uninit, nullptr, nullptr},
+    {qb_audio_analog_init, qb_audio_analog_uninit},
+    {qb_audio_earc_init, qb_audio_earc_uninit},
+    {qb_audio_hdmi_init, qb_audio_hdmi_uninit},
+    {qb_audio_spdif_init, qb_audio_spdif_uninit},
+    {qb_audio_stream_init, qb_audio_stream_uninit},
+    {qb_audio_misc_init, qb_audio_misc_uninit},
+    {qb_audio_aplay_init, qb_audio_aplay_uninit},
 };
 constexpr int kGlobalListRows = static_cast<int>(sizeof(global_list) / sizeof(global_list[0]));
 static_assert(kGlobalListRows == 7, "the init list has seven rows");
@@ -46,7 +46,6 @@ constexpr int kTerminationSignals[] = {SIGTERM, SIGINT, SIGTSTP};
 
 // Analog codec start command.
 constexpr const char* kCodecStartCommand = "/customer/bin/audio_codec --start";
-constexpr size_t kCommandBufSize = 128;
 
 // Routes set on boards 1 and 3: the DSP input multiplexer "I2S_Mux_DSP_DAI1" takes
 // "HDMI-RCVR-TX", then the DAC multiplexer "I2S_Mux_PCM5122" takes "DSP-DAO1".
@@ -61,19 +60,21 @@ constexpr fpga_reg_write_t kDspBoardRoutes[] = {{0x17, 0x03}, {0x11, 0x08}};
 // Seconds slept should the statistics loop ever return.
 constexpr unsigned kLossLoopRestartSleepS = 10000;
 
-// Held by start-up while it walks the init list, so that a signal during start-up stops the
-// modules only once they have all been started.
-std::mutex g_init_walk_mutex;
-
-// The termination signal handler only writes one byte into this pipe; the shutdown thread reads
-// it and runs the shutdown steps on a normal thread.
-int g_shutdown_pipe[2] = {-1, -1};
+// The program's state. Start-up holds init_walk_mutex while it walks the init list, so that a
+// signal during start-up stops the modules only once they have all been started. The termination
+// signal handler only writes one byte into shutdown_pipe; the shutdown thread reads it and runs
+// the shutdown steps on a normal thread.
+struct main_state_t {
+  std::mutex init_walk_mutex;
+  int shutdown_pipe[2] = {-1, -1};
+};
+main_state_t g_main;
 
 // The handler installed for SIGTERM, SIGINT and SIGTSTP.
 void exit_main(int signo) {
   const int saved_errno = errno;
   const char byte = static_cast<char>(signo);
-  (void)!write(g_shutdown_pipe[1], &byte, 1);  // the pipe is non-blocking: never waits here
+  (void)!write(g_main.shutdown_pipe[1], &byte, 1);  // the pipe is non-blocking: never waits here
   errno = saved_errno;
 }
 
@@ -83,7 +84,7 @@ void exit_main(int signo) {
 void* shutdown_task(void*) {
   char byte = 0;
   for (;;) {
-    const ssize_t n = read(g_shutdown_pipe[0], &byte, 1);
+    const ssize_t n = read(g_main.shutdown_pipe[0], &byte, 1);
     if (n == 1) {
       break;
     }
@@ -92,7 +93,7 @@ void* shutdown_task(void*) {
     }
   }
   am_notify_stopping();
-  std::lock_guard<std::mutex> init_done(g_init_walk_mutex);
+  std::lock_guard<std::mutex> init_done(g_main.init_walk_mutex);
   if (qb_audio_shutdown_steps(global_list, kGlobalListRows) == 1) {
     std::cout.flush();
     std::fflush(nullptr);
@@ -103,11 +104,11 @@ void* shutdown_task(void*) {
 
 // Creates the signal pipe and the thread that serves it. False when either fails.
 bool start_shutdown_thread(void) {
-  if (pipe2(g_shutdown_pipe, O_CLOEXEC) != 0) {
+  if (pipe2(g_main.shutdown_pipe, O_CLOEXEC) != 0) {
     AM_LOG_ERROR("create shutdown pipe err:%s", std::strerror(errno));
     return false;
   }
-  (void)fcntl(g_shutdown_pipe[1], F_SETFL, O_NONBLOCK);
+  (void)fcntl(g_main.shutdown_pipe[1], F_SETFL, O_NONBLOCK);
   pthread_t tid;
   if (pthread_create(&tid, nullptr, shutdown_task, nullptr) != 0) {
     AM_LOG_ERROR("create shutdown thread err");
@@ -124,12 +125,9 @@ void install_signal_handlers(void) {
 }
 
 void start_codec(void) {
-  char command[kCommandBufSize];
-  std::memset(command, 0, sizeof(command));
-  std::snprintf(command, sizeof(command), "%s", kCodecStartCommand);
-  AM_LOG_INFO("exec cmd [%s]", command);
-  if (posix_system(command) < 0) {
-    AM_LOG_ERROR("exec cmd [%s] fail", command);
+  AM_LOG_INFO("exec cmd [%s]", kCodecStartCommand);
+  if (posix_system(kCodecStartCommand) < 0) {
+    AM_LOG_ERROR("exec cmd [%s] fail", kCodecStartCommand);
   }
 }
 
@@ -164,7 +162,7 @@ int main(int argc, char* argv[]) {
   audio_unmute_all();
   set_board_routes(board_id);
   {
-    std::lock_guard<std::mutex> walking(g_init_walk_mutex);
+    std::lock_guard<std::mutex> walking(g_main.init_walk_mutex);
     qb_init_list_start(global_list, kGlobalListRows);
   }
   AM_LOG_INFO("audio manager init done");

@@ -21,7 +21,7 @@
 namespace {
 
 // The singleton lives with the stop entries (qb_audio_aplay_ctrl.cpp).
-qb_audio_aplay_main_ctrl_t& g_aplay = *qb_audio_aplay_ctrl_get();
+qb_audio_aplay_main_ctrl_t& aplay() { return *qb_audio_aplay_ctrl_get(); }
 
 constexpr size_t kThreadNameSize = 16;
 constexpr size_t kAddrSize = 33;  // at most 32 characters of the address, zero-terminated
@@ -31,30 +31,22 @@ constexpr unsigned kIdleWaitMs = 1000;
 constexpr unsigned kPlaybackStartWaitMs = 300;
 // The control thread polls the S/PDIF receiver at this period.
 constexpr unsigned kControlPollMs = 100;
-constexpr int kSelectionSpdif = 2;
-constexpr int kSelectionArc = 3;
-constexpr int kSelectionHdmiDownmix = 6;
-constexpr int kRestartSpdif = 5;
-constexpr int kRestartArc = 2;
 constexpr int kHdmiCaptureGate = 1;
 
-struct playback_worker_t {
-  const char* device;
-  char* (*address)(void);
-};
-constexpr playback_worker_t kPlaybackWorkers[QB_AUDIO_APLAY_WORKERS] = {
-    {"hw:1,0", qb_misc_net_stream_in1_ipaddr_get},
-    {"hw:2,0", qb_misc_net_stream_in3_ipaddr_get},
-    {"hw:3,0", qb_misc_net_stream_in5_ipaddr_get},
-};
-
-struct capture_worker_t {
+// One worker: its device, the address getter of its network stream, its channel record and, for
+// capture, the selection of its network stream.
+struct worker_t {
   const char* device;
   char* (*address)(void);
   int channel;
   int (*selection)(void);
 };
-constexpr capture_worker_t kCaptureWorkers[QB_AUDIO_APLAY_WORKERS] = {
+constexpr worker_t kPlaybackWorkers[QB_AUDIO_APLAY_WORKERS] = {
+    {"hw:1,0", qb_misc_net_stream_in1_ipaddr_get, QB_AUDIO_CHN_NSI1, nullptr},
+    {"hw:2,0", qb_misc_net_stream_in3_ipaddr_get, QB_AUDIO_CHN_NSI3, nullptr},
+    {"hw:3,0", qb_misc_net_stream_in5_ipaddr_get, QB_AUDIO_CHN_NSI5, nullptr},
+};
+constexpr worker_t kCaptureWorkers[QB_AUDIO_APLAY_WORKERS] = {
     {"hw:1,0", qb_misc_net_stream_out1_ipaddr_get, QB_AUDIO_CHN_NSO1, qb_net_first_stream_select_get},
     {"hw:2,0", qb_misc_net_stream_out3_ipaddr_get, QB_AUDIO_CHN_NSO3, qb_net_third_stream_select_get},
     {"hw:3,0", qb_misc_net_stream_out5_ipaddr_get, QB_AUDIO_CHN_NSO5, qb_net_second_stream_select_get},
@@ -62,31 +54,21 @@ constexpr capture_worker_t kCaptureWorkers[QB_AUDIO_APLAY_WORKERS] = {
 
 long kernel_tid() { return static_cast<long>(syscall(SYS_gettid)); }
 
-// The stop request: set under g_stop_mutex and announced on g_stop_cv, so that a thread in one of
-// its idle waits wakes at once.
-std::mutex g_stop_mutex;
-std::condition_variable g_stop_cv;
-
-bool exiting() { return g_aplay.exit.load() != 0; }
+bool exiting() { return aplay().exit.load() != 0; }
 
 void exit_set(int on) {
   {
-    std::lock_guard<std::mutex> lock(g_stop_mutex);
-    g_aplay.exit.store(on);
+    std::lock_guard<std::mutex> lock(aplay().stop_mutex);
+    aplay().exit.store(on);
   }
-  g_stop_cv.notify_all();
+  aplay().stop_cv.notify_all();
 }
 
 // Waits `ms` milliseconds, or less when the module is told to stop.
 void wait_unless_stopped(unsigned ms) {
-  std::unique_lock<std::mutex> lock(g_stop_mutex);
-  g_stop_cv.wait_for(lock, std::chrono::milliseconds(ms), [] { return exiting(); });
+  std::unique_lock<std::mutex> lock(aplay().stop_mutex);
+  aplay().stop_cv.wait_for(lock, std::chrono::milliseconds(ms), [] { return exiting(); });
 }
-
-// The worker's pauses, each ended early by a stop request.
-void idle_wait() { wait_unless_stopped(kIdleWaitMs); }
-void playback_start_wait() { wait_unless_stopped(kPlaybackStartWaitMs); }
-void control_poll_wait() { wait_unless_stopped(kControlPollMs); }
 
 void name_thread(const char* fmt, int index) {
   char name[kThreadNameSize];
@@ -107,8 +89,6 @@ const char* capture2_device() {
   return (is_qb_net_second_stream_select_spdif() || is_qb_net_second_stream_select_arc()) ? "hw:0,0" : "hw:3,0";
 }
 
-bool hdmi_input_audio_on() { return audio_hdmi_audio_on() != 0; }
-
 void* playback_worker(void* arg) {
   const int i = *static_cast<const qb_s32_t*>(arg);
   name_thread("aud_play_%d", i);
@@ -116,19 +96,19 @@ void* playback_worker(void* arg) {
     AM_LOG_ERROR("sel:%d err", i);
     return nullptr;
   }
-  const playback_worker_t& w = kPlaybackWorkers[i];
-  qb_audio_oper_ctrl_t* ctrl = &g_aplay.pctrl[i];
+  const worker_t& w = kPlaybackWorkers[i];
+  qb_audio_oper_ctrl_t* ctrl = &aplay().pctrl[i];
   const long tid = kernel_tid();
   AM_LOG_INFO("audio playback %d task thread id %ld,%s,%s!!!!", i, tid, w.device, w.address());
-  g_aplay.ptid[i].store(tid);
+  aplay().ptid[i].store(tid);
   char addr[kAddrSize];
   while (!exiting()) {
     const char* address = w.address();
     if (address == nullptr || address[0] == '\0') {
-      idle_wait();
+      wait_unless_stopped(kIdleWaitMs);
       continue;
     }
-    playback_start_wait();
+    wait_unless_stopped(kPlaybackStartWaitMs);
     if (exiting()) {
       break;
     }
@@ -141,30 +121,29 @@ void* playback_worker(void* arg) {
 
 // One pass of a capture worker: an idle wait, or one capture run.
 void capture_pass(int i, qb_audio_oper_ctrl_t* ctrl, const char** device, char* addr, long tid) {
-  const capture_worker_t& w = kCaptureWorkers[i];
+  const worker_t& w = kCaptureWorkers[i];
   if (i == 2) {
     *device = capture2_device();
   }
   const char* address = w.address();
-  qb_audio_info record;
-  memset(&record, 0, sizeof(record));
+  qb_audio_info record{};
   if (i == 1 && is_qb_audio_output_mute_from_ch(QB_AUDIO_CHN_NSO3) == 1) {
-    idle_wait();
+    wait_unless_stopped(kIdleWaitMs);
     return;
   }
   qb_audio_channel_state_copy(w.channel, &record);
-  g_aplay.ctid[i].store(tid);
+  aplay().ctid[i].store(tid);
   if (address == nullptr || address[0] == '\0' || record.Audio_On == 0) {
-    idle_wait();
+    wait_unless_stopped(kIdleWaitMs);
     const int selection = w.selection();
-    if (selection == kSelectionHdmiDownmix && audio_hdmi_streamout() == 0 && hdmi_input_audio_on() &&
-        audio_hdmi_to_fpga_mute() != 0) {
+    if (selection == QB_AUDIO_SRC_HDMI_DOWNMIX && audio_hdmi_streamout() == 0 &&
+        audio_hdmi_audio_on() != 0 && audio_hdmi_to_fpga_mute() != 0) {
       input_mute_ctrl(kHdmiCaptureGate, 0);
-      idle_wait();
+      wait_unless_stopped(kIdleWaitMs);
     }
     return;
   }
-  idle_wait();
+  wait_unless_stopped(kIdleWaitMs);
   if (exiting()) {
     return;
   }
@@ -183,10 +162,9 @@ void* capture_worker(void* arg) {
     AM_LOG_ERROR("sel:%d err", i);
     return nullptr;
   }
-  qb_audio_oper_ctrl_t* ctrl = &g_aplay.cctrl[i];
+  qb_audio_oper_ctrl_t* ctrl = &aplay().cctrl[i];
   const char* device = kCaptureWorkers[i].device;
-  char addr[kAddrSize];
-  memset(addr, 0, sizeof(addr));
+  char addr[kAddrSize] = {};
   while (!exiting()) {
     capture_pass(i, ctrl, &device, addr, tid);
   }
@@ -195,15 +173,14 @@ void* capture_worker(void* arg) {
 }
 
 void spdif_restart(int selection) {
-  qb_audio_info info;
-  memset(&info, 0, sizeof(info));
+  qb_audio_info info{};
   qb_misc_audio_spdif_info_copy(&info);
   qb_audio_channel_state_set(QB_AUDIO_CHN_SPDIF, &info);
-  if (selection == kSelectionSpdif) {
-    qb_audio_net_stream_out5_start(kRestartSpdif);
+  if (selection == QB_AUDIO_SRC_SPDIF) {
+    qb_audio_net_stream_out5_start(QB_AUDIO_CHN_SPDIF);
     AM_LOG_INFO("%s,capture spdif restart:%d", "qb_audio_aplay_spdif", selection);
   } else {
-    qb_audio_net_stream_out5_start(kRestartArc);
+    qb_audio_net_stream_out5_start(QB_AUDIO_CHN_EARC);
     AM_LOG_INFO("%s,capture arc restart:%d", "qb_audio_aplay_spdif", selection);
   }
 }
@@ -212,133 +189,138 @@ void* control_thread(void*) {
   prctl(PR_SET_NAME, "spdif_task", 0, 0, 0);
   const long tid = kernel_tid();
   AM_LOG_INFO("aplay1 task thread id %ld!!!!", tid);
-  g_aplay.tid.store(tid);
+  aplay().tid.store(tid);
   while (!exiting()) {
     if (is_qb_misc_nxp_spdif_register_info_change() == 1) {
       const int selection = qb_net_second_stream_select_get();
-      if (selection == kSelectionSpdif || selection == kSelectionArc) {
+      if (selection == QB_AUDIO_SRC_SPDIF || selection == QB_AUDIO_SRC_EARC) {
         spdif_restart(selection);
       }
     }
-    control_poll_wait();
+    wait_unless_stopped(kControlPollMs);
   }
   AM_LOG_INFO("audio aplay ctrl thread exit");
   return nullptr;
 }
 
 void reset_singleton() {
-  g_aplay.tid.store(0);
+  aplay().tid.store(0);
   exit_set(0);
-  g_aplay.init.store(0);
-  g_aplay.ptids_created = false;
+  aplay().init.store(0);
+  aplay().ptids_created = false;
   for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
-    qb_audio_oper_default(&g_aplay.pctrl[i]);
-    qb_audio_oper_default(&g_aplay.cctrl[i]);
-    qb_audio_oper_publish(&g_aplay.pctrl[i]);
-    qb_audio_oper_publish(&g_aplay.cctrl[i]);
-    g_aplay.ptid[i].store(0);
-    g_aplay.ctid[i].store(0);
-    g_aplay.pidx[i] = i;
-    g_aplay.cidx[i] = i;
-    g_aplay.ptidp_created[i] = false;
-    g_aplay.ctidp_created[i] = false;
+    qb_audio_oper_default(&aplay().pctrl[i]);
+    qb_audio_oper_default(&aplay().cctrl[i]);
+    qb_audio_oper_publish(&aplay().pctrl[i]);
+    qb_audio_oper_publish(&aplay().cctrl[i]);
+    aplay().ptid[i].store(0);
+    aplay().ctid[i].store(0);
+    aplay().pidx[i] = i;
+    aplay().cidx[i] = i;
+    aplay().ptidp_created[i] = false;
+    aplay().ctidp_created[i] = false;
   }
 }
 
-void dump_block(FILE* file, long pid, qb_audio_oper_ctrl_t* ctrl) {
-  fprintf(file, "pid:%ld\n", pid);
-  dump_audio_ctrl1(ctrl, file);
-}
-
-void dump_capture_blocks(FILE* file) {
+// "pid:%ld" and the engine record of each of the three engines of one kind.
+void dump_blocks(FILE* file, const std::atomic<long>* tids, qb_audio_oper_ctrl_t* ctrls) {
   for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
-    dump_block(file, g_aplay.ctid[i].load(), &g_aplay.cctrl[i]);
+    fprintf(file, "pid:%ld\n", tids[i].load());
+    dump_audio_ctrl1(&ctrls[i], file);
   }
 }
 
-void dump_playback_blocks(FILE* file) {
-  for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
-    dump_block(file, g_aplay.ptid[i].load(), &g_aplay.pctrl[i]);
+// A dump: the title, the capture blocks and the playback blocks asked for, then an empty line.
+void dump_engines(FILE* file, const char* title, bool capture, bool playback) {
+  if (file == nullptr) {
+    return;
   }
+  fputs(title, file);
+  if (capture) {
+    dump_blocks(file, aplay().ctid, aplay().cctrl);
+  }
+  if (playback) {
+    dump_blocks(file, aplay().ptid, aplay().pctrl);
+  }
+  fputs("\n", file);
+}
+
+// The workers of one kind: their handles, creation marks and arguments.
+struct worker_kind_t {
+  pthread_t* threads;
+  bool* created;
+  qb_s32_t* args;
+  void* (*entry)(void*);
+  const char* name;  // in the creation failure line
+};
+worker_kind_t playback_kind() {
+  return {aplay().ptidp, aplay().ptidp_created, aplay().pidx, playback_worker, " audio play"};
+}
+worker_kind_t capture_kind() {
+  return {aplay().ctidp, aplay().ctidp_created, aplay().cidx, capture_worker, "capture"};
+}
+
+int start_workers(const worker_kind_t& kind) {
+  for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
+    if (pthread_create(&kind.threads[i], nullptr, kind.entry, &kind.args[i]) != 0) {
+      AM_LOG_ERROR("%s-%d thread create fail", kind.name, i);
+      return 0;
+    }
+    kind.created[i] = true;
+  }
+  return 1;
+}
+
+int join_workers(const worker_kind_t& kind) {
+  for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
+    if (kind.created[i]) {
+      pthread_join(kind.threads[i], nullptr);
+      kind.created[i] = false;
+    }
+  }
+  return 1;
 }
 
 }  // namespace
 
-int qb_audio_aplay_playback_init() {
-  for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
-    if (pthread_create(&g_aplay.ptidp[i], nullptr, playback_worker, &g_aplay.pidx[i]) != 0) {
-      AM_LOG_ERROR(" audio play-%d thread create fail", i);
-      return 0;
-    }
-    g_aplay.ptidp_created[i] = true;
-  }
-  return 1;
-}
-
-int qb_audio_aplay_capture_init() {
-  for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
-    if (pthread_create(&g_aplay.ctidp[i], nullptr, capture_worker, &g_aplay.cidx[i]) != 0) {
-      AM_LOG_ERROR("capture-%d thread create fail", i);
-      return 0;
-    }
-    g_aplay.ctidp_created[i] = true;
-  }
-  return 1;
-}
-
-int qb_audio_aplay_playback_uninit() {
-  for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
-    if (g_aplay.ptidp_created[i]) {
-      pthread_join(g_aplay.ptidp[i], nullptr);
-      g_aplay.ptidp_created[i] = false;
-    }
-  }
-  return 1;
-}
-
-int qb_audio_aplay_capture_uninit() {
-  for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
-    if (g_aplay.ctidp_created[i]) {
-      pthread_join(g_aplay.ctidp[i], nullptr);
-      g_aplay.ctidp_created[i] = false;
-    }
-  }
-  return 1;
-}
+int qb_audio_aplay_playback_init() { return start_workers(playback_kind()); }
+int qb_audio_aplay_capture_init() { return start_workers(capture_kind()); }
+int qb_audio_aplay_playback_uninit() { return join_workers(playback_kind()); }
+int qb_audio_aplay_capture_uninit() { return join_workers(capture_kind()); }
 
 int qb_audio_aplay_init() {
   reset_singleton();
   qb_audio_oper_shutdown_set(0);
   AM_LOG_INFO("audio aplay init");
   exit_set(0);
-  if (pthread_create(&g_aplay.ptids, nullptr, control_thread, nullptr) != 0) {
+  if (pthread_create(&aplay().ptids, nullptr, control_thread, nullptr) != 0) {
     AM_LOG_ERROR("aplay1 thread create fail");
     return 0;
   }
-  g_aplay.ptids_created = true;
+  aplay().ptids_created = true;
   qb_audio_aplay_playback_init();
   qb_audio_aplay_capture_init();
-  g_aplay.init.store(1);
+  aplay().init.store(1);
   return 1;
 }
 
 int qb_audio_aplay_uninit() {
-  if (g_aplay.init.load() == 0) {
+  if (aplay().init.load() == 0) {
     return 0;
   }
   exit_set(1);
-  g_aplay.init.store(0);
+  aplay().init.store(0);
   // A run that starts after this point resets its own stop flag: the engine-wide stop ends it too.
   qb_audio_oper_shutdown_set(1);
   for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
-    qb_audio_oper_abort(&g_aplay.pctrl[i]);
+    qb_audio_oper_abort(&aplay().pctrl[i]);
   }
   for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
-    qb_audio_oper_abort(&g_aplay.cctrl[i]);
+    qb_audio_oper_abort(&aplay().cctrl[i]);
   }
-  if (g_aplay.ptids_created) {
-    pthread_join(g_aplay.ptids, nullptr);
-    g_aplay.ptids_created = false;
+  if (aplay().ptids_created) {
+    pthread_join(aplay().ptids, nullptr);
+    aplay().ptids_created = false;
   }
   qb_audio_aplay_capture_uninit();
   qb_audio_aplay_playback_uninit();
@@ -346,30 +328,6 @@ int qb_audio_aplay_uninit() {
   return 1;
 }
 
-void dump_capture_param(FILE* file) {
-  if (file == nullptr) {
-    return;
-  }
-  fprintf(file, "dump capture param begin\n");
-  dump_capture_blocks(file);
-  fprintf(file, "\n");
-}
-
-void dump_playback_param(FILE* file) {
-  if (file == nullptr) {
-    return;
-  }
-  fprintf(file, "dump playback param begin\n");
-  dump_playback_blocks(file);
-  fprintf(file, "\n");
-}
-
-void dump_aplay_param(FILE* file) {
-  if (file == nullptr) {
-    return;
-  }
-  fprintf(file, "dump aplay param begin\n");
-  dump_capture_blocks(file);
-  dump_playback_blocks(file);
-  fprintf(file, "\n");
-}
+void dump_capture_param(FILE* file) { dump_engines(file, "dump capture param begin\n", true, false); }
+void dump_playback_param(FILE* file) { dump_engines(file, "dump playback param begin\n", false, true); }
+void dump_aplay_param(FILE* file) { dump_engines(file, "dump aplay param begin\n", true, true); }

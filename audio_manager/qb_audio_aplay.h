@@ -8,7 +8,9 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdio>
+#include <mutex>
 
 #include "qb_audio_oper.h"
 #include "qb_types.h"
@@ -32,6 +34,10 @@ typedef struct qb_audio_aplay_main_ctrl_t {
   bool ptids_created;                                  // which threads exist and must be joined
   bool ptidp_created[QB_AUDIO_APLAY_WORKERS];
   bool ctidp_created[QB_AUDIO_APLAY_WORKERS];
+  // `exit` is set under stop_mutex and announced on stop_cv, so that a thread in one of its idle
+  // waits wakes at once.
+  std::mutex stop_mutex;
+  std::condition_variable stop_cv;
 } qb_audio_aplay_main_ctrl_t;
 
 // Init-list entries: start every thread (1, or 0 when the control thread cannot be created), and
@@ -50,11 +56,6 @@ int qb_audio_aplay_capture_uninit();
 void qb_audio_aplay_in_abort_capture1();
 void qb_audio_aplay_in_abort_capture3();
 void qb_audio_aplay_in_abort_capture5();
-
-// End the current playback run of network input 1, 3 or 5 (engines pctrl[0], pctrl[1], pctrl[2]).
-void qb_audio_aplay_in_abort_playback1();
-void qb_audio_aplay_in_abort_playback3();
-void qb_audio_aplay_in_abort_playback5();
 
 // A network input's address or expected format changed (channel ids 6, 7, 8): end that input's
 // playback run, reset the channel's status bytes and mark its record invalid. Other ids are ignored.

@@ -16,9 +16,6 @@ qb_audio_aplay_main_ctrl_t* qb_audio_aplay_ctrl_get() { return &g_aplay; }
 void qb_audio_aplay_in_abort_capture1() { qb_audio_oper_abort(&g_aplay.cctrl[0]); }
 void qb_audio_aplay_in_abort_capture3() { qb_audio_oper_abort(&g_aplay.cctrl[1]); }
 void qb_audio_aplay_in_abort_capture5() { qb_audio_oper_abort(&g_aplay.cctrl[2]); }
-void qb_audio_aplay_in_abort_playback1() { qb_audio_oper_abort(&g_aplay.pctrl[0]); }
-void qb_audio_aplay_in_abort_playback3() { qb_audio_oper_abort(&g_aplay.pctrl[1]); }
-void qb_audio_aplay_in_abort_playback5() { qb_audio_oper_abort(&g_aplay.pctrl[2]); }
 
 void qb_audio_aplay_info_change_set(int channel_id) {
   if (channel_id < QB_AUDIO_CHN_NSI1 || channel_id > QB_AUDIO_CHN_NSI5) {

@@ -7,46 +7,48 @@
 
 #include "am_log.h"
 
+namespace {
+
+// Frees the storage and the record of every allocated slot of a ring array, and the array.
+void free_slots(AUD_BUF_T** slots, size_t count) {
+  for (size_t i = 0; slots != nullptr && i < count; ++i) {
+    if (slots[i] != nullptr) {
+      free(slots[i]->buf);
+      free(slots[i]);
+    }
+  }
+  free(slots);
+}
+
+}  // namespace
+
 CAudioBuf::CAudioBuf(int size, int count) {
   pthread_mutex_init(&m_muxRead, nullptr);
   if (size <= 0 || count <= 0) {
     return;
   }
   m_arrBuf = static_cast<AUD_BUF_T**>(calloc(static_cast<size_t>(count), sizeof(AUD_BUF_T*)));
-  if (m_arrBuf == nullptr) {
-    return;
-  }
-  for (int i = 0; i < count; ++i) {
-    AUD_BUF_T* slot = static_cast<AUD_BUF_T*>(calloc(1, sizeof(AUD_BUF_T)));
+  for (int i = 0; m_arrBuf != nullptr && i < count; ++i) {
+    m_arrBuf[i] = static_cast<AUD_BUF_T*>(calloc(1, sizeof(AUD_BUF_T)));
     char* storage = static_cast<char*>(calloc(1, static_cast<size_t>(size)));
-    if (slot == nullptr || storage == nullptr) {
-      free(slot);
+    if (m_arrBuf[i] == nullptr || storage == nullptr) {
       free(storage);
-      for (int j = 0; j < i; ++j) {
-        free(m_arrBuf[j]->buf);
-        free(m_arrBuf[j]);
-      }
-      free(m_arrBuf);
+      free_slots(m_arrBuf, static_cast<size_t>(i) + 1);  // a ring without all its storage is none
       m_arrBuf = nullptr;
       return;
     }
-    slot->buf = storage;
-    slot->buf_size = size;
-    m_arrBuf[i] = slot;
+    m_arrBuf[i]->buf = storage;
+    m_arrBuf[i]->buf_size = size;
   }
-  m_s32Size = static_cast<size_t>(size);
-  m_s32Count = static_cast<size_t>(count);
+  if (m_arrBuf != nullptr) {
+    m_s32Size = static_cast<size_t>(size);
+    m_s32Count = static_cast<size_t>(count);
+  }
 }
 
 CAudioBuf::~CAudioBuf() {
-  if (m_arrBuf != nullptr) {
-    for (size_t i = 0; i < m_s32Count; ++i) {
-      free(m_arrBuf[i]->buf);
-      free(m_arrBuf[i]);
-    }
-    free(m_arrBuf);
-    m_arrBuf = nullptr;
-  }
+  free_slots(m_arrBuf, m_s32Count);
+  m_arrBuf = nullptr;
   m_s32RIdx = 0;
   m_s32WIdx = 0;
   m_s32Size = 0;

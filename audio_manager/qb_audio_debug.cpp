@@ -24,6 +24,10 @@
 
 namespace {
 
+// FPGA matrix bus and device.
+constexpr const char* QB_DEBUG_FPGA_BUS = "/dev/i2c-2";
+constexpr qb_u8_t QB_DEBUG_FPGA_ADDR = 0x48;
+
 // A read of the pipe returns at most this many bytes; the buffer keeps one more for the NUL.
 constexpr size_t kRequestMax = 1024;
 // Pause after a failed pipe read, and between attempts to create or open the pipe.
@@ -78,22 +82,6 @@ constexpr fpga_input_t kFpgaInputs[] = {
     {0x5B, "[0x5B][i.MX8-SAI5-TX] --> [fpga] mute:%d\n", true},
 };
 
-// Request words and the sections each asks for; "dump"/"d0" is the full dump.
-struct request_word_t {
-  const char* prefix;
-  unsigned sections;
-};
-constexpr unsigned kFullDump = QB_DEBUG_SECTION_ROUTING | QB_DEBUG_SECTION_CAPTURE |
-                               QB_DEBUG_SECTION_PLAYBACK | QB_DEBUG_SECTION_FPGA |
-                               QB_DEBUG_SECTION_GENLOCK;
-constexpr request_word_t kSingleSections[] = {
-    {"d1", QB_DEBUG_SECTION_ROUTING},
-    {"d2", QB_DEBUG_SECTION_CAPTURE},
-    {"d3", QB_DEBUG_SECTION_PLAYBACK},
-    {"d4", QB_DEBUG_SECTION_FPGA},
-    {"d5", QB_DEBUG_SECTION_GENLOCK},
-};
-
 bool begins_with(const char* text, const char* prefix) {
   return strncasecmp(text, prefix, std::strlen(prefix)) == 0;
 }
@@ -122,26 +110,23 @@ const char* source_name(qb_u8_t reg, qb_u8_t value) {
 // test override see the transfer as well.
 int read_register(int fd, const char* bus_path, qb_u8_t addr, qb_u8_t reg, qb_u8_t* out) {
   struct stat st;
+  qb_u8_t value = 0;
+  bool ok;
   if (fstat(fd, &st) == 0 && S_ISCHR(st.st_mode)) {
-    qb_u8_t value = 0;
     qb_u8_t reg_byte = reg;
     struct i2c_msg msgs[2] = {
         {addr, 0, 1, &reg_byte},
         {addr, I2C_M_RD, 1, &value},
     };
     struct i2c_rdwr_ioctl_data data = {msgs, 2};
-    if (ioctl(fd, I2C_RDWR, &data) < 0) {
-      return -1;
-    }
+    ok = ioctl(fd, I2C_RDWR, &data) >= 0;
+  } else {
+    ok = I2C_Device_Read(bus_path, addr, reg, &value, 1) == 0;
+  }
+  if (ok) {
     *out = value;
-    return 0;
   }
-  qb_u8_t value = 0;
-  if (I2C_Device_Read(bus_path, addr, reg, &value, 1) != 0) {
-    return -1;
-  }
-  *out = value;
-  return 0;
+  return ok ? 0 : -1;
 }
 
 int read_a8d8(int fd, qb_u8_t reg, qb_u8_t* out) {
@@ -174,22 +159,26 @@ void dump_capture_inputs(FILE* file, int fd) {
   }
 }
 
-void write_sections(FILE* file, unsigned sections) {
-  if ((sections & kFullDump) == kFullDump) {
-    dump_misc_param(file);
-    dump_aplay_param(file);
-    dump_fpga_status(file);
-    qb_si5351_dump(file);
-    return;
-  }
-  if (sections & QB_DEBUG_SECTION_ROUTING) dump_misc_param(file);
-  if (sections & QB_DEBUG_SECTION_CAPTURE) dump_capture_param(file);
-  if (sections & QB_DEBUG_SECTION_PLAYBACK) dump_playback_param(file);
-  if (sections & QB_DEBUG_SECTION_FPGA) dump_fpga_status(file);
-  if (sections & QB_DEBUG_SECTION_GENLOCK) qb_si5351_dump(file);
+// The full dump: routing, both engine kinds, the FPGA matrix and the clock generator.
+void dump_all(FILE* file) {
+  dump_misc_param(file);
+  dump_aplay_param(file);
+  dump_fpga_status(file);
+  qb_si5351_dump(file);
 }
 
-void dump_to_file(unsigned sections) {
+// Request words and the dump each writes.
+struct request_word_t {
+  const char* prefix;
+  void (*dump)(FILE* file);
+};
+constexpr request_word_t kRequestWords[] = {
+    {"dump", dump_all},          {"d0", dump_all},           {"d1", dump_misc_param},
+    {"d2", dump_capture_param},  {"d3", dump_playback_param}, {"d4", dump_fpga_status},
+    {"d5", qb_si5351_dump},
+};
+
+void dump_to_file(void (*dump)(FILE* file)) {
   const std::string path = am_path(QB_DEBUG_DUMP_FILE);
   FILE* file = std::fopen(path.c_str(), "we");
   // a dump file that cannot be opened skips the dump; nothing is closed that was never opened
@@ -197,7 +186,7 @@ void dump_to_file(unsigned sections) {
     AM_LOG_ERROR("open %s fail, errno %d:%s", path.c_str(), errno, std::strerror(errno));
     return;
   }
-  write_sections(file, sections);
+  dump(file);
   std::fclose(file);
 }
 
@@ -254,12 +243,9 @@ void dump_fpga_status(FILE* file) {
 
 void qb_debug_serve_request(const char* text) {
   run_marker_command("rm");
-  if (begins_with(text, "dump") || begins_with(text, "d0")) {
-    dump_to_file(kFullDump);
-  }
-  for (const request_word_t& word : kSingleSections) {
+  for (const request_word_t& word : kRequestWords) {
     if (begins_with(text, word.prefix)) {
-      dump_to_file(word.sections);
+      dump_to_file(word.dump);
     }
   }
   run_marker_command("touch");

@@ -7,20 +7,6 @@
 #include "qb_audio_protocol.h"  // the files of the pipe protocol
 #include "qb_types.h"
 
-
-// FPGA matrix bus and device.
-inline constexpr const char* QB_DEBUG_FPGA_BUS = "/dev/i2c-2";
-inline constexpr qb_u8_t QB_DEBUG_FPGA_ADDR = 0x48;
-
-// Dump sections a request word asks for (bit set).
-enum qb_debug_section_e {
-  QB_DEBUG_SECTION_ROUTING = 1 << 0,
-  QB_DEBUG_SECTION_CAPTURE = 1 << 1,
-  QB_DEBUG_SECTION_PLAYBACK = 1 << 2,
-  QB_DEBUG_SECTION_FPGA = 1 << 3,
-  QB_DEBUG_SECTION_GENLOCK = 1 << 4,
-};
-
 // Serves the pipe until it cannot be created or opened; returns 0 then.
 int handle_cmd(void);
 

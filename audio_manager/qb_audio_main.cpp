@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 
 #include <atomic>
-#include <cstring>
 #include <exception>
 #include <fstream>
 #include <iterator>
@@ -18,11 +17,13 @@
 namespace {
 
 // Run state of the daemon, one instance. Each field is written by one party (start-up, the
-// command thread, the shutdown routine) and read by others, hence atomics.
+// command thread, the shutdown routine) and read by others, hence atomics. exit_flage is 1 once
+// the shutdown steps have run.
 struct qb_audio_main_ctrl_t {
   std::atomic<qb_s32_t> board_id{QB_BOARD_MODE_UNKNOWN};
   std::atomic<qb_s32_t> fd{0};
   std::atomic<qb_s32_t> exit{0};
+  std::atomic<int> exit_flage{0};
 };
 
 qb_audio_main_ctrl_t g_main_ctrl;
@@ -42,9 +43,6 @@ constexpr board_mode_match_t kBoardModeMatches[] = {
 // A board-information file larger than this is not a board-information file.
 constexpr std::streamsize kBoardInfoMaxBytes = 64 * 1024;
 
-// The model text kept by the configuration library (the daemon uses only the mode number).
-std::string g_model_number;
-
 // Reads the whole file into text; false when it is not a regular file, cannot be opened or is
 // too large (a FIFO or a device in its place must not block or flood start-up).
 bool read_small_file(const std::string& path, std::string& text) {
@@ -60,28 +58,37 @@ bool read_small_file(const std::string& path, std::string& text) {
   return static_cast<std::streamsize>(text.size()) <= kBoardInfoMaxBytes;
 }
 
+// Board mode of a model text: the first of "TX-A", "RX", "TR-A", "TR" it contains decides.
+int qb_board_mode_from_model(const std::string& model) {
+  for (const board_mode_match_t& match : kBoardModeMatches) {
+    if (model.find(match.text) != std::string::npos) {
+      return match.mode;
+    }
+  }
+  return QB_BOARD_MODE_UNKNOWN;
+}
+
+// Calls every non-empty fun_uninit from the last row back to the first.
+void qb_init_list_stop(const qb_init_fun_list_t* list, int count) {
+  if (list == nullptr) {
+    return;
+  }
+  for (int i = count - 1; i >= 0; --i) {
+    if (list[i].fun_uninit != nullptr) {
+      (void)list[i].fun_uninit();
+    }
+  }
+}
+
 }  // namespace
 
 qb_s32_t audio_board_id_get(void) { return g_main_ctrl.board_id.load(); }
 void audio_board_id_set(qb_s32_t board_id) { g_main_ctrl.board_id.store(board_id); }
 
 qb_s32_t audio_exit_get(void) { return g_main_ctrl.exit.load(); }
-void audio_exit_set(qb_s32_t value) { g_main_ctrl.exit.store(value); }
 
 qb_s32_t audio_cmd_fd_get(void) { return g_main_ctrl.fd.load(); }
 void audio_cmd_fd_set(qb_s32_t fd) { g_main_ctrl.fd.store(fd); }
-
-int qb_board_mode_from_model(const char* model) {
-  if (model == nullptr) {
-    return QB_BOARD_MODE_UNKNOWN;
-  }
-  for (const board_mode_match_t& match : kBoardModeMatches) {
-    if (std::strstr(model, match.text) != nullptr) {
-      return match.mode;
-    }
-  }
-  return QB_BOARD_MODE_UNKNOWN;
-}
 
 int GetModeFromJsonFile2(void) {
   const std::string path = am_path(QB_BOARD_INFO_FILE);
@@ -107,8 +114,7 @@ int GetModeFromJsonFile2(void) {
     AM_LOG_ERROR("%s: no %s text, board mode unknown", QB_BOARD_INFO_FILE, QB_BOARD_INFO_MODEL_KEY);
     return QB_BOARD_MODE_UNKNOWN;
   }
-  g_model_number = model.asString();
-  return qb_board_mode_from_model(g_model_number.c_str());
+  return qb_board_mode_from_model(model.asString());
 }
 
 void SetLog4cppStatus(int enable) {
@@ -126,25 +132,13 @@ void qb_init_list_start(const qb_init_fun_list_t* list, int count) {
   }
 }
 
-void qb_init_list_stop(const qb_init_fun_list_t* list, int count) {
-  if (list == nullptr) {
-    return;
-  }
-  for (int i = count - 1; i >= 0; --i) {
-    if (list[i].fun_uninit != nullptr) {
-      (void)list[i].fun_uninit();
-    }
-  }
-}
-
 int qb_audio_shutdown_steps(const qb_init_fun_list_t* list, int count) {
-  static std::atomic<int> exit_flage{0};
   int expected = 0;
-  if (!exit_flage.compare_exchange_strong(expected, 1)) {
+  if (!g_main_ctrl.exit_flage.compare_exchange_strong(expected, 1)) {
     return 0;  // a later signal does nothing
   }
   AM_LOG_INFO("Terminating Exit...\n");
-  audio_exit_set(1);
+  g_main_ctrl.exit.store(1);
   qb_init_list_stop(list, count);
   return 1;
 }

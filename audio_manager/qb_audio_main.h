@@ -25,19 +25,15 @@ void audio_board_id_set(qb_s32_t board_id);
 // Exit flag of the daemon: 0 while running, 1 once shutdown has begun. Polled by the command and
 // debug threads. Safe to call from any thread.
 qb_s32_t audio_exit_get(void);
-void audio_exit_set(qb_s32_t value);
 
 // Descriptor of the command socket; 0 when closed.
 qb_s32_t audio_cmd_fd_get(void);
 void audio_cmd_fd_set(qb_s32_t fd);
 
-// Board mode of a model text: the first of "TX-A", "RX", "TR-A", "TR" it contains decides;
-// QB_BOARD_MODE_UNKNOWN for an empty pointer or none of them.
-int qb_board_mode_from_model(const char* model);
-
-// Reads the board mode from "/misc/boardInfo.json" (key "modelNumber", a non-empty string).
-// QB_BOARD_MODE_UNKNOWN when the file is missing, not valid JSON, or the key is absent, empty,
-// not a string or matches no board.
+// Reads the board mode from "/misc/boardInfo.json" (key "modelNumber", a non-empty string): the
+// first of "TX-A", "RX", "TR-A", "TR" the model text contains decides. QB_BOARD_MODE_UNKNOWN when
+// the file is missing, not valid JSON, or the key is absent, empty, not a string or matches no
+// board.
 int GetModeFromJsonFile2(void);
 
 // Routes the configuration library's own messages through log4cpp (always the case here).
@@ -47,14 +43,12 @@ void SetLog4cppStatus(int enable);
 typedef struct qb_init_fun_list_t {
   int (*fun_init)(void);    // module start; skipped when empty; result ignored
   int (*fun_uninit)(void);  // module stop; skipped when empty; result ignored
-  void (*fun_cb)(void*);    // unused (empty in every row)
-  void* param;              // unused (empty in every row)
+  void (*fun_cb)(void*) = nullptr;  // unused (empty in every row)
+  void* param = nullptr;            // unused (empty in every row)
 } qb_init_fun_list_t;
 
 // Calls every non-empty fun_init from the first row to the last.
 void qb_init_list_start(const qb_init_fun_list_t* list, int count);
-// Calls every non-empty fun_uninit from the last row back to the first.
-void qb_init_list_stop(const qb_init_fun_list_t* list, int count);
 
 // The shutdown steps, once per process: logs "Terminating Exit...", sets the exit flag and stops
 // the init list in reverse order. Returns 1 when it ran, 0 when it had already run (later calls

@@ -14,52 +14,50 @@
 
 #include "am_log.h"
 #include "qb_audio_main.h"
+#include "qb_audio_parse_private.h"
 #include "qb_socket.h"
 
 namespace {
 
+// Rows of the dispatch table by the operations a command has.
+constexpr qb_audio_cmd_operation_t get_set(int id, qb_audio_cmd_fun_t get, qb_audio_cmd_fun_t set) {
+  return {id, get, set, nullptr};
+}
+constexpr qb_audio_cmd_operation_t set_only(int id, qb_audio_cmd_fun_t set) {
+  return {id, nullptr, set, nullptr};
+}
+
 // The dispatch table: commands of one message run in this row order; id 0 ends it.
 constexpr qb_audio_cmd_operation_t qb_audio_cmd_table[QB_AUDIO_CMD_TABLE_ROWS] = {
-    {QB_AUDIO_CMD_INPUT_SRC_MAC, input_src_mac_get, input_src_mac_set, nullptr},
-    {QB_AUDIO_CMD_INPUT_ANALOG_FULLSCALEVRMS, nullptr, input_analog_volume_set, nullptr},
-    {QB_AUDIO_CMD_OUTPUT_MUTE_CTRL, output_mute_ctrl_get, output_mute_ctrl_set, nullptr},
-    {QB_AUDIO_CMD_OUTPUT_LATENCY_CTRL, output_latency_ctrl_get, output_latency_ctrl_set, nullptr},
-    {QB_AUDIO_CMD_OUTPUT_SRC_SELECT, output_src_select_get, output_src_select_set, nullptr},
-    {QB_AUDIO_CMD_OUTPUT_DWM_MODE, output_dwm_mode_get, output_dwm_mode_set, nullptr},
-    {QB_AUDIO_CMD_OUTPUT_ANALOG_VOLUME, output_analog_volume_get, output_analog_volume_set, nullptr},
-    {QB_AUDIO_CMD_OUTPUT_ANALOG_FULLSCALEVRMS, output_analog_fullscalevrms_get,
-     output_analog_fullscalevrms_set, nullptr},
+    get_set(QB_AUDIO_CMD_INPUT_SRC_MAC, input_src_mac_get, input_src_mac_set),
+    set_only(QB_AUDIO_CMD_INPUT_ANALOG_FULLSCALEVRMS, input_analog_volume_set),
+    get_set(QB_AUDIO_CMD_OUTPUT_MUTE_CTRL, output_mute_ctrl_get, output_mute_ctrl_set),
+    get_set(QB_AUDIO_CMD_OUTPUT_LATENCY_CTRL, output_latency_ctrl_get, output_latency_ctrl_set),
+    get_set(QB_AUDIO_CMD_OUTPUT_SRC_SELECT, output_src_select_get, output_src_select_set),
+    get_set(QB_AUDIO_CMD_OUTPUT_DWM_MODE, output_dwm_mode_get, output_dwm_mode_set),
+    get_set(QB_AUDIO_CMD_OUTPUT_ANALOG_VOLUME, output_analog_volume_get, output_analog_volume_set),
+    get_set(QB_AUDIO_CMD_OUTPUT_ANALOG_FULLSCALEVRMS, output_analog_fullscalevrms_get,
+            output_analog_fullscalevrms_set),
     {QB_AUDIO_CMD_CHANNEL_INFO, nullptr, nullptr, audio_channel_info_note},
-    {QB_AUDIO_CMD_STREAM_INPUT_FORLOCAL, nullptr, stream_input_select_set, nullptr},
-    {QB_AUDIO_CMD_STREAM_INPUT_FROMNET, nullptr, stream_input_fromnet_set, nullptr},
-    {QB_AUDIO_CMD_STREAM_OUTPUT_TONET, nullptr, stream_output_tonet_set, nullptr},
-    {QB_AUDIO_CMD_CEC_PHY_ADDR, nullptr, cec_phyaddr_set, nullptr},
-    {QB_AUDIO_CMD_IT6621_MODE, nullptr, it6621_mode_set, nullptr},
-    {QB_AUDIO_CMD_MONITOR_STATUS, nullptr, monitor_status_set, nullptr},
-    {QB_AUDIO_CMD_STREAM_INPUT_FALLBACK_FORLOCAL, nullptr, stream_input_fallback_select_set, nullptr},
+    set_only(QB_AUDIO_CMD_STREAM_INPUT_FORLOCAL, stream_input_select_set),
+    set_only(QB_AUDIO_CMD_STREAM_INPUT_FROMNET, stream_input_fromnet_set),
+    set_only(QB_AUDIO_CMD_STREAM_OUTPUT_TONET, stream_output_tonet_set),
+    set_only(QB_AUDIO_CMD_CEC_PHY_ADDR, cec_phyaddr_set),
+    set_only(QB_AUDIO_CMD_IT6621_MODE, it6621_mode_set),
+    set_only(QB_AUDIO_CMD_MONITOR_STATUS, monitor_status_set),
+    set_only(QB_AUDIO_CMD_STREAM_INPUT_FALLBACK_FORLOCAL, stream_input_fallback_select_set),
     {QB_AUDIO_CMD_DETAILS_STATUS, details_audio_status_get, nullptr, nullptr},
-    {QB_AUDIO_CMD_EARC_ENABLE_CTRL, output_earc_enable_ctrl_get, output_earc_enable_ctrl_set,
-     nullptr},
-    {QB_AUDIO_CMD_EARC_ONLYARC, nullptr, input_earc_onlyarc_ctrl_set, nullptr},
+    get_set(QB_AUDIO_CMD_EARC_ENABLE_CTRL, output_earc_enable_ctrl_get, output_earc_enable_ctrl_set),
+    set_only(QB_AUDIO_CMD_EARC_ONLYARC, input_earc_onlyarc_ctrl_set),
     {0, nullptr, nullptr, nullptr},
 };
 
+// Time-out of one wait of the command thread.
+constexpr int QB_AUDIO_CMD_SELECT_TIMEOUT_MS = 1000;
 // Offset of the outer length in a message.
 constexpr int kOuterLengthOffset = 4;
 // Without a usable socket the wait fails at once: the loop pauses as long as one wait would last.
 constexpr useconds_t kCmdSocketErrorPauseUs = static_cast<useconds_t>(QB_AUDIO_CMD_SELECT_TIMEOUT_MS) * 1000U;
-
-// Reads the little-endian 32-bit integer at `offset` of a message of `size` bytes; bytes beyond
-// the end count as zero (the receive buffer is zeroed before every datagram).
-qb_s32_t read_le32_at(const qb_u8_t* message, int size, int offset) {
-  qb_u32_t value = 0;
-  for (int i = 0; i < 4; ++i) {
-    const int at = offset + i;
-    const qb_u32_t byte = (at < size) ? message[at] : 0u;
-    value |= byte << (8 * i);
-  }
-  return static_cast<qb_s32_t>(value);
-}
 
 // The handler of a row for an operation, or nullptr.
 qb_audio_cmd_fun_t handler_for(const qb_audio_cmd_operation_t& row, qb_u32_t op) {
@@ -146,10 +144,13 @@ tlv_t* is_audio_cmd_head_valid(const tlv_box_t* box, int id) {
 
 void audio_recv_data_proc_table(const qb_u8_t* message, int received,
                                 const qb_audio_cmd_operation_t* table) {
-  if (message == nullptr || received < 1 || table == nullptr) {
+  if (message == nullptr || received <= kOuterLengthOffset || table == nullptr) {
     return;
   }
-  const qb_s32_t outer_length = read_le32_at(message, received, kOuterLengthOffset);
+  // bytes of the length beyond the datagram count as zero, like the rest of the receive buffer
+  qb_s32_t outer_length;
+  (void)qb_payload_read(message + kOuterLengthOffset, received - kOuterLengthOffset, &outer_length,
+                        QB_PAYLOAD_PARTIAL);
   if (outer_length <= 0) {
     return;
   }
@@ -161,9 +162,7 @@ void audio_recv_data_proc_table(const qb_u8_t* message, int received,
   const tlv_t* cmd = is_cmd_first_type_valid(outer);
   if (cmd == nullptr) {
     AM_LOG_ERROR("invalid cmd");
-    if (outer != nullptr) {
-      tlv_box_destroy(outer);
-    }
+    tlv_box_destroy(outer);  // null when the message was no box at all
     return;
   }
   tlv_box_t* inner = tlv_box_parse(cmd->value, cmd->length);
@@ -179,10 +178,8 @@ void audio_recv_data_proc(const qb_u8_t* message, int received) {
 }
 
 int audio_proc(void) {
-  qb_u8_t buffer[QB_AUDIO_CMD_BUF_SIZE];
-  std::memset(buffer, 0, sizeof(buffer));
-  struct sockaddr_in from;
-  std::memset(&from, 0, sizeof(from));
+  qb_u8_t buffer[QB_AUDIO_CMD_BUF_SIZE] = {};
+  struct sockaddr_in from = {};
   socklen_t from_len = sizeof(from);
   const int fd = audio_cmd_fd_get();
   errno = 0;

@@ -4,15 +4,11 @@
 // control and stream selection) and the all-gates mute and unmute.
 #pragma once
 
-#include "qb_audio_misc.h"
 #include "qb_audio_protocol.h"  // command codes and payload layouts
 #include "qb_tlv_box.h"
 #include "qb_types.h"
 
 // ---- endpoint --------------------------------------------------------------------------------
-// Time-out of one wait of the command thread.
-inline constexpr int QB_AUDIO_CMD_SELECT_TIMEOUT_MS = 1000;
-
 // A command handler: (payload bytes, payload length) -> 1 when done, 0 when refused. The payload
 // is valid only during the call and may be shorter than the handler's record.
 typedef int (*qb_audio_cmd_fun_t)(const void* buf, int len);

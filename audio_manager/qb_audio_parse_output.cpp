@@ -1,7 +1,6 @@
 // Output control commands: mute, delay, source selection, downmix, analog levels and the eARC
 // output of the bridge; the all-gates mute and unmute of the FPGA matrix; the ARC mode requests to
 // the bridge services.
-#include <atomic>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -37,10 +36,10 @@ constexpr const char* kCodecFullScaleCmd = "/customer/bin/audio_codec -f %d";
 constexpr size_t kCodecCmdSize = 128;
 
 // Output port numbers of the commands.
-constexpr qb_u32_t kPortAnalog = 0;
-constexpr qb_u32_t kPortHdmi = 1;
-constexpr qb_u32_t kPortSpdif = 2;
-constexpr qb_u32_t kPortEarc = 3;
+constexpr qb_u32_t kPortAnalog = QB_AUDIO_OUTPUT_ANALOG;
+constexpr qb_u32_t kPortHdmi = QB_AUDIO_OUTPUT_HDMI;
+constexpr qb_u32_t kPortSpdif = QB_AUDIO_OUTPUT_SPDIF;
+constexpr qb_u32_t kPortEarc = QB_AUDIO_OUTPUT_EARC;
 constexpr qb_u32_t kPortDsp = 5;
 
 // A mute value of 1 mutes; anything else unmutes.
@@ -59,11 +58,7 @@ constexpr qb_u32_t kLatencyHighMask = 0x7F;
 // The eARC enable request: enable 1 switches the output on.
 constexpr qb_u32_t kEarcEnableOn = 1;
 
-// Analog output volume last passed to the codec program; read by the playback workers.
-std::atomic<qb_s32_t> g_stAnalogVolume{0};
-// The last onlyArc of the eARC-input ARC-only command; read by the stream output request. Both
-// run on the command thread.
-qb_s32_t g_stAudInputEarcOnlyarc = 0;
+qb_audio_cmd_module_t g_cmd_module;
 
 void fpga_write_byte(qb_u8_t reg, qb_u8_t value) {
   (void)I2C_Device_Write(kFpgaI2cBus, kFpgaI2cAddr, reg, &value, 1);
@@ -96,9 +91,6 @@ constexpr port_row_t kPorts[] = {
      qb_audio_earc_output_src_select, " ; "},
     {kPortDsp, "dsp", "dsp", dsp_output_mute, dsp_output_unmute, kNoLatency, nullptr, nullptr},
 };
-static_assert(kPortAnalog == QB_AUDIO_OUTPUT_ANALOG && kPortHdmi == QB_AUDIO_OUTPUT_HDMI &&
-                  kPortSpdif == QB_AUDIO_OUTPUT_SPDIF && kPortEarc == QB_AUDIO_OUTPUT_EARC,
-              "port numbers index the output tables");
 
 const port_row_t* port_row(qb_u32_t port) {
   for (const port_row_t& row : kPorts) {
@@ -116,8 +108,7 @@ void latency_write(const port_row_t& row, qb_u8_t reg, qb_u8_t value) {
 
 // Runs one codec command built from a format and a value. 1, or 0 when the shell failed.
 int run_codec(const char* handler, const char* format, int value) {
-  char command[kCodecCmdSize];
-  std::memset(command, 0, sizeof(command));
+  char command[kCodecCmdSize] = {};
   std::snprintf(command, sizeof(command), format, value);
   if (posix_system(command) < 0) {
     AM_LOG_ERROR("%s, system[%s] fail", handler, command);
@@ -133,6 +124,8 @@ void send_arc_mode(qb_s32_t outer_type, int mode) {
 }
 
 }  // namespace
+
+qb_audio_cmd_module_t& qb_audio_cmd_module() { return g_cmd_module; }
 
 const char* qb_audio_output_port_name(qb_u32_t ch) {
   static constexpr const char* kNames[] = {"analog", "hdmi", "spdif", "earc", "stream", "dsp"};
@@ -165,7 +158,7 @@ int it6621_arc_on_off_ctrl(int mode) {
   return 1;
 }
 
-qb_s32_t analog_volume_get(void) { return g_stAnalogVolume.load(); }
+qb_s32_t analog_volume_get(void) { return qb_audio_cmd_module().g_stAnalogVolume.load(); }
 
 // Get requests that have nothing to report.
 int output_mute_ctrl_get(const void*, int) { return 1; }
@@ -177,7 +170,7 @@ int output_earc_enable_ctrl_get(const void*, int) { return 1; }
 
 int output_mute_ctrl_set(const void* buf, int len) {
   qb_audio_output_mute_ctrl_t req;
-  if (!qb_payload_read_exact(buf, len, &req)) {
+  if (!qb_payload_read(buf, len, &req)) {
     return 0;
   }
   AM_LOG_INFO("%s, chn[%s][%d] mute=%d enable=%d", __func__, qb_audio_output_port_name(req.ch),
@@ -197,7 +190,7 @@ int output_mute_ctrl_set(const void* buf, int len) {
 
 int output_latency_ctrl_set(const void* buf, int len) {
   qb_audio_output_latency_ctrl_t req;
-  if (!qb_payload_read_exact(buf, len, &req)) {
+  if (!qb_payload_read(buf, len, &req)) {
     return 0;
   }
   AM_LOG_INFO("%s output latency ctrl,ch[%s][%d], time[%d] buflen[%d]", __func__,
@@ -218,7 +211,7 @@ int output_src_select_set(const void* buf, int len) {
   qb_audio_output_src_select_t req;
   // A request shorter than its 8-byte record is refused silently; a longer one is read for its
   // first 8.
-  if (!qb_payload_read_prefix(buf, len, &req)) {
+  if (!qb_payload_read(buf, len, &req, QB_PAYLOAD_PREFIX)) {
     return 0;
   }
   int sids[QB_AUDIO_OUTPUT_COUNT] = {};
@@ -253,7 +246,7 @@ int output_src_select_set(const void* buf, int len) {
 
 int output_src_select_get(const void* buf, int len) {
   qb_audio_output_src_select_t req;
-  if (!qb_payload_read_exact(buf, len, &req)) {
+  if (!qb_payload_read(buf, len, &req)) {
     return 0;
   }
   AM_LOG_INFO("%s, buflen[%d], ch[%d], src[%d]", __func__, len, req.ch, req.src);
@@ -262,7 +255,7 @@ int output_src_select_get(const void* buf, int len) {
 
 int output_dwm_mode_set(const void* buf, int len) {
   qb_audio_output_dwm_mode_t req;
-  if (!qb_payload_read_exact(buf, len, &req)) {
+  if (!qb_payload_read(buf, len, &req)) {
     AM_LOG_ERROR("output downmix mode param invalid");
     return 0;
   }
@@ -275,22 +268,22 @@ int output_dwm_mode_set(const void* buf, int len) {
 
 int output_analog_volume_set(const void* buf, int len) {
   qb_audio_output_analog_volume_t req;
-  if (!qb_payload_read_exact(buf, len, &req)) {
+  if (!qb_payload_read(buf, len, &req)) {
     return 0;
   }
   const qb_s32_t volume = static_cast<qb_s32_t>(req.vol);
   AM_LOG_INFO("%s, buflen[%d], volume[%d]", __func__, len, volume);
-  if (volume == g_stAnalogVolume.load()) {
+  if (volume == qb_audio_cmd_module().g_stAnalogVolume.load()) {
     AM_LOG_INFO("no need set volume of analog");
     return 1;
   }
-  g_stAnalogVolume.store(volume);
+  qb_audio_cmd_module().g_stAnalogVolume.store(volume);
   return run_codec(__func__, kCodecVolumeCmd, volume);
 }
 
 int output_analog_fullscalevrms_set(const void* buf, int len) {
   qb_audio_output_analog_fullscalevrms_t req;
-  if (!qb_payload_read_exact(buf, len, &req)) {
+  if (!qb_payload_read(buf, len, &req)) {
     return 0;
   }
   const int vrms = static_cast<int>(req.vrms);
@@ -300,7 +293,7 @@ int output_analog_fullscalevrms_set(const void* buf, int len) {
 
 int input_analog_volume_set(const void* buf, int len) {
   qb_audio_input_analog_fullscalevrms_t req;
-  if (!qb_payload_read_exact(buf, len, &req)) {
+  if (!qb_payload_read(buf, len, &req)) {
     return 0;
   }
   const int vrms = static_cast<int>(req.vrms);
@@ -319,7 +312,7 @@ int input_analog_volume_set(const void* buf, int len) {
 
 int output_earc_enable_ctrl_set(const void* buf, int len) {
   qb_audio_output_earc_enable_ctrl_t req;
-  if (!qb_payload_read_exact(buf, len, &req)) {
+  if (!qb_payload_read(buf, len, &req)) {
     return 0;
   }
   AM_LOG_INFO("%s, chn[%s][%d] enable=%d onlyArc=%d", __func__, qb_audio_output_port_name(req.ch),
@@ -342,14 +335,10 @@ int output_earc_enable_ctrl_set(const void* buf, int len) {
 
 int input_earc_onlyarc_ctrl_set(const void* buf, int len) {
   qb_audio_input_earc_onlyarc_t req;
-  if (!qb_payload_read_exact(buf, len, &req)) {
+  if (!qb_payload_read(buf, len, &req)) {
     return 0;
   }
-  const qb_s32_t only_arc = static_cast<qb_s32_t>(req.onlyArc);
-  AM_LOG_INFO("%s, audio input earc onlyarc=%d", __func__, only_arc);
-  qb_audio_input_earc_onlyarc_store(only_arc);
+  qb_audio_cmd_module().g_stAudInputEarcOnlyarc = static_cast<qb_s32_t>(req.onlyArc);
+  AM_LOG_INFO("%s, audio input earc onlyarc=%d", __func__, static_cast<int>(req.onlyArc));
   return 1;
 }
-
-void qb_audio_input_earc_onlyarc_store(qb_s32_t only_arc) { g_stAudInputEarcOnlyarc = only_arc; }
-qb_s32_t qb_audio_input_earc_onlyarc_get(void) { return g_stAudInputEarcOnlyarc; }

@@ -33,20 +33,11 @@ constexpr int kMacLogMax = 1024;
 // Pause after an input-from-network request, letting the playback worker pick up the address.
 constexpr useconds_t kFromNetSettleUs = 100 * 1000;
 
-// The network output that carries the ARC/eARC input, and the source number of that input.
+// The network output that carries the ARC/eARC input.
 constexpr qb_s32_t kArcStreamId = 1;
-constexpr qb_s32_t kArcSource = QB_AUDIO_SRC_EARC;
-constexpr qb_s32_t kStreamIdCount = 3;
-
-// Ports reported by a full status request: bits 1, 2, 3 and 5.
-constexpr int kDetailsMask = QB_REPORT_ALL_PORTS;
+constexpr qb_s32_t kStreamIdCount = QB_AUDIO_NET_OUTPUTS;
+// Payload size of a full status request, in its log line.
 constexpr int kDetailsPayload = 4;
-
-// Network stream selection value of the HDMI input and of the HDMI input through the DSP downmix.
-constexpr int kSelHdmi = QB_AUDIO_SRC_HDMI;
-constexpr int kSelHdmiDownmix = QB_AUDIO_SRC_HDMI_DOWNMIX;
-// Restart argument for the downmixed HDMI input: the DSP channel.
-constexpr int kDownmixRestartChannel = QB_AUDIO_CHN_DSP;
 // Report mask of a DSP change: the video channel.
 constexpr int kDspReportMask = 1 << QB_AUDIO_CHN_VIDEO;
 
@@ -60,27 +51,11 @@ struct channel_info_payload_t {
 };
 static_assert(sizeof(channel_info_payload_t) == 24, "24-byte channel information");
 
-// The last output-stream request applied for each network output, indexed by streamID. Touched
-// only on the command thread.
-qb_audio_output_stream_t g_stAudStream[kStreamIdCount] = {};
-
 // Reads the first 32-bit value of a payload; bytes past its end count as zero.
 qb_s32_t read_first_s32(const void* buf, int len) {
-  qb_s32_t value = 0;
-  if (buf != nullptr && len > 0) {
-    std::memcpy(&value, buf, static_cast<size_t>(std::min<int>(len, sizeof(value))));
-  }
+  qb_s32_t value;
+  (void)qb_payload_read(buf, len, &value, QB_PAYLOAD_PARTIAL);
   return value;
-}
-
-// A 16-character MAC field as a terminated text.
-struct mac_text_t {
-  char text[QB_AUDIO_MAC_TEXT_SIZE + 1];
-};
-mac_text_t mac_text(const char (&field)[QB_AUDIO_MAC_TEXT_SIZE]) {
-  mac_text_t out{};
-  std::memcpy(out.text, field, QB_AUDIO_MAC_TEXT_SIZE);
-  return out;
 }
 
 bool same_output_request(const qb_audio_output_stream_t& cached,
@@ -91,10 +66,11 @@ bool same_output_request(const qb_audio_output_stream_t& cached,
 
 // ARC mode for the IT6620 service from an output request on the ARC stream.
 int arc_mode_for_source(qb_s32_t source) {
-  if (source != kArcSource) {
+  if (source != QB_AUDIO_SRC_EARC) {
     return QB_ARC_MODE_OFF;
   }
-  return qb_audio_input_earc_onlyarc_get() != 0 ? QB_ARC_MODE_ARC_ONLY : QB_ARC_MODE_ARC_EARC;
+  const bool only_arc = qb_audio_cmd_module().g_stAudInputEarcOnlyarc != 0;
+  return only_arc ? QB_ARC_MODE_ARC_ONLY : QB_ARC_MODE_ARC_EARC;
 }
 
 // Next value of the process-wide header change counter (0x123456 instead of 0 after a wrap).
@@ -109,19 +85,12 @@ void bump_change_counter() {
   } while (!g_s32Audio_change.compare_exchange_weak(old_value, new_value));
 }
 
+// Name of a local input channel in the update log line; channels past the DSP are "spdif".
 const char* local_channel_name(int ch) {
-  switch (ch) {
-    case QB_AUDIO_CHN_ANALOG:
-      return "analog";
-    case QB_AUDIO_CHN_EARC:
-      return "earc";
-    case QB_AUDIO_CHN_VIDEO:
-      return "video";
-    case QB_AUDIO_CHN_DSP:
-      return "dsp";
-    default:
-      return "spdif";
-  }
+  constexpr const char* kNames[] = {"analog", "earc", "video", "dsp"};
+  static_assert(QB_AUDIO_CHN_ANALOG == 1 && QB_AUDIO_CHN_DSP == 4, "channels 1-4 index the names");
+  return (ch >= QB_AUDIO_CHN_ANALOG && ch <= QB_AUDIO_CHN_DSP) ? kNames[ch - QB_AUDIO_CHN_ANALOG]
+                                                              : "spdif";
 }
 
 qb_u8_t u8(qb_s8_t v) { return static_cast<qb_u8_t>(v); }
@@ -159,7 +128,7 @@ void spread_dsp_code(const qb_audio_info& dsp) {
   }
   qb_audio_channel_state_byte_set(QB_AUDIO_CHN_VIDEO, QB_AUDIO_INFO_AUD_DB0, dsp.AUD_DB[0]);
   for (int sid = 0; sid < kStreamIdCount; ++sid) {
-    if (qb_net_n_stream_select_get(sid) == kSelHdmi) {
+    if (qb_net_n_stream_select_get(sid) == QB_AUDIO_SRC_HDMI) {
       qb_audio_channel_state_byte_set(kNetOutputs[sid].channel, QB_AUDIO_INFO_AUD_DB0,
                                       dsp.AUD_DB[0]);
     }
@@ -206,19 +175,9 @@ void restart_outputs_of(int sel, int arg) {
   }
 }
 
-// A network input's expected format: stored when it differs, the playback run restarts.
-void note_network_input(int ch, const qb_audio_info& info) {
-  qb_audio_info old{};
-  const bool have_old = qb_audio_channel_state_copy(ch, &old) == 1;
-  if (have_old && std::memcmp(&old, &info, sizeof(info)) == 0) {
-    return;
-  }
-  if (qb_audio_channel_state_set(ch, &info) == 1) {
-    qb_audio_aplay_info_change_set(ch);
-  }
-}
-
-bool local_input_unchanged(int ch, const qb_audio_info& info) {
+// Whether a note brings nothing new for the channel: the stored record is the same byte for byte
+// (for the HDMI input: the same format).
+bool record_unchanged(int ch, const qb_audio_info& info) {
   qb_audio_info old{};
   if (qb_audio_channel_state_copy(ch, &old) != 1) {
     return false;
@@ -227,6 +186,13 @@ bool local_input_unchanged(int ch, const qb_audio_info& info) {
     return cmp_aiinfo(&info, &old) == 0;
   }
   return std::memcmp(&old, &info, sizeof(info)) == 0;
+}
+
+// A network input's expected format: stored when it differs, the playback run restarts.
+void note_network_input(int ch, const qb_audio_info& info) {
+  if (!record_unchanged(ch, info) && qb_audio_channel_state_set(ch, &info) == 1) {
+    qb_audio_aplay_info_change_set(ch);
+  }
 }
 
 // Stores a changed local input and restarts what captures it. Returns the report mask.
@@ -250,7 +216,7 @@ int note_local_input(int ch, qb_audio_info info) {
               qb_net_second_stream_select_get());
   restart_outputs_of(sel, ch);
   if (ch == QB_AUDIO_CHN_VIDEO) {
-    restart_outputs_of(kSelHdmiDownmix, kDownmixRestartChannel);
+    restart_outputs_of(QB_AUDIO_SRC_HDMI_DOWNMIX, QB_AUDIO_CHN_DSP);
     reapply_analog_hdmi();
   }
   return mask;
@@ -296,7 +262,7 @@ int input_src_mac_set(const void* buf, int len) {
 
 int stream_input_select_set(const void* buf, int len) {
   qb_audio_stream_input_select_t req;
-  const bool whole = qb_payload_read_partial(buf, len, &req);
+  const bool whole = qb_payload_read(buf, len, &req, QB_PAYLOAD_PARTIAL);
   AM_LOG_INFO("%s,stream input select ch[%s][%d], subid[%d] , fallback subsid[%d]", __func__,
               qb_audio_output_port_name(req.ch), req.ch, req.sid, req.fallback_sid);
   if (!whole) {
@@ -308,7 +274,7 @@ int stream_input_select_set(const void* buf, int len) {
 
 int stream_input_fallback_select_set(const void* buf, int len) {
   qb_audio_stream_input_select_t req;
-  const bool whole = qb_payload_read_partial(buf, len, &req);
+  const bool whole = qb_payload_read(buf, len, &req, QB_PAYLOAD_PARTIAL);
   AM_LOG_INFO("%s,stream input select ch[%s][%d], fullback_subid[%d]", __func__,
               qb_audio_output_port_name(req.ch), req.ch, req.fallback_sid);
   if (!whole) {
@@ -321,7 +287,7 @@ int stream_input_fromnet_set(const void* buf, int len) {
   AM_LOG_INFO("%s,stream input from net %d,%d", __func__, len,
               static_cast<int>(sizeof(qb_audio_input_stream_t)));
   qb_audio_input_stream_t req;
-  if (!qb_payload_read_exact(buf, len, &req)) {
+  if (!qb_payload_read(buf, len, &req)) {
     return 0;
   }
   qb_audio_stream_input_from_net_set(&req);
@@ -331,13 +297,12 @@ int stream_input_fromnet_set(const void* buf, int len) {
 
 int stream_output_tonet_set(const void* buf, int len) {
   qb_audio_output_stream_t req;
-  if (!qb_payload_read_exact(buf, len, &req)) {
+  if (!qb_payload_read(buf, len, &req)) {
     AM_LOG_ERROR("stream output to net param error");
     return 0;
   }
-  const mac_text_t mac = mac_text(req.vaxoMac);
-  AM_LOG_INFO("%s,stream output to net buflen:%d ,source = %d ,streamID = %d, vaxoMac=%s",
-              __func__, len, req.source, req.streamID, mac.text);
+  AM_LOG_INFO("%s,stream output to net buflen:%d ,source = %d ,streamID = %d, vaxoMac=%.*s",
+              __func__, len, req.source, req.streamID, QB_AUDIO_MAC_TEXT_SIZE, req.vaxoMac);
   if (req.streamID == kArcStreamId) {
     arc_on_off_ctrl(arc_mode_for_source(req.source));
   }
@@ -346,14 +311,12 @@ int stream_output_tonet_set(const void* buf, int len) {
     AM_LOG_INFO("stream output to net has been set");
     return 0;
   }
-  qb_audio_output_stream_t& cached = g_stAudStream[req.streamID];
+  qb_audio_output_stream_t& cached = qb_audio_cmd_module().g_stAudStream[req.streamID];
   if (same_output_request(cached, req)) {
     AM_LOG_INFO("stream output to net has been set");
     return 0;
   }
-  cached.streamID = req.streamID;
-  cached.source = req.source;
-  std::memcpy(cached.vaxoMac, req.vaxoMac, QB_AUDIO_MAC_TEXT_SIZE);
+  cached = req;
   return qb_audio_stream_output_to_net_set(&req);
 }
 
@@ -392,19 +355,19 @@ int monitor_status_set(const void* buf, int len) {
 
 int details_audio_status_get(const void* buf, int len) {
   qb_detail_audio_status req;
-  if (!qb_payload_read_exact(buf, len, &req)) {
+  if (!qb_payload_read(buf, len, &req)) {
     AM_LOG_ERROR("%s,%d buffer NULL error\r\n", __func__, len);
     return 0;
   }
-  set_update_chs(kDetailsMask);
-  reportDetailsAudioStatus(kDetailsMask);
+  set_update_chs(QB_REPORT_ALL_PORTS);
+  reportDetailsAudioStatus(QB_REPORT_ALL_PORTS);
   AM_LOG_INFO("%s,%d chs[%x]\n", __func__, kDetailsPayload, static_cast<unsigned>(req.chs));
   return 1;
 }
 
 int audio_channel_info_note(const void* buf, int len) {
   channel_info_payload_t note;
-  if (!qb_payload_read_exact(buf, len, &note)) {
+  if (!qb_payload_read(buf, len, &note)) {
     return 0;
   }
   const int ch = note.ch;
@@ -418,7 +381,7 @@ int audio_channel_info_note(const void* buf, int len) {
     return 0;
   }
   int mask = 0;
-  if (!local_input_unchanged(ch, note.info)) {
+  if (!record_unchanged(ch, note.info)) {
     mask = note_local_input(ch, note.info);
   }
   reportDetailsAudioStatus(mask);

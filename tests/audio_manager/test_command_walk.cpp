@@ -258,29 +258,6 @@ TEST_F(CommandWalk, AnalogRoutesAndPlayerCommands) {
                                              "-Dhw:3,0 -r 48000 -f S24_LE -c 2" + to + "2 --group"}));
 }
 
-// What the capture engines ask of the network stream selections.
-TEST_F(CommandWalk, StreamSelectionPredicates) {
-  struct Row { int first, second, third; const char* expected; };  // spdif 1, spdif 3, arc 1, arc 3, hdmi
-  const Row rows[] = {{QB_AUDIO_SRC_SPDIF, 0, QB_AUDIO_SRC_SPDIF, "11000"}, {QB_AUDIO_SRC_EARC, 0, QB_AUDIO_SRC_EARC, "00110"},
-                      {0, QB_AUDIO_SRC_HDMI, 0, "00001"}, {0, 0, QB_AUDIO_SRC_HDMI, "00001"}, {0, 0, 0, "00000"}};
-  for (const Row& r : rows) {
-    qb_net_first_stream_select_set(r.first), qb_net_second_stream_select_set(r.second), qb_net_third_stream_select_set(r.third);
-    std::string got;
-    for (int (*p)(void) : {is_qb_net_first_stream_select_spdif, is_qb_net_third_stream_select_spdif, is_qb_net_first_stream_select_arc,
-                           is_qb_net_third_stream_select_arc, audio_hdmi_streamout}) got += static_cast<char>('0' + p());
-    EXPECT_EQ(got, r.expected) << r.first << r.second << r.third;
-  }
-}
-
-// Selections kept for the engines read back as set.
-TEST_F(CommandWalk, KeptSelectionsReadBack) {
-  const std::pair<void (*)(int), int (*)(void)> words[] = {
-      {qb_net_stream_select_set, qb_net_stream_select_get}, {qb_msic_net_spdif_out_src_set, qb_msic_net_spdif_out_src_get},
-      {qb_misc_audio_streamId_set, qb_misc_audio_streamId_get}, {qb_msic_net_stream_in_analog_set, qb_msic_net_stream_in_analog_get}};
-  for (const auto& [set, get] : words) EXPECT_EQ((set(7), get()), 7);
-  EXPECT_EQ(qb_misc_audio_info_analog_port_get(), qb_misc_audio_info_analog_port_get());
-}
-
 // Descriptors of this process without close-on-exec, which a child program would inherit.
 std::vector<std::string> inheritable_fds() {
   std::vector<std::string> out;
@@ -299,7 +276,7 @@ TEST_F(CommandWalk, PacketLossReachesTheFileAndTheControlService) {
   const std::vector<std::string> before = inheritable_fds();
   audio_loss_info_reset();
   ASSERT_EQ(set_audio_loss_info(1, 1408), 0);
-  EXPECT_EQ(audio_loss_cycle(), 1);
+  EXPECT_EQ(check_drop_status() + report_audio_drop_msg(get_audio_drop_event().c_str()), 2);
   const std::string none = "{\"bytesDropIn10\":0,\"bytesDropTotal\":0}";
   EXPECT_EQ(am_test::read_file(root.at(AUDIO_LOSS_FILE)), "{\"audioDropInfo\":{\"stream0\":" + none +
             ",\"stream1\":{\"bytesDropIn10\":1408,\"bytesDropTotal\":1408},\"stream2\":" + none + "}}");
@@ -309,7 +286,7 @@ TEST_F(CommandWalk, PacketLossReachesTheFileAndTheControlService) {
   EXPECT_NE(std::string(d.begin() + 16, d.end()).find("\"requestUrl\":\"/api/v1/details/audio/pktDrop\""), std::string::npos);
   EXPECT_EQ(inheritable_fds(), before);
   audio_loss_info_reset();
-  EXPECT_EQ(audio_loss_cycle() + report_audio_drop_msg(""), 0);  // nothing lost: the file stays, nothing sent
+  EXPECT_EQ(check_drop_status() + report_audio_drop_msg(""), 0);  // nothing lost: the file stays, nothing sent
   EXPECT_TRUE(quiet(kReportPort));
 }
 

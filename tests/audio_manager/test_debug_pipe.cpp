@@ -5,15 +5,6 @@
 namespace am_unit {
 namespace {
 
-std::string fpga_section(const am_test::TempRoot& root) {
-  const std::string path = root.at("/tmp/section.txt");
-  FILE* file = std::fopen(path.c_str(), "w");
-  EXPECT_NE(file, nullptr);
-  dump_fpga_status(file);
-  std::fclose(file);
-  return am_test::read_file(path);
-}
-
 TEST(DebugPipe, FpgaSectionFromTheEmulatedBus) {
   am_test::TempRoot root({"tmp", "dev"});
   ASSERT_TRUE(root.write(kBus, ""));
@@ -28,7 +19,11 @@ TEST(DebugPipe, FpgaSectionFromTheEmulatedBus) {
       "[0x18][I2S_Mux_SPDIF] <-- [0x0][None] mute:1\n[0x19][SPDIF_Mux] <-- [0x2][SPDIF-I] mute:0\n\n"
       "[0x55][HDMI-RCVR-TX] --> [fpga] mute:1\n[0x56][DSP-DAO1] --> [fpga] mute:1\n[0x57][IT6620] --> [fpga] mute:1\n[0x58][PCM1804] --> [fpga] mute:0\n"
       "[0x59][i.MX8-SAI1-TX] --> [fpga] mute:1\n[0x5A][i.MX8-SAI3-TX] --> [fpga] mute:1\n[0x5B][i.MX8-SAI5-TX] --> [fpga] mute:1\n\n";
-  EXPECT_EQ(fpga_section(root), expected);
+  FILE* file = std::fopen(root.at("/tmp/section.txt").c_str(), "w");
+  ASSERT_NE(file, nullptr);
+  dump_fpga_status(file);
+  std::fclose(file);
+  EXPECT_EQ(am_test::read_file(root.at("/tmp/section.txt")), expected);
 }
 
 TEST(DebugPipe, RequestWordsChooseSections) {
