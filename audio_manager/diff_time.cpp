@@ -27,9 +27,7 @@ void print_trace_locked(const DIFF_TM_T& trace) {
   std::printf("\n");
 }
 
-bool valid_trace(int trace) {
-  return trace >= 0 && trace < DIFF_TM_TRACE_NUM;
-}
+bool valid_trace(int trace) { return trace >= 0 && trace < DIFF_TM_TRACE_NUM; }
 
 }  // namespace
 

@@ -245,7 +245,8 @@ int aud_support(int wanted, const T_Edid_Audio_Info_* list) {
   if (list == nullptr) {
     return 0;
   }
-  const unsigned count = list->u8AudioInfoNum < EDID_AUDIO_INFO_MAX_NUM ? list->u8AudioInfoNum : EDID_AUDIO_INFO_MAX_NUM;
+  const unsigned count =
+      list->u8AudioInfoNum < EDID_AUDIO_INFO_MAX_NUM ? list->u8AudioInfoNum : EDID_AUDIO_INFO_MAX_NUM;
   if (wanted >= MIX_AUD_AAC && wanted <= MIX_AUD_TRUEHD) {
     for (unsigned i = 0; i < count; ++i) {
       const T_Audio_Info& e = list->ptAudioInfo[i];

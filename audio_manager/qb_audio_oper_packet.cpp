@@ -19,8 +19,7 @@ struct sample_frequency_row_t {
 
 // Sample-frequency code -> ALSA rate and EDID rate flag; code 3 (32 kHz) plays at 48000 Hz.
 constexpr sample_frequency_row_t kSampleFrequencyTable[] = {
-    {0, 44100, 2}, {2, 48000, 4}, {3, 48000, 1}, {8, 88200, 8},
-    {10, 96000, 16}, {12, 176400, 32}, {14, 192000, 64},
+    {0, 44100, 2}, {2, 48000, 4}, {3, 48000, 1}, {8, 88200, 8}, {10, 96000, 16}, {12, 176400, 32}, {14, 192000, 64},
 };
 constexpr unsigned kDefaultAlsaRate = 48000;
 constexpr int kDefaultEdidFlag = 4;
@@ -39,8 +38,10 @@ struct audio_type_name_t {
   const char* name;
 };
 constexpr audio_type_name_t kAudioTypeNames[] = {
-    {QB_AUDIO_TYPE_LPCM, "LPCM"}, {QB_AUDIO_TYPE_NLPCM, "NLPCM"},
-    {QB_AUDIO_TYPE_DSD, "DSD"},   {QB_AUDIO_TYPE_HBR, "HBR"},
+    {QB_AUDIO_TYPE_LPCM, "LPCM"},
+    {QB_AUDIO_TYPE_NLPCM, "NLPCM"},
+    {QB_AUDIO_TYPE_DSD, "DSD"},
+    {QB_AUDIO_TYPE_HBR, "HBR"},
 };
 
 // Decoder code ranges (inclusive) to encoding names; codes outside every row are "Unknown".
@@ -50,8 +51,8 @@ struct dsp_range_t {
   const char* name;
 };
 constexpr dsp_range_t kDspEncodingNames[] = {
-    {2, 2, "Dolby Digit"},   {3, 3, "Dolby Digit Plus"}, {5, 10, "Dolby TrueHD"},
-    {11, 16, "DTS"},         {17, 29, "DTS HD"},         {30, 40, "DTS HD Master"},
+    {2, 2, "Dolby Digit"}, {3, 3, "Dolby Digit Plus"}, {5, 10, "Dolby TrueHD"},
+    {11, 16, "DTS"},       {17, 29, "DTS HD"},         {30, 40, "DTS HD Master"},
 };
 
 struct dsp_mix_range_t {
@@ -60,9 +61,8 @@ struct dsp_mix_range_t {
   MIX_AUD_E mix;
 };
 constexpr dsp_mix_range_t kDspMixTypes[] = {
-    {0, 1, MIX_AUD_AAC},     {2, 2, MIX_AUD_AC3},    {3, 3, MIX_AUD_DDP},
-    {4, 10, MIX_AUD_TRUEHD}, {11, 15, MIX_AUD_DTS},  {16, 29, MIX_AUD_DTSHD},
-    {30, 40, MIX_AUD_DTDHDMA},
+    {0, 1, MIX_AUD_AAC},   {2, 2, MIX_AUD_AC3},     {3, 3, MIX_AUD_DDP},       {4, 10, MIX_AUD_TRUEHD},
+    {11, 15, MIX_AUD_DTS}, {16, 29, MIX_AUD_DTSHD}, {30, 40, MIX_AUD_DTDHDMA},
 };
 
 constexpr const char* kEncodingUnknown = "Unknown";
@@ -202,7 +202,7 @@ void audio_info_head_set(qb_audio_oper_ctrl_t* ctrl, const qb_audio_info* ainfo)
   if (ctrl == nullptr || ainfo == nullptr) {
     return;
   }
-  audio_transport_head_t& head = ctrl->audio_info_head;
+  audio_transport_head_t& head = ctrl->net.audio_info_head;
   head.Sample_Frequency = static_cast<qb_u8_t>(ainfo->SampleFrequency);
   head.Channels = static_cast<qb_u8_t>(ainfo->ValidCh);
   head.Sample_Size = static_cast<qb_u8_t>(ainfo->SampleSize);
@@ -216,11 +216,11 @@ void audio_info_head_set(qb_audio_oper_ctrl_t* ctrl, const qb_audio_info* ainfo)
   head.Cfg_Change_Number = audio_change_counter_next();
   memcpy(head.IEC60958_Channel_Stats, ainfo->ChStat, sizeof(head.IEC60958_Channel_Stats));
   memcpy(head.Audio_Info_Frame, ainfo->AUD_DB, sizeof(head.Audio_Info_Frame));
-  AM_LOG_INFO("%s,sf:%d,chn:%d,ss:%d,ad:%d,spd:%d", "audio_info_head_set", head.Sample_Frequency,
-              head.Channels, head.Sample_Size, head.Audio_Type, head.SPDIF);
+  AM_LOG_INFO("%s,sf:%d,chn:%d,ss:%d,ad:%d,spd:%d", "audio_info_head_set", head.Sample_Frequency, head.Channels,
+              head.Sample_Size, head.Audio_Type, head.SPDIF);
   const qb_u8_t* cs = head.IEC60958_Channel_Stats;
-  AM_LOG_INFO("%s,IEC60958_Channel_Stats[%02x,%02x,%02x,%02x,%02x]", "audio_info_head_set", cs[0], cs[1],
-              cs[2], cs[3], cs[4]);
+  AM_LOG_INFO("%s,IEC60958_Channel_Stats[%02x,%02x,%02x,%02x,%02x]", "audio_info_head_set", cs[0], cs[1], cs[2], cs[3],
+              cs[4]);
 }
 
 void _file_param_set(qb_audio_oper_ctrl_t* ctrl, const qb_audio_info* ainfo) {
@@ -229,11 +229,11 @@ void _file_param_set(qb_audio_oper_ctrl_t* ctrl, const qb_audio_info* ainfo) {
   }
   audio_info_head_set(ctrl, ainfo);
   if (ainfo != nullptr) {
-    ctrl->rhwparams.format = audio_code_to_alsa_format(static_cast<qb_u8_t>(ainfo->SampleSize));
-    ctrl->rhwparams.channels = audio_code_to_alsa_channels(static_cast<qb_u8_t>(ainfo->ValidCh));
-    ctrl->rhwparams.rate = audio_code_to_alsa_rate(static_cast<qb_u8_t>(ainfo->SampleFrequency));
+    ctrl->pcm.rhwparams.format = audio_code_to_alsa_format(static_cast<qb_u8_t>(ainfo->SampleSize));
+    ctrl->pcm.rhwparams.channels = audio_code_to_alsa_channels(static_cast<qb_u8_t>(ainfo->ValidCh));
+    ctrl->pcm.rhwparams.rate = audio_code_to_alsa_rate(static_cast<qb_u8_t>(ainfo->SampleFrequency));
   }
-  ctrl->hwparams = ctrl->rhwparams;
+  ctrl->pcm.hwparams = ctrl->pcm.rhwparams;
 }
 
 int get_pkt_size(qb_audio_oper_ctrl_t* ctrl) {

@@ -111,5 +111,5 @@ MIX_AUD_E get_audio_type_from_dsp(int code);
 bool spdif_is_support(int code);
 bool arc_is_support(int code);
 // Names of the encodings.
-const char* audio_type_name(int audio_type);         // "LPCM", "NLPCM", "DSD", "HBR", "UNKNOWN"
-const char* audio_dsp_encoding_name(int code);       // decoder code to encoding name
+const char* audio_type_name(int audio_type);    // "LPCM", "NLPCM", "DSD", "HBR", "UNKNOWN"
+const char* audio_dsp_encoding_name(int code);  // decoder code to encoding name

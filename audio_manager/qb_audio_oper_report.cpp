@@ -2,14 +2,13 @@
 #include "qb_audio_oper_report.h"
 
 #include <arpa/inet.h>
+#include <json/writer.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <cstdio>
 #include <cstring>
 #include <mutex>
-
-#include <json/writer.h>
 
 #include "am_log.h"
 #include "qb_audio_misc.h"
@@ -93,11 +92,10 @@ void dump_output_record(int ch, const qb_audio_info& a) {
       "%s:%d ainfo :\nAudio_On:[%d] \nSampleFrequency:[%d:%d] \nValidCh:[%d] \nSampleSize:[%d] "
       "\nenable_upstream:[%d] \nDownSampling:[%d] \nMode16bits:[%d] \nAudio_Type:[%d:%s] "
       "\nbSPDIF:[%d] \nAUD_DB[0]:[%d:%s] \nChStat[0]:[%d]\n",
-      "GetOutputReportMsg", __LINE__, u8(a.Audio_On), freq_code,
-      get_sample_frequency2(ch, freq_code), u8(a.ValidCh), u8(a.SampleSize),
-      u8(a.enable_upstream), u8(a.DownSampling), u8(a.Mode16bits), u8(a.Audio_Type),
-      audio_type_name(u8(a.Audio_Type)), u8(a.bSPDIF), u8(a.AUD_DB[0]),
-      audio_dsp_encoding_name(u8(a.AUD_DB[0])), u8(a.ChStat[0]));
+      "GetOutputReportMsg", __LINE__, u8(a.Audio_On), freq_code, get_sample_frequency2(ch, freq_code), u8(a.ValidCh),
+      u8(a.SampleSize), u8(a.enable_upstream), u8(a.DownSampling), u8(a.Mode16bits), u8(a.Audio_Type),
+      audio_type_name(u8(a.Audio_Type)), u8(a.bSPDIF), u8(a.AUD_DB[0]), audio_dsp_encoding_name(u8(a.AUD_DB[0])),
+      u8(a.ChStat[0]));
 }
 
 // The report socket, created on first use. -1 when it cannot be created.
@@ -167,8 +165,7 @@ void GetInputReportMsg(Json::Value& out, int inputs) {
     if (port == nullptr || qb_audio_channel_state_copy(port->input_channel, &rec) != 1) {
       continue;
     }
-    AM_LOG_INFO("%s:%d create json port : [%s] ch[%d]", "GetInputReportMsg", __LINE__, port->name,
-                port->input_channel);
+    AM_LOG_INFO("%s:%d create json port : [%s] ch[%d]", "GetInputReportMsg", __LINE__, port->name, port->input_channel);
     out.append(make_entry(port->name, port->input_channel, rec));
   }
 }
@@ -191,9 +188,8 @@ void GetOutputReportMsg(Json::Value& out, int outputs) {
     if (ch == kNoChannel || qb_audio_channel_state_copy(ch, &rec) != 1) {
       continue;
     }
-    AM_LOG_INFO("%s:%d create json port : [%s] ch[%d] actual_sid[%d] saiid[%d]",
-                "GetOutputReportMsg", __LINE__, port->name, ch, sid,
-                qb_misc_audio_get_saiid_by_sid(sid));
+    AM_LOG_INFO("%s:%d create json port : [%s] ch[%d] actual_sid[%d] saiid[%d]", "GetOutputReportMsg", __LINE__,
+                port->name, ch, sid, qb_misc_audio_get_saiid_by_sid(sid));
     dump_output_record(ch, rec);
     out.append(make_entry(port->name, ch, rec));
   }
@@ -233,15 +229,12 @@ int ReportAudioMsg(const std::string& text) {
   box_guard_t inner{tlv_box_create()};
   box_guard_t outer{tlv_box_create()};
   if (inner.box == nullptr || outer.box == nullptr ||
-      tlv_box_put_string(inner.box, QB_REPORT_INNER_TYPE, text.c_str()) != 0 ||
-      tlv_box_serialize(inner.box) != 0 ||
-      tlv_box_put_object(outer.box, QB_REPORT_OUTER_TYPE, inner.box) != 0 ||
-      tlv_box_serialize(outer.box) != 0) {
+      tlv_box_put_string(inner.box, QB_REPORT_INNER_TYPE, text.c_str()) != 0 || tlv_box_serialize(inner.box) != 0 ||
+      tlv_box_put_object(outer.box, QB_REPORT_OUTER_TYPE, inner.box) != 0 || tlv_box_serialize(outer.box) != 0) {
     return 0;
   }
-  const ssize_t sent =
-      sendto(fd, tlv_box_get_buffer(outer.box), static_cast<size_t>(tlv_box_get_size(outer.box)),
-             0, reinterpret_cast<const sockaddr*>(&g_report_dest), sizeof(g_report_dest));
+  const ssize_t sent = sendto(fd, tlv_box_get_buffer(outer.box), static_cast<size_t>(tlv_box_get_size(outer.box)), 0,
+                              reinterpret_cast<const sockaddr*>(&g_report_dest), sizeof(g_report_dest));
   return sent >= 0 ? 1 : 0;
 }
 

@@ -33,8 +33,7 @@ constexpr output_switch_t kHdmiSwitch = {
     set_output_hdmi_stream_actual_sid,
     qb_msic_net_stream_in_hdmi_set,
     qb_audio_hdmi_output_src_select,
-    {"set_output_hdmi_stream hdmi switch to sai1 sid = %d",
-     "set_output_hdmi_stream hdmi switch to sai5 sid = %d",
+    {"set_output_hdmi_stream hdmi switch to sai1 sid = %d", "set_output_hdmi_stream hdmi switch to sai5 sid = %d",
      "set_output_hdmi_stream hdmi switch to sai3 sid = %d"},
     true,
 };
@@ -55,17 +54,14 @@ constexpr output_switch_t kSpdifSwitch = {
     set_output_spdif_stream_actual_sid,
     qb_msic_net_stream_in_spdif_set,
     qb_audio_spdif_output_src_select,
-    {"set_output_spdif_stream spdif switch to sai1 sid=%d",
-     "set_output_spdif_stream spdif switch to sai5 sid=%d",
+    {"set_output_spdif_stream spdif switch to sai1 sid=%d", "set_output_spdif_stream spdif switch to sai5 sid=%d",
      "set_output_spdif_stream spdif switch to sai3 sid=%d"},
     false,
 };
 
 // Matrix source and network-input channel of each stream id.
-constexpr int kSourceOfSid[QB_OUTPUT_STREAM_SID_MAX + 1] = {FPGA_SRC_SAI1, FPGA_SRC_SAI5,
-                                                            FPGA_SRC_SAI3};
-constexpr int kChannelOfSid[QB_OUTPUT_STREAM_SID_MAX + 1] = {QB_AUDIO_CHN_NSI1, QB_AUDIO_CHN_NSI5,
-                                                             QB_AUDIO_CHN_NSI3};
+constexpr int kSourceOfSid[QB_OUTPUT_STREAM_SID_MAX + 1] = {FPGA_SRC_SAI1, FPGA_SRC_SAI5, FPGA_SRC_SAI3};
+constexpr int kChannelOfSid[QB_OUTPUT_STREAM_SID_MAX + 1] = {QB_AUDIO_CHN_NSI1, QB_AUDIO_CHN_NSI5, QB_AUDIO_CHN_NSI3};
 
 constexpr size_t kLogLineSize = 96;
 
@@ -100,6 +96,4 @@ int switch_output(const output_switch_t& out, int mode, unsigned sid) {
 
 int set_output_hdmi_stream(int mode, unsigned sid) { return switch_output(kHdmiSwitch, mode, sid); }
 int set_output_earc_stream(int mode, unsigned sid) { return switch_output(kEarcSwitch, mode, sid); }
-int set_output_spdif_stream(int mode, unsigned sid) {
-  return switch_output(kSpdifSwitch, mode, sid);
-}
+int set_output_spdif_stream(int mode, unsigned sid) { return switch_output(kSpdifSwitch, mode, sid); }

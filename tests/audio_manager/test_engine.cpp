@@ -24,7 +24,7 @@ TEST(OperPacket, HeaderBytesAndTheValuesTheSenderWrites) {
   qb_audio_info r = make_record(10, 8, 0x80, 1);
   for (int i = 0; i < 5; ++i) r.AUD_DB[i] = static_cast<qb_s8_t>(0xA0 + i), r.ChStat[i] = static_cast<qb_s8_t>(0xF0 + i);
   audio_info_head_set(&ctrl, &r);
-  audio_transport_head_t h = ctrl.audio_info_head;
+  audio_transport_head_t h = ctrl.net.audio_info_head;
   h.Packet_Size = 0x0580;
   h.Rolling_Sample_Data_Size_Total = 0x11223344;
   const auto* b = reinterpret_cast<const uint8_t*>(&h);
@@ -34,9 +34,9 @@ TEST(OperPacket, HeaderBytesAndTheValuesTheSenderWrites) {
   EXPECT_EQ((std::vector<int>{3900, 1, 2, 10, 8, 24, 0x80, 0, 0xA3}),  // SPDIF always 0
             (std::vector<int>{static_cast<int>(h.From), h.Audio_On, h.IO_In_Use, h.Sample_Frequency, h.Channels, h.Sample_Size, h.Audio_Type, h.SPDIF,
                               h.Audio_Info_Frame[3]}));
-  const audio_transport_head_t before = ctrl.audio_info_head;
+  const audio_transport_head_t before = ctrl.net.audio_info_head;
   audio_info_head_set(&ctrl, nullptr);
-  EXPECT_EQ(0, std::memcmp(&before, &ctrl.audio_info_head, sizeof before));
+  EXPECT_EQ(0, std::memcmp(&before, &ctrl.net.audio_info_head, sizeof before));
 }
 
 TEST(OperPacket, ChannelTagsOnTwoAndEightChannelsOnly) {
@@ -71,7 +71,7 @@ TEST(OperPacket, CodeTablesAndEncodingNames) {
   _file_param_set(nullptr, &r);  // no record: nothing to set
   _file_param_set(&ctrl, &r);
   EXPECT_EQ((std::vector<int>{48000, 8, SND_PCM_FORMAT_S16_LE, 1408}),  // 32 kHz plays at 48000
-            (std::vector<int>{static_cast<int>(ctrl.hwparams.rate), static_cast<int>(ctrl.hwparams.channels), ctrl.rhwparams.format, get_pkt_size(&ctrl)}));
+            (std::vector<int>{static_cast<int>(ctrl.pcm.hwparams.rate), static_cast<int>(ctrl.pcm.hwparams.channels), ctrl.pcm.rhwparams.format, get_pkt_size(&ctrl)}));
 }
 
 // A socket connected to a local receiver stands in for the engine's socket.
@@ -83,7 +83,7 @@ class Sender : public ::testing::Test {
     setsockopt(receiver.fd(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
     ASSERT_GE(fd = receiver.connected_sender(), 0);
     qb_audio_oper_default(&ctrl);
-    ctrl.tx_fd = fd, ctrl.pktSize = 1408;
+    ctrl.net.tx_fd = fd, ctrl.net.pktSize = 1408;
     net.assign(QB_AUDIO_BUF_DEFAULT_SIZE, 0), ctrl.net_audiobuf = net.data();
     const qb_audio_info r = make_record(2, 2, 0x80);
     audio_info_head_set(&ctrl, &r);
@@ -107,19 +107,19 @@ TEST_F(Sender, ChunksAreCutInto1408ByteDatagramsSentThreePerCall) {
   const Case cases[] = {{1920, 1, {1408, 512}}, {12288, 3, {1408, 1408, 1408, 1408, 1408, 1408, 1408, 1408, 1024}}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.bytes);
-    ctrl.rollingSampleDataSizeTotal = 0;
+    ctrl.loss.rollingSampleDataSizeTotal = 0;
     EXPECT_EQ(c.calls, capture_send_chunk(&ctrl, pcm.data(), c.bytes));
     const auto got = received();
     ASSERT_EQ(c.sizes.size(), got.size());
     Bytes joined;
     for (size_t i = 0; i < got.size(); ++i) {
       const audio_transport_head_t h = head_of(got[i]);
-      EXPECT_EQ((std::vector<size_t>{c.sizes[i], c.sizes[i] + 56, 1408u * i, AUDIO_HEAD_MAGIC, ctrl.audio_info_head.Cfg_Change_Number}),
+      EXPECT_EQ((std::vector<size_t>{c.sizes[i], c.sizes[i] + 56, 1408u * i, AUDIO_HEAD_MAGIC, ctrl.net.audio_info_head.Cfg_Change_Number}),
                 (std::vector<size_t>{h.Packet_Size, got[i].size(), h.Rolling_Sample_Data_Size_Total, h.Magic, h.Cfg_Change_Number})) << i;
       joined.insert(joined.end(), got[i].begin() + 56, got[i].end());
     }
     EXPECT_EQ(Bytes(pcm.begin(), pcm.begin() + static_cast<long>(c.bytes)), joined);
-    EXPECT_EQ(c.bytes, ctrl.rollingSampleDataSizeTotal);
+    EXPECT_EQ(c.bytes, ctrl.loss.rollingSampleDataSizeTotal);
   }
 }
 

@@ -61,7 +61,7 @@ class NewFormat : public RoutingTest {
     qb_audio_oper_ctrl_t tmp;
     qb_audio_oper_default(&tmp);
     audio_info_head_set(&tmp, &r);
-    return tmp.audio_info_head;
+    return tmp.net.audio_info_head;
   }
   int run(audio_transport_head_t h) { return calls.list.clear(), qb_audio_oper_new_format(&ctrl, &h); }
   bool called(const std::string& s) const { return std::find(calls.list.begin(), calls.list.end(), s) != calls.list.end(); }
@@ -81,8 +81,8 @@ TEST_F(NewFormat, AdoptsTheFormatAndEndsTheRun) {
   h.Audio_Info_Frame[0] = 5;
   EXPECT_EQ(1, run(h));
   const qb_audio_info ch6 = record(6);
-  EXPECT_EQ((std::vector<int>{1, 10, 5, 10, 8, 2}), (std::vector<int>{ctrl.in_aborting.load(), ctrl.audio_info_head.Sample_Frequency,
-            ctrl.audio_info_head.Audio_Info_Frame[0], ch6.SampleFrequency, ch6.ValidCh, ch6.io_in_use}));
+  EXPECT_EQ((std::vector<int>{1, 10, 5, 10, 8, 2}), (std::vector<int>{ctrl.in_aborting.load(), ctrl.net.audio_info_head.Sample_Frequency,
+            ctrl.net.audio_info_head.Audio_Info_Frame[0], ch6.SampleFrequency, ch6.ValidCh, ch6.io_in_use}));
   EXPECT_EQ((std::vector<std::string>{"report(0,0)"}), calls.list);
 }
 

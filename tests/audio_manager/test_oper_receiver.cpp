@@ -27,7 +27,7 @@ struct FakeDevice { bool accept = true; std::vector<Bytes> chunks; };
 FakeDevice* g_device = nullptr;
 snd_pcm_sframes_t fake_write(qb_audio_oper_ctrl_t* c, qb_u8_t* data, size_t frames) {
   if (!g_device->accept) return 0;
-  g_device->chunks.emplace_back(data, data + frames * c->bits_per_frame / 8);
+  g_device->chunks.emplace_back(data, data + frames * c->pcm.bits_per_frame / 8);
   return static_cast<snd_pcm_sframes_t>(frames);
 }
 
@@ -35,7 +35,7 @@ class Receiver : public ::testing::Test {
  protected:
   void SetUp() override {
     qb_audio_oper_default(&ctrl);
-    ctrl.file_param_num = 1, ctrl.stream = SND_PCM_STREAM_PLAYBACK;
+    ctrl.file_param_num = 1, ctrl.pcm.stream = SND_PCM_STREAM_PLAYBACK;
     set_geometry(8, SND_PCM_FORMAT_S24_LE, 240);
     staging.assign(QB_AUDIO_BUF_DEFAULT_SIZE, 0xEE);
     ctrl.audiobuf = staging.data(), ctrl.audiobuf_capacity = staging.size();
@@ -51,14 +51,14 @@ class Receiver : public ::testing::Test {
     delete ctrl.pAudBuf;
   }
   void set_geometry(unsigned channels, snd_pcm_format_t format, size_t chunk_frames) {
-    ctrl.hwparams.channels = channels, ctrl.hwparams.format = format, ctrl.hwparams.rate = 48000;
-    ctrl.bits_per_sample = format == SND_PCM_FORMAT_S16_LE ? 16 : 32;
-    ctrl.bits_per_frame = ctrl.bits_per_sample * channels;
-    ctrl.chunk_size = chunk_frames, ctrl.chunk_bytes = chunk_frames * ctrl.bits_per_frame / 8;
+    ctrl.pcm.hwparams.channels = channels, ctrl.pcm.hwparams.format = format, ctrl.pcm.hwparams.rate = 48000;
+    ctrl.pcm.bits_per_sample = format == SND_PCM_FORMAT_S16_LE ? 16 : 32;
+    ctrl.pcm.bits_per_frame = ctrl.pcm.bits_per_sample * channels;
+    ctrl.pcm.chunk_size = chunk_frames, ctrl.pcm.chunk_bytes = chunk_frames * ctrl.pcm.bits_per_frame / 8;
   }
   // A datagram with the playing header, the given rolling counter and payload.
   Bytes dgram(uint32_t rolling, size_t n, uint8_t fill) const {
-    audio_transport_head_t h = ctrl.audio_info_head;
+    audio_transport_head_t h = ctrl.net.audio_info_head;
     h.Packet_Size = static_cast<uint32_t>(n), h.Rolling_Sample_Data_Size_Total = rolling;
     Bytes out(sizeof h + n, fill);
     std::memcpy(out.data(), &h, sizeof h);
@@ -72,8 +72,8 @@ class Receiver : public ::testing::Test {
   }
   // Parks chunk-sized runs of bytes first, first + 1, ... in the staging buffer.
   void stage(uint8_t first, size_t chunks) {
-    for (size_t i = 0; i < chunks * ctrl.chunk_bytes; ++i) staging[ctrl.audiobuf_datalen + i] = static_cast<uint8_t>(first + i / ctrl.chunk_bytes);
-    ctrl.audiobuf_datalen += static_cast<unsigned>(chunks * ctrl.chunk_bytes);
+    for (size_t i = 0; i < chunks * ctrl.pcm.chunk_bytes; ++i) staging[ctrl.audiobuf_datalen + i] = static_cast<uint8_t>(first + i / ctrl.pcm.chunk_bytes);
+    ctrl.audiobuf_datalen += static_cast<unsigned>(chunks * ctrl.pcm.chunk_bytes);
   }
 
   qb_audio_oper_ctrl_t ctrl;
@@ -90,7 +90,7 @@ TEST_F(Receiver, HeaderChecksAndContiguousPayloads) {
   EXPECT_EQ(PLAYBACK_RX_APPENDED, feed(d));
   EXPECT_EQ(PLAYBACK_RX_APPENDED, feed(dgram(100, 1308, 0x11)));
   EXPECT_EQ(PLAYBACK_RX_APPENDED, feed(dgram(1408, 512, 0x22)));
-  EXPECT_EQ((std::vector<uint64_t>{1920, 1920, 0, 0, 0}), (std::vector<uint64_t>{ctrl.audiobuf_datalen, ctrl.rollingSampleDataSizeTotal,
+  EXPECT_EQ((std::vector<uint64_t>{1920, 1920, 0, 0, 0}), (std::vector<uint64_t>{ctrl.audiobuf_datalen, ctrl.loss.rollingSampleDataSizeTotal,
             lost_total(0), static_cast<uint64_t>(g_hook_calls), static_cast<uint64_t>(ctrl.in_aborting.load())}));
   EXPECT_EQ((Bytes{1, 0x11, 0x11, 0x22}), (Bytes{staging[99], staging[100], staging[1407], staging[1408]}));
   // No room: the datagram is dropped.
@@ -130,7 +130,7 @@ TEST_F(Receiver, CounterGapsBridgeLossesOrEndTheRun) {
   // Nothing expected yet: any counter is taken as it comes.
   SetUp();
   EXPECT_EQ(PLAYBACK_RX_APPENDED, feed(dgram(777777, 10, 2)));
-  EXPECT_EQ(777787u + lost_total(0), ctrl.rollingSampleDataSizeTotal);
+  EXPECT_EQ(777787u + lost_total(0), ctrl.loss.rollingSampleDataSizeTotal);
 }
 
 TEST_F(Receiver, FormatFieldsAndInfoFrameByteThreeRunTheHandler) {
@@ -140,9 +140,9 @@ TEST_F(Receiver, FormatFieldsAndInfoFrameByteThreeRunTheHandler) {
       {offsetof(H, cts), false}, {offsetof(H, Audio_On), false}, {offsetof(H, IO_In_Use), false}, {offsetof(H, Audio_Info_Frame) + 1, false},
       {offsetof(H, Audio_Info_Frame) + 4, false}};
   for (const auto& [at, changes] : fields) {
-    H h = ctrl.audio_info_head;
+    H h = ctrl.net.audio_info_head;
     reinterpret_cast<uint8_t*>(&h)[at] ^= 0x01;
-    EXPECT_EQ(changes ? PLAYBACK_CHANGE_HEAD : PLAYBACK_CHANGE_NONE, playback_head_change(&ctrl.audio_info_head, &h)) << at;
+    EXPECT_EQ(changes ? PLAYBACK_CHANGE_HEAD : PLAYBACK_CHANGE_NONE, playback_head_change(&ctrl.net.audio_info_head, &h)) << at;
   }
   Bytes d = dgram(0, 64, 1);
   head(d)->Sample_Frequency = 10;
@@ -197,14 +197,14 @@ TEST_F(Receiver, RealignsOnceOnTheFirstChannelZeroSampleOfEightChannelData) {
 
 TEST_F(Receiver, ChunksTheDeviceRefusesAreParkedAndLeaveFirstInOrder) {
   set_geometry(2, SND_PCM_FORMAT_S24_LE, 4);  // 32-byte chunks
-  ctrl.pAudBuf = new CAudioBuf(static_cast<int>(ctrl.chunk_bytes), 4);
+  ctrl.pAudBuf = new CAudioBuf(static_cast<int>(ctrl.pcm.chunk_bytes), 4);
   stage(1, 2);
   std::memset(&staging[ctrl.audiobuf_datalen], 3, 5);  // a partial chunk waits in the staging buffer
   ctrl.audiobuf_datalen += 5;
   EXPECT_EQ(2u, playback_move_chunks(&ctrl, fake_write));
   ASSERT_EQ(2u, device.chunks.size());
   EXPECT_EQ((Bytes{1, 2, 5, 3, 2}), (Bytes{device.chunks[0][0], device.chunks[1][31], static_cast<uint8_t>(ctrl.audiobuf_datalen), staging[0],
-                                         static_cast<uint8_t>(ctrl.chunkCountPlay)}));
+                                         static_cast<uint8_t>(ctrl.loss.chunkCountPlay)}));
   ctrl.audiobuf_datalen = 0;
   device = FakeDevice{false, {}};
   stage(1, 1);
@@ -229,10 +229,10 @@ TEST_F(Receiver, ChunksTheDeviceRefusesAreParkedAndLeaveFirstInOrder) {
 // clock service is asked to speed up, slow down or go back to nominal.
 TEST_F(Receiver, SteeringAsksTheClockServiceByTheAverageLatency) {
   am_test::UdpReceiver service{0};
-  ctrl.clifd = service.connected_sender();
-  ASSERT_GE(ctrl.clifd, 0);
-  ctrl.incStopNum = 3000;
-  ctrl.decStopNum = 1000;
+  ctrl.steer.clifd = service.connected_sender();
+  ASSERT_GE(ctrl.steer.clifd, 0);
+  ctrl.steer.incStopNum = 3000;
+  ctrl.steer.decStopNum = 1000;
   struct Case { long delay; int ring_chunks; uint32_t command; };  // averages 2000, 3200, 1000
   for (const Case& c : {Case{2000, 0, QB_SI5351_SET_RESET}, Case{2000, 5, QB_SI5351_SET_INC}, Case{1000, 0, QB_SI5351_SET_DEC}}) {
     for (int i = 0; i < 10; ++i) playback_latency_add_sample(&ctrl, c.delay, c.ring_chunks);
@@ -242,7 +242,7 @@ TEST_F(Receiver, SteeringAsksTheClockServiceByTheAverageLatency) {
     ASSERT_TRUE(service.receive(&d, kExpectMs)) << c.command;
     EXPECT_EQ(words({c.command, 1}), (d.resize(8), d)) << c.command;
   }
-  close(ctrl.clifd);
+  close(ctrl.steer.clifd);
 }
 
 }  // namespace
