@@ -21,12 +21,15 @@
 
 namespace {
 
-std::atomic<int> g_engine_shutdown{0};
-
-// Stop requests (an engine's own or the engine-wide one) are set under g_stop_mutex and announced
-// on g_stop_cv, so that an engine waiting in qb_audio_oper_wait_unless_aborting wakes at once.
-std::mutex g_stop_mutex;
-std::condition_variable g_stop_cv;
+// Stop requests (an engine's own or the engine-wide one) are set under the mutex and announced on
+// the condition variable, so that an engine waiting in qb_audio_oper_wait_unless_aborting wakes at
+// once.
+struct engine_stop_t {
+  std::atomic<int> shutdown{0};
+  std::mutex mutex;
+  std::condition_variable cv;
+};
+engine_stop_t g_stop;
 
 // After the device and ALSA's configuration cache are released, before the run's buffers go.
 constexpr unsigned kUninitSettleMs = 100;
@@ -233,32 +236,31 @@ void set_sample_geometry(qb_audio_oper_ctrl_t* ctrl) {
 
 void qb_audio_oper_shutdown_set(int on) {
   {
-    std::lock_guard<std::mutex> lock(g_stop_mutex);
-    g_engine_shutdown.store(on != 0 ? 1 : 0);
+    std::lock_guard<std::mutex> lock(g_stop.mutex);
+    g_stop.shutdown.store(on != 0 ? 1 : 0);
   }
-  g_stop_cv.notify_all();
+  g_stop.cv.notify_all();
 }
 
-int qb_audio_oper_shutdown_get() { return g_engine_shutdown.load(); }
+int qb_audio_oper_shutdown_get() { return g_stop.shutdown.load(); }
 
 bool qb_audio_oper_is_aborting(const qb_audio_oper_ctrl_t* ctrl) {
-  return ctrl->in_aborting.load(std::memory_order_relaxed) != 0 ||
-         g_engine_shutdown.load(std::memory_order_relaxed) != 0;
+  return ctrl->in_aborting.load(std::memory_order_relaxed) != 0 || g_stop.shutdown.load(std::memory_order_relaxed) != 0;
 }
 
 void qb_audio_oper_abort(qb_audio_oper_ctrl_t* ctrl) {
   if (ctrl != nullptr) {
     {
-      std::lock_guard<std::mutex> lock(g_stop_mutex);
+      std::lock_guard<std::mutex> lock(g_stop.mutex);
       ctrl->in_aborting.store(1);
     }
-    g_stop_cv.notify_all();
+    g_stop.cv.notify_all();
   }
 }
 
 void qb_audio_oper_wait_unless_aborting(const qb_audio_oper_ctrl_t* ctrl, unsigned ms) {
-  std::unique_lock<std::mutex> lock(g_stop_mutex);
-  g_stop_cv.wait_for(lock, std::chrono::milliseconds(ms), [ctrl] { return qb_audio_oper_is_aborting(ctrl); });
+  std::unique_lock<std::mutex> lock(g_stop.mutex);
+  g_stop.cv.wait_for(lock, std::chrono::milliseconds(ms), [ctrl] { return qb_audio_oper_is_aborting(ctrl); });
 }
 
 void qb_audio_oper_pause_ms(unsigned ms) { usleep(ms * 1000U); }

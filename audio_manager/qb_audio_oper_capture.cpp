@@ -99,8 +99,6 @@ bool wait_for_capture_data(qb_audio_oper_ctrl_t* ctrl, size_t frames) {
 // thread manager starts the next one.
 bool capture_device_gone(snd_pcm_sframes_t err) { return err == -EIO || err == -ENODEV || err == -EBADFD; }
 
-}  // namespace
-
 // Reads one chunk of `frames` frames into data; frames read, or -1 when the chunk was dropped.
 snd_pcm_sframes_t capture_read_chunk(qb_audio_oper_ctrl_t* ctrl, qb_u8_t* data, size_t frames) {
   size_t count = frames;
@@ -149,6 +147,8 @@ snd_pcm_sframes_t capture_read_chunk(qb_audio_oper_ctrl_t* ctrl, qb_u8_t* data, 
   }
   return static_cast<snd_pcm_sframes_t>(done);
 }
+
+}  // namespace
 
 int capture_send_chunk(qb_audio_oper_ctrl_t* ctrl, const qb_u8_t* data, size_t bytes) {
   audio_transport_head_t* slots = reinterpret_cast<audio_transport_head_t*>(ctrl->net_audiobuf);

@@ -11,5 +11,3 @@ inline constexpr size_t kCaptureBatch = 3;
 // Sends one chunk as datagrams of at most pktSize payload bytes, in batches of up to three, on the
 // connected tx_fd; advances rollingSampleDataSizeTotal. Returns the number of send calls.
 int capture_send_chunk(qb_audio_oper_ctrl_t* ctrl, const qb_u8_t* data, size_t bytes);
-// Reads one chunk (frames) from the capture device; frames read, or -1 when the chunk was dropped.
-snd_pcm_sframes_t capture_read_chunk(qb_audio_oper_ctrl_t* ctrl, qb_u8_t* data, size_t frames);

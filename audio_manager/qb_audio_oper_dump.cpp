@@ -48,8 +48,11 @@ const char* text(const char* s) { return s != nullptr ? s : "(null)"; }
 
 // The published copies, by record. Each holds the record's bytes but the stop flag, which has its
 // own atomic access.
-std::mutex g_published_lock;
-std::map<const qb_audio_oper_ctrl_t*, std::vector<unsigned char>> g_published;
+struct published_t {
+  std::mutex lock;
+  std::map<const qb_audio_oper_ctrl_t*, std::vector<unsigned char>> copies;
+};
+published_t g_published;
 
 constexpr size_t kFlagAt = offsetof(qb_audio_oper_ctrl_t, in_aborting);
 constexpr size_t kAfterFlag = kFlagAt + sizeof(std::atomic<int>);
@@ -64,10 +67,10 @@ void copy_but_flag(void* to, const void* from) {
 // (no worker runs on it).
 void published_copy(const qb_audio_oper_ctrl_t* ctrl, qb_audio_oper_ctrl_t* out) {
   {
-    std::lock_guard<std::mutex> hold(g_published_lock);
-    const auto it = g_published.find(ctrl);
-    copy_but_flag(
-        out, it != g_published.end() ? static_cast<const void*>(it->second.data()) : static_cast<const void*>(ctrl));
+    std::lock_guard<std::mutex> hold(g_published.lock);
+    const auto it = g_published.copies.find(ctrl);
+    copy_but_flag(out, it != g_published.copies.end() ? static_cast<const void*>(it->second.data())
+                                                      : static_cast<const void*>(ctrl));
   }
   out->in_aborting.store(ctrl->in_aborting.load());
   // The history pointer only ever points at the record's own history.
@@ -211,8 +214,8 @@ void qb_audio_oper_publish(const qb_audio_oper_ctrl_t* ctrl) {
   if (ctrl == nullptr) {
     return;
   }
-  std::lock_guard<std::mutex> hold(g_published_lock);
-  std::vector<unsigned char>& bytes = g_published[ctrl];
+  std::lock_guard<std::mutex> hold(g_published.lock);
+  std::vector<unsigned char>& bytes = g_published.copies[ctrl];
   bytes.resize(sizeof(qb_audio_oper_ctrl_t));
   copy_but_flag(bytes.data(), ctrl);
 }

@@ -73,12 +73,36 @@ void copy_name(char* out, const char* name) {
   out[kEncodingNameMin - 1] = '\0';
 }
 
-}  // namespace
-
+// Next value of the change counter for a new header: 0x123456 instead of 0 after a wrap.
 qb_u32_t audio_change_counter_next() {
   const qb_u32_t value = g_s32Audio_change.fetch_add(1) + 1;
   return value == 0 ? AUDIO_CHANGE_COUNTER_INIT : value;
 }
+
+unsigned alsa_rate_of_code(qb_u8_t sample_frequency) {
+  const sample_frequency_row_t* row = sample_frequency_row(sample_frequency);
+  return row != nullptr ? row->alsa_rate : kDefaultAlsaRate;
+}
+
+unsigned alsa_channels_of_code(qb_u8_t valid_ch) {
+  if (valid_ch == 2) {
+    return 2;
+  }
+  if (valid_ch == 3) {
+    return 6;
+  }
+  if (valid_ch >= 4 && valid_ch <= 8) {
+    return 8;
+  }
+  AM_LOG_WARN("ainfo->ValidCh:%d, use default 8 channels", valid_ch);
+  return 8;
+}
+
+snd_pcm_format_t alsa_format_of_code(qb_u8_t sample_size) {
+  return sample_size == 16 ? SND_PCM_FORMAT_S16_LE : SND_PCM_FORMAT_S24_LE;
+}
+
+}  // namespace
 
 int audio_channel_tags_write(qb_u8_t* data, size_t bytes, unsigned channels, size_t bits_per_sample) {
   if (data == nullptr || bits_per_sample != 32) {
@@ -101,29 +125,6 @@ int audio_channel_tags_write(qb_u8_t* data, size_t bytes, unsigned channels, siz
     }
   }
   return 1;
-}
-
-unsigned audio_code_to_alsa_rate(qb_u8_t sample_frequency) {
-  const sample_frequency_row_t* row = sample_frequency_row(sample_frequency);
-  return row != nullptr ? row->alsa_rate : kDefaultAlsaRate;
-}
-
-unsigned audio_code_to_alsa_channels(qb_u8_t valid_ch) {
-  if (valid_ch == 2) {
-    return 2;
-  }
-  if (valid_ch == 3) {
-    return 6;
-  }
-  if (valid_ch >= 4 && valid_ch <= 8) {
-    return 8;
-  }
-  AM_LOG_WARN("ainfo->ValidCh:%d, use default 8 channels", valid_ch);
-  return 8;
-}
-
-snd_pcm_format_t audio_code_to_alsa_format(qb_u8_t sample_size) {
-  return sample_size == 16 ? SND_PCM_FORMAT_S16_LE : SND_PCM_FORMAT_S24_LE;
 }
 
 int get_audio_samplerate(qb_u8_t sample_frequency) {
@@ -229,9 +230,9 @@ void _file_param_set(qb_audio_oper_ctrl_t* ctrl, const qb_audio_info* ainfo) {
   }
   audio_info_head_set(ctrl, ainfo);
   if (ainfo != nullptr) {
-    ctrl->pcm.rhwparams.format = audio_code_to_alsa_format(static_cast<qb_u8_t>(ainfo->SampleSize));
-    ctrl->pcm.rhwparams.channels = audio_code_to_alsa_channels(static_cast<qb_u8_t>(ainfo->ValidCh));
-    ctrl->pcm.rhwparams.rate = audio_code_to_alsa_rate(static_cast<qb_u8_t>(ainfo->SampleFrequency));
+    ctrl->pcm.rhwparams.format = alsa_format_of_code(static_cast<qb_u8_t>(ainfo->SampleSize));
+    ctrl->pcm.rhwparams.channels = alsa_channels_of_code(static_cast<qb_u8_t>(ainfo->ValidCh));
+    ctrl->pcm.rhwparams.rate = alsa_rate_of_code(static_cast<qb_u8_t>(ainfo->SampleFrequency));
   }
   ctrl->pcm.hwparams = ctrl->pcm.rhwparams;
 }

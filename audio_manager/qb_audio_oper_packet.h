@@ -72,9 +72,6 @@ static_assert(offsetof(audio_transport_head_t, Rolling_Sample_Data_Size_Total) =
 // refresh their headers at once).
 extern std::atomic<qb_u32_t> g_s32Audio_change;
 
-// Next value of the change counter for a new header: 0x123456 instead of 0 after a wrap.
-qb_u32_t audio_change_counter_next();
-
 // Channel tags written into byte 3 of every 32-bit sample (channel 0 is always 0x00).
 inline constexpr qb_u8_t AUDIO_CHANNEL_TAGS_8CH[8] = {0x00, 0x40, 0x80, 0xC0, 0x20, 0x60, 0xA0, 0xE0};
 inline constexpr qb_u8_t AUDIO_CHANNEL_TAGS_2CH[2] = {0x00, 0x20};
@@ -84,10 +81,6 @@ inline constexpr qb_u8_t AUDIO_CHANNEL0_TAG = 0x00;
 // boundary; only 2- and 8-channel streams are tagged. Returns 1 when tags were written.
 int audio_channel_tags_write(qb_u8_t* data, size_t bytes, unsigned channels, size_t bits_per_sample);
 
-// Code tables of the header's format fields.
-unsigned audio_code_to_alsa_rate(qb_u8_t sample_frequency);
-unsigned audio_code_to_alsa_channels(qb_u8_t valid_ch);  // logs the fallback to 8 channels
-snd_pcm_format_t audio_code_to_alsa_format(qb_u8_t sample_size);
 // EDID sample-rate flag of a sample-frequency code.
 int get_audio_samplerate(qb_u8_t sample_frequency);
 

@@ -44,15 +44,17 @@ constexpr size_t kEncodingNameSize = 32;
 constexpr int kNoStream = -1;
 constexpr int kNoChannel = 255;
 
-// The pending output mask and the lock that guards it. The lock is recursive: a report may be
-// made from a thread that already holds it.
-std::recursive_mutex update_chs_mutex;
-int update_chs = 0;
-
-// The report socket, created on first use and kept for the process; guarded by g_socket_mutex.
-std::mutex g_socket_mutex;
-int g_report_fd = -1;
-sockaddr_in g_report_dest{};
+// The module's state. The pending output mask update_chs is guarded by a recursive lock: a report
+// may be made from a thread that already holds it. The report socket is created on first use and
+// kept for the process, under its own lock.
+struct report_state_t {
+  std::recursive_mutex update_chs_mutex;
+  int update_chs = 0;
+  std::mutex socket_mutex;
+  int fd = -1;
+  sockaddr_in dest{};
+};
+report_state_t g_report;
 
 qb_u8_t u8(qb_s8_t v) { return static_cast<qb_u8_t>(v); }
 
@@ -100,21 +102,21 @@ void dump_output_record(int ch, const qb_audio_info& a) {
 
 // The report socket, created on first use. -1 when it cannot be created.
 int report_socket() {
-  std::lock_guard<std::mutex> lock(g_socket_mutex);
-  if (g_report_fd != -1) {
-    return g_report_fd;
+  std::lock_guard<std::mutex> lock(g_report.socket_mutex);
+  if (g_report.fd != -1) {
+    return g_report.fd;
   }
   const int fd = qb_create_sock(QB_UDP_SOCK);
   if (fd < 0) {
     AM_LOG_ERROR("Creat Async Report Socket Error!!!");
     return -1;
   }
-  std::memset(&g_report_dest, 0, sizeof(g_report_dest));
-  g_report_dest.sin_family = AF_INET;
-  g_report_dest.sin_port = htons(static_cast<uint16_t>(QB_REPORT_PORT));
-  g_report_dest.sin_addr.s_addr = htonl(qb_ip_a2n(QB_REPORT_ADDRESS));
-  g_report_fd = fd;
-  return g_report_fd;
+  std::memset(&g_report.dest, 0, sizeof(g_report.dest));
+  g_report.dest.sin_family = AF_INET;
+  g_report.dest.sin_port = htons(static_cast<uint16_t>(QB_REPORT_PORT));
+  g_report.dest.sin_addr.s_addr = htonl(qb_ip_a2n(QB_REPORT_ADDRESS));
+  g_report.fd = fd;
+  return g_report.fd;
 }
 
 // Frees the boxes of one message.
@@ -130,29 +132,29 @@ struct box_guard_t {
 }  // namespace
 
 void qb_report_socket_reset(void) {
-  std::lock_guard<std::mutex> lock(g_socket_mutex);
-  if (g_report_fd != -1) {
-    qb_close_socket(&g_report_fd);
-    g_report_fd = -1;
+  std::lock_guard<std::mutex> lock(g_report.socket_mutex);
+  if (g_report.fd != -1) {
+    qb_close_socket(&g_report.fd);
+    g_report.fd = -1;
   }
 }
 
 void set_update_chs(int value) {
-  std::lock_guard<std::recursive_mutex> lock(update_chs_mutex);
-  update_chs = value;
+  std::lock_guard<std::recursive_mutex> lock(g_report.update_chs_mutex);
+  g_report.update_chs = value;
 }
 
 void set_update_chs_or(int bit) {
   if (bit < 0 || bit >= kMaskBits) {
     return;
   }
-  std::lock_guard<std::recursive_mutex> lock(update_chs_mutex);
-  update_chs |= static_cast<int>(1u << bit);
+  std::lock_guard<std::recursive_mutex> lock(g_report.update_chs_mutex);
+  g_report.update_chs |= static_cast<int>(1u << bit);
 }
 
 int get_update_chs(void) {
-  std::lock_guard<std::recursive_mutex> lock(update_chs_mutex);
-  return update_chs;
+  std::lock_guard<std::recursive_mutex> lock(g_report.update_chs_mutex);
+  return g_report.update_chs;
 }
 
 void GetInputReportMsg(Json::Value& out, int inputs) {
@@ -234,15 +236,15 @@ int ReportAudioMsg(const std::string& text) {
     return 0;
   }
   const ssize_t sent = sendto(fd, tlv_box_get_buffer(outer.box), static_cast<size_t>(tlv_box_get_size(outer.box)), 0,
-                              reinterpret_cast<const sockaddr*>(&g_report_dest), sizeof(g_report_dest));
+                              reinterpret_cast<const sockaddr*>(&g_report.dest), sizeof(g_report.dest));
   return sent >= 0 ? 1 : 0;
 }
 
 int reportDetailsAudioStatus(int inputs) {
   // The mask stays locked from reading to clearing, so an output change made meanwhile by another
   // thread waits for the next report instead of being cleared unreported.
-  std::lock_guard<std::recursive_mutex> lock(update_chs_mutex);
-  const int outputs = update_chs;
+  std::lock_guard<std::recursive_mutex> lock(g_report.update_chs_mutex);
+  const int outputs = g_report.update_chs;
   if (inputs == 0 && outputs == 0) {
     return 0;
   }
@@ -251,6 +253,6 @@ int reportDetailsAudioStatus(int inputs) {
   std::string text;
   GetReportMsg(text, inputs, outputs);
   const int ret = ReportAudioMsg(text);
-  update_chs = 0;
+  g_report.update_chs = 0;
   return ret;
 }

@@ -19,7 +19,5 @@ struct playback_steer_t {
 
 // Adds one latency sample (device delay plus the chunks parked in the ring).
 void playback_latency_add_sample(qb_audio_oper_ctrl_t* ctrl, snd_pcm_sframes_t delay, int ring_chunks);
-// Samples the device (or logs why not) and restarts both counters.
-void playback_steer_sample(qb_audio_oper_ctrl_t* ctrl, playback_steer_t* steer);
 // The steering step at the end of each loop pass: sample, evaluate, or the one-time reset.
 void playback_steer_pass(qb_audio_oper_ctrl_t* ctrl, playback_steer_t* steer);

@@ -171,11 +171,9 @@ void check_5351_status(qb_audio_oper_ctrl_t* ctrl) {
 // ---------------------------------------------------------------------------------------------
 
 void playback_latency_add_sample(qb_audio_oper_ctrl_t* ctrl, snd_pcm_sframes_t delay, int ring_chunks) {
-  const qb_u64_t sample =
-      ring_chunks == 0
-          ? static_cast<qb_u64_t>(delay < 0 ? 0 : delay)
-          : static_cast<qb_u64_t>((delay < 0 ? 0 : delay) + static_cast<snd_pcm_sframes_t>(ring_chunks) *
-                                                                static_cast<snd_pcm_sframes_t>(ctrl->pcm.chunk_size));
+  const snd_pcm_sframes_t parked =
+      static_cast<snd_pcm_sframes_t>(ring_chunks) * static_cast<snd_pcm_sframes_t>(ctrl->pcm.chunk_size);
+  const qb_u64_t sample = static_cast<qb_u64_t>((delay < 0 ? 0 : delay) + parked);
   ctrl->steer.sumLatency += sample;
   if (ctrl->steer.arrChunkNum != nullptr) {
     ctrl->steer.arrChunkNum[ctrl->steer.latencyCnt % QB_AUDIO_LATENCY_HISTORY] = static_cast<size_t>(sample);
@@ -186,6 +184,9 @@ void playback_latency_add_sample(qb_audio_oper_ctrl_t* ctrl, snd_pcm_sframes_t d
   }
 }
 
+namespace {
+
+// Samples the device (or logs why not) and restarts both counters.
 void playback_steer_sample(qb_audio_oper_ctrl_t* ctrl, playback_steer_t* steer) {
   snd_pcm_sframes_t avail = 0;
   snd_pcm_sframes_t delay = 0;
@@ -198,6 +199,8 @@ void playback_steer_sample(qb_audio_oper_ctrl_t* ctrl, playback_steer_t* steer) 
   steer->recv_calls = 0;
   steer->written_chunks = 0;
 }
+
+}  // namespace
 
 void playback_steer_pass(qb_audio_oper_ctrl_t* ctrl, playback_steer_t* steer) {
   bool evaluated = false;

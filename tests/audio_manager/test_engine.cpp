@@ -51,10 +51,16 @@ TEST(OperPacket, ChannelTagsOnTwoAndEightChannelsOnly) {
 }
 
 TEST(OperPacket, CodeTablesAndEncodingNames) {
-  const int rates[][3] = {{0, 44100, 2}, {2, 48000, 4}, {3, 48000, 1}, {8, 88200, 8}, {10, 96000, 16}, {12, 176400, 32}, {14, 192000, 64}, {1, 48000, 4}, {255, 48000, 4}};
-  for (const auto& r : rates) {
-    EXPECT_EQ(static_cast<unsigned>(r[1]), audio_code_to_alsa_rate(static_cast<qb_u8_t>(r[0]))) << r[0];
-    EXPECT_EQ(r[2], get_audio_samplerate(static_cast<qb_u8_t>(r[0]))) << r[0];
+  qb_audio_oper_ctrl_t ctrl;
+  qb_audio_oper_default(&ctrl);
+  // Rate code, ALSA rate, EDID flag; channel code, ALSA channels. 32 kHz plays at 48000.
+  const int rows[][5] = {{0, 44100, 2, 2, 2}, {2, 48000, 4, 3, 6}, {3, 48000, 1, 5, 8}, {8, 88200, 8, 1, 8}, {10, 96000, 16, 0, 8},
+                         {12, 176400, 32, 4, 8}, {14, 192000, 64, 8, 8}, {1, 48000, 4, 9, 8}, {255, 48000, 4, 255, 8}};
+  for (const auto& r : rows) {
+    const qb_audio_info rec = make_record(r[0], r[3], 0x80);
+    _file_param_set(&ctrl, &rec);
+    EXPECT_EQ((std::vector<int>{r[1], r[2], r[4]}), (std::vector<int>{static_cast<int>(ctrl.pcm.hwparams.rate), get_audio_samplerate(static_cast<qb_u8_t>(r[0])),
+                                                                    static_cast<int>(ctrl.pcm.hwparams.channels)})) << r[0];
   }
   // The two decoder-code mappings differ at 4 and 16.
   EXPECT_EQ(std::string(audio_dsp_encoding_name(4)) + "|" + audio_dsp_encoding_name(16) + "|" + audio_dsp_encoding_name(30) + "|" + audio_dsp_encoding_name(41),
@@ -63,15 +69,11 @@ TEST(OperPacket, CodeTablesAndEncodingNames) {
   for (const auto& c : dsp) EXPECT_EQ(c[1], get_audio_type_from_dsp(c[0])) << c[0];
   for (int code : {0, 1, 2, 3, 4, 11, 12, 13, 14, 15}) EXPECT_TRUE(spdif_is_support(code)) << code;
   for (int code : {5, 10, 16, 20, -1, 255}) EXPECT_FALSE(arc_is_support(code)) << code;
-
-  qb_audio_oper_ctrl_t ctrl;
-  qb_audio_oper_default(&ctrl);
   qb_audio_info r = make_record(3, 1, 0x80);
   r.SampleSize = 16;
   _file_param_set(nullptr, &r);  // no record: nothing to set
   _file_param_set(&ctrl, &r);
-  EXPECT_EQ((std::vector<int>{48000, 8, SND_PCM_FORMAT_S16_LE, 1408}),  // 32 kHz plays at 48000
-            (std::vector<int>{static_cast<int>(ctrl.pcm.hwparams.rate), static_cast<int>(ctrl.pcm.hwparams.channels), ctrl.pcm.rhwparams.format, get_pkt_size(&ctrl)}));
+  EXPECT_EQ((std::vector<int>{SND_PCM_FORMAT_S16_LE, 1408}), (std::vector<int>{ctrl.pcm.rhwparams.format, get_pkt_size(&ctrl)}));
 }
 
 // A socket connected to a local receiver stands in for the engine's socket.
