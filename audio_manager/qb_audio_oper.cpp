@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
 #include <cmath>
@@ -15,6 +16,7 @@
 #include <new>
 
 #include "am_log.h"
+#include "multicast_route.h"
 #include "qb_audio_buf.h"
 #include "qb_si5351.h"
 #include "qb_socket.h"
@@ -34,33 +36,36 @@ engine_stop_t g_stop;
 // After the device and ALSA's configuration cache are released, before the run's buffers go.
 constexpr unsigned kUninitSettleMs = 100;
 
-// Period in µs of 8-channel streams at high rates, per sample format.
-struct period_override_t {
+// Period in µs and start chunks of 8-channel streams at high rates, per sample format (0 chunks =
+// the default).
+struct rate_override_t {
   unsigned rate;
   unsigned period_s24;
   unsigned period_s16;
-};
-constexpr period_override_t kPeriodOverrides8ch[] = {
-    {88200, 5000, 5000},
-    {96000, 4000, 5000},
-    {176400, 2500, 5000},
-    {192000, 2000, 4000},
-};
-constexpr unsigned kPeriodTimeDefault = 5000;
-constexpr unsigned kPeriodMinBufferTime = 40000;
-
-// Start chunks of 8-channel streams at high rates, per sample format (0 = the default).
-struct start_chunks_t {
-  unsigned rate;
   int chunks_s24;
   int chunks_s16;
 };
-constexpr start_chunks_t kStartChunks8ch[] = {
-    {96000, 8, 0},
-    {176400, 14, 7},
-    {192000, 18, 9},
+constexpr rate_override_t kOverrides8ch[] = {
+    {88200, 5000, 5000, 0, 0},
+    {96000, 4000, 5000, 8, 0},
+    {176400, 2500, 5000, 14, 7},
+    {192000, 2000, 4000, 18, 9},
 };
+constexpr unsigned kPeriodTimeDefault = 5000;
+constexpr unsigned kPeriodMinBufferTime = 40000;
 constexpr int kStartChunksDefault = 6;
+
+const rate_override_t* override_8ch(const qb_audio_oper_hwparam_t& hw) {
+  if (hw.channels != 8) {
+    return nullptr;
+  }
+  for (const auto& row : kOverrides8ch) {
+    if (row.rate == hw.rate) {
+      return &row;
+    }
+  }
+  return nullptr;
+}
 
 constexpr unsigned kPlayBufferTimeFloor = 10000;
 constexpr unsigned kPlayBufferTimeStep = 10000;
@@ -70,14 +75,26 @@ constexpr int kDelayUsecMin = 20;
 constexpr int kAlsaFormatsLast = 52;
 
 const char* const kHwDumpRule = "--------------------\n";
+// Where the network switch driver takes the multicast groups it forwards.
+const char* const kSwitchSysfsDir = "/sys/devices/platform/soc@0/soc@0:bus@30800000/30a30000.i2c/i2c-1/1-005c";
 
-// Grows a buffer to at least `size` bytes; false when memory is short (the old buffer is kept).
-bool grow_buffer(qb_u8_t** buf, size_t size) {
-  void* grown = realloc(*buf, size);
+// Grows a buffer to `need` bytes when it holds less; false (logged) when memory is short, the old
+// buffer kept. grow_log, when given, announces the growth.
+bool ensure_capacity(qb_u8_t** buf, size_t* capacity, size_t need, const char* grow_log) {
+  if (need <= *capacity) {
+    return true;
+  }
+  if (grow_log != nullptr) {
+    am_log_write(AM_LOG_LEVEL_WARN, grow_log, static_cast<unsigned long>(need), AM_LOG_FILE,
+                 static_cast<unsigned>(__LINE__));
+  }
+  void* grown = realloc(*buf, need);
   if (grown == nullptr) {
+    AM_LOG_ERROR("not enough memory");
     return false;
   }
   *buf = static_cast<qb_u8_t*>(grown);
+  *capacity = need;
   return true;
 }
 
@@ -188,7 +205,6 @@ int set_sw_params(qb_audio_oper_ctrl_t* ctrl, snd_pcm_uframes_t buffer_size, snd
   const snd_pcm_uframes_t avail_min =
       ctrl->pcm.avail_min < 0 ? ctrl->pcm.chunk_size : static_cast<snd_pcm_uframes_t>(ctrl->pcm.avail_min);
   snd_pcm_sw_params_set_avail_min(ctrl->pcm.handle, swparams, avail_min);
-  ctrl->pcm.buffer_frames = buffer_size;
   err = snd_pcm_sw_params_set_start_threshold(ctrl->pcm.handle, swparams, start_threshold);
   if (err < 0) {
     am_log_write(AM_LOG_LEVEL_ERROR, start_err, err, AM_LOG_FILE, static_cast<unsigned>(__LINE__));
@@ -221,11 +237,67 @@ int set_sw_params(qb_audio_oper_ctrl_t* ctrl, snd_pcm_uframes_t buffer_size, snd
   return 0;
 }
 
-void set_sample_geometry(qb_audio_oper_ctrl_t* ctrl) {
-  ctrl->pcm.bits_per_sample = static_cast<size_t>(snd_pcm_format_physical_width(ctrl->pcm.hwparams.format));
-  ctrl->pcm.significant_bits_per_sample = static_cast<size_t>(snd_pcm_format_width(ctrl->pcm.hwparams.format));
-  ctrl->pcm.bits_per_frame = ctrl->pcm.bits_per_sample * ctrl->pcm.hwparams.channels;
-  ctrl->pcm.chunk_bytes = ctrl->pcm.chunk_size * ctrl->pcm.bits_per_frame / 8;
+// What differs between the two directions: the failure texts, and whether the buffer time is
+// bounded and the start threshold follows the start chunks (playback) or is one frame (capture).
+struct negotiation_t {
+  bool playback;
+  const char* max_err;
+  const char* set_err;
+  const char* start_err;
+  const char* stop_err;
+};
+constexpr negotiation_t kPlayNegotiation = {
+    true,
+    "get buffer time max err:%d --[%s:%u]",
+    "hw params set err:%d --[%s:%u]",
+    "sw params set start threshold err:%d --[%s:%u]",
+    "sw params set stop threshold err:%d --[%s:%u]",
+};
+constexpr negotiation_t kCaptureNegotiation = {
+    false,
+    "hw param get err:%d --[%s:%u]",
+    "hw param set err:%d --[%s:%u]",
+    "sw param set err:%d --[%s:%u]",
+    "sw param set err:%d --[%s:%u]",
+};
+
+// Hardware and software parameters of one direction, then the sample geometry.
+int negotiate(qb_audio_oper_ctrl_t* ctrl, const negotiation_t& how) {
+  qb_audio_oper_pcm_t& pcm = ctrl->pcm;
+  snd_pcm_hw_params_t* params = nullptr;
+  snd_pcm_hw_params_alloca(&params);
+  if (set_basic_hw_params(ctrl, params) < 0) {
+    return -1;
+  }
+  int dir = 0;
+  const int err = snd_pcm_hw_params_get_buffer_time_max(params, &pcm.buffer_time, &dir);
+  if (err < 0) {
+    am_log_write(AM_LOG_LEVEL_ERROR, how.max_err, err, AM_LOG_FILE, static_cast<unsigned>(__LINE__));
+    return -1;
+  }
+  pcm.max_buffer_time = pcm.buffer_time;
+  if (how.playback) {
+    if (pcm.buffer_time < kPlayBufferTimeFloor) {
+      AM_LOG_ERROR("get buffer time:%u less than 10000", pcm.buffer_time);
+      return -1;
+    }
+    pcm.buffer_time = std::min(pcm.buffer_time / kPlayBufferTimeStep * kPlayBufferTimeStep, kPlayBufferTimeCap);
+  }
+  snd_pcm_uframes_t buffer_size = 0;
+  if (set_geometry(ctrl, params, how.set_err, &buffer_size) < 0) {
+    return -1;
+  }
+  pcm.buffer_frames = buffer_size;
+  const snd_pcm_uframes_t start =
+      how.playback ? std::min(buffer_size, std::max<snd_pcm_uframes_t>(1, get_start_threshold_play(ctrl))) : 1;
+  if (set_sw_params(ctrl, buffer_size, start, how.start_err, how.stop_err) < 0) {
+    return -1;
+  }
+  pcm.bits_per_sample = static_cast<size_t>(snd_pcm_format_physical_width(pcm.hwparams.format));
+  pcm.significant_bits_per_sample = static_cast<size_t>(snd_pcm_format_width(pcm.hwparams.format));
+  pcm.bits_per_frame = pcm.bits_per_sample * pcm.hwparams.channels;
+  pcm.chunk_bytes = pcm.chunk_size * pcm.bits_per_frame / 8;
+  return 0;
 }
 
 }  // namespace
@@ -297,14 +369,54 @@ int qb_audio_oper_default(qb_audio_oper_ctrl_t* ctrl) {
   return 0;
 }
 
-int qb_audio_oper_stream_of_device(const char* pcm_name) {
-  if (pcm_name != nullptr && strcmp(pcm_name, "hw:1,0") == 0) {
-    return 1;
+void qb_audio_oper_run_begin(qb_audio_oper_ctrl_t* ctrl, snd_pcm_stream_t stream, const char* pcm_name,
+                             const char* group, const int channels[QB_AUDIO_OPER_STREAMS]) {
+  qb_audio_oper_default(ctrl);
+  ctrl->pcm.stream = stream;
+  if (stream == SND_PCM_STREAM_CAPTURE) {
+    ctrl->pcm.start_delay = 1;
+    ctrl->command = "arecord";
+    ctrl->net.audio_tx = 1;
+  } else {
+    ctrl->pcm.open_mode = SND_PCM_NONBLOCK;
+    ctrl->command = "aplay";
   }
-  if (pcm_name != nullptr && strcmp(pcm_name, "hw:2,0") == 0) {
-    return 2;
+  ctrl->pcm_name = pcm_name;
+  ctrl->net.audio_net_addr = group;
+  set_mcast_route_rtl8364(group);
+  AM_LOG_INFO("echo %s 1 > %s/set_mcastaddr", group, kSwitchSysfsDir);
+  ctrl->net.audio_group_ip = 1;
+  ctrl->pcm.verbose = 1;
+  ctrl->pcm.dump_hw_params = 1;
+  ctrl->file_param_num = strcmp(pcm_name, "hw:1,0") == 0 ? 1 : strcmp(pcm_name, "hw:2,0") == 0 ? 2 : 3;
+  qb_audio_info source;
+  const bool have_source = qb_audio_channel_state_copy(channels[ctrl->file_param_num - 1], &source) == 1;
+  _file_param_set(ctrl, have_source ? &source : nullptr);
+}
+
+void qb_audio_oper_run_end(qb_audio_oper_ctrl_t* ctrl, const char* group) {
+  net_data_close(ctrl);
+  qb_audio_oper_general_uninit(ctrl);
+  del_mcast_route_rtl8364(group);
+  AM_LOG_INFO("echo %s > %s/del_mcastaddr", group, kSwitchSysfsDir);
+  qb_audio_oper_publish(ctrl);
+}
+
+void qb_audio_oper_describe(const qb_audio_oper_ctrl_t* ctrl) {
+  if (ctrl->pcm.quiet_mode) {
+    return;
   }
-  return 3;
+  const qb_audio_oper_hwparam_t& hw = ctrl->pcm.hwparams;
+  fprintf(stderr, "%s raw data '%s' : %s, Rate %d Hz, ",
+          ctrl->pcm.stream == SND_PCM_STREAM_PLAYBACK ? "Playing" : "Recording", ctrl->pcm_name,
+          snd_pcm_format_description(hw.format), hw.rate);
+  if (hw.channels == 1) {
+    fprintf(stderr, "Mono\n");
+  } else if (hw.channels == 2) {
+    fprintf(stderr, "Stereo\n");
+  } else {
+    fprintf(stderr, "Channels %i\n", hw.channels);
+  }
 }
 
 int qb_audio_oper_general_init(qb_audio_oper_ctrl_t* ctrl) {
@@ -388,30 +500,21 @@ unsigned int get_period_time_play(qb_audio_oper_ctrl_t* ctrl) {
     AM_LOG_ERROR("buffer time:%u less than 40000", ctrl->pcm.buffer_time);
     period = ctrl->pcm.buffer_time / 4;
   }
-  if (ctrl->pcm.rhwparams.channels == 8) {
-    for (const auto& row : kPeriodOverrides8ch) {
-      if (row.rate == ctrl->pcm.rhwparams.rate) {
-        period = ctrl->pcm.rhwparams.format == SND_PCM_FORMAT_S16_LE ? row.period_s16 : row.period_s24;
-        break;
-      }
-    }
+  const rate_override_t* row = override_8ch(ctrl->pcm.rhwparams);
+  if (row != nullptr) {
+    period = ctrl->pcm.rhwparams.format == SND_PCM_FORMAT_S16_LE ? row->period_s16 : row->period_s24;
   }
   return period;
 }
 
 int get_start_chunks(qb_audio_oper_ctrl_t* ctrl) {
-  if (ctrl->pcm.hwparams.channels != 8) {
-    return kStartChunksDefault;
-  }
-  for (const auto& row : kStartChunks8ch) {
-    if (row.rate == ctrl->pcm.hwparams.rate) {
-      const int chunks = ctrl->pcm.hwparams.format == SND_PCM_FORMAT_S16_LE   ? row.chunks_s16
-                         : ctrl->pcm.hwparams.format == SND_PCM_FORMAT_S24_LE ? row.chunks_s24
-                                                                              : 0;
-      return chunks > 0 ? chunks : kStartChunksDefault;
-    }
-  }
-  return kStartChunksDefault;
+  const rate_override_t* row = override_8ch(ctrl->pcm.hwparams);
+  const snd_pcm_format_t format = ctrl->pcm.hwparams.format;
+  const int chunks = row == nullptr                    ? 0
+                     : format == SND_PCM_FORMAT_S16_LE ? row->chunks_s16
+                     : format == SND_PCM_FORMAT_S24_LE ? row->chunks_s24
+                                                       : 0;
+  return chunks > 0 ? chunks : kStartChunksDefault;
 }
 
 snd_pcm_uframes_t get_start_threshold_play(qb_audio_oper_ctrl_t* ctrl) {
@@ -478,62 +581,13 @@ void show_available_sample_formats(qb_audio_oper_ctrl_t* ctrl, snd_pcm_hw_params
 }
 
 int set_params_play(qb_audio_oper_ctrl_t* ctrl) {
-  snd_pcm_hw_params_t* params = nullptr;
-  snd_pcm_hw_params_alloca(&params);
-  if (set_basic_hw_params(ctrl, params) < 0) {
-    return -1;
-  }
-  int dir = 0;
-  int err = snd_pcm_hw_params_get_buffer_time_max(params, &ctrl->pcm.buffer_time, &dir);
-  if (err < 0) {
-    AM_LOG_ERROR("get buffer time max err:%d", err);
-    return -1;
-  }
-  ctrl->pcm.max_buffer_time = ctrl->pcm.buffer_time;
-  if (ctrl->pcm.buffer_time < kPlayBufferTimeFloor) {
-    AM_LOG_ERROR("get buffer time:%u less than 10000", ctrl->pcm.buffer_time);
-    return -1;
-  }
-  ctrl->pcm.buffer_time = ctrl->pcm.buffer_time / kPlayBufferTimeStep * kPlayBufferTimeStep;
-  if (ctrl->pcm.buffer_time > kPlayBufferTimeCap) {
-    ctrl->pcm.buffer_time = kPlayBufferTimeCap;
-  }
-  snd_pcm_uframes_t buffer_size = 0;
-  if (set_geometry(ctrl, params, "hw params set err:%d --[%s:%u]", &buffer_size) < 0) {
-    return -1;
-  }
-  ctrl->pcm.buffer_frames = buffer_size;
-  snd_pcm_uframes_t start = get_start_threshold_play(ctrl);
-  if (start < 1) {
-    start = 1;
-  }
-  if (start > buffer_size) {
-    start = buffer_size;
-  }
-  if (set_sw_params(ctrl, buffer_size, start, "sw params set start threshold err:%d --[%s:%u]",
-                    "sw params set stop threshold err:%d --[%s:%u]") < 0) {
-    return -1;
-  }
-  set_sample_geometry(ctrl);
-  const size_t audio_need = 3 * ctrl->pcm.chunk_bytes;
-  if (audio_need > ctrl->audiobuf_capacity) {
-    AM_LOG_WARN("audio buf realloc size:%lu", static_cast<unsigned long>(audio_need));
-    if (!grow_buffer(&ctrl->audiobuf, audio_need)) {
-      AM_LOG_ERROR("not enough memory");
-      return -1;
-    }
-    ctrl->audiobuf_capacity = audio_need;
-  }
-  const size_t net_need = (ctrl->pcm.chunk_bytes / AUDIO_PKT_PAYLOAD_SIZE + 6) * QB_AUDIO_RX_SLOT_SIZE;
-  if (net_need > ctrl->net_audiobuf_capacity) {
-    AM_LOG_WARN("net audio buf realloc size:%lu", static_cast<unsigned long>(net_need));
-    if (!grow_buffer(&ctrl->net_audiobuf, net_need)) {
-      AM_LOG_ERROR("not enough memory");
-      return -1;
-    }
-    ctrl->net_audiobuf_capacity = net_need;
-  }
-  if (set_buffer_param(ctrl) < 0) {
+  if (negotiate(ctrl, kPlayNegotiation) < 0 ||
+      !ensure_capacity(&ctrl->audiobuf, &ctrl->audiobuf_capacity, 3 * ctrl->pcm.chunk_bytes,
+                       "audio buf realloc size:%lu --[%s:%u]") ||
+      !ensure_capacity(&ctrl->net_audiobuf, &ctrl->net_audiobuf_capacity,
+                       (ctrl->pcm.chunk_bytes / AUDIO_PKT_PAYLOAD_SIZE + 6) * QB_AUDIO_RX_SLOT_SIZE,
+                       "net audio buf realloc size:%lu --[%s:%u]") ||
+      set_buffer_param(ctrl) < 0) {
     return -1;
   }
   set_fifo_status(ctrl->steer.clifd, ctrl->file_param_num, static_cast<int>(ctrl->pcm.buffer_frames), 0);
@@ -541,35 +595,10 @@ int set_params_play(qb_audio_oper_ctrl_t* ctrl) {
 }
 
 int set_params_capture(qb_audio_oper_ctrl_t* ctrl) {
-  snd_pcm_hw_params_t* params = nullptr;
-  snd_pcm_hw_params_alloca(&params);
-  if (set_basic_hw_params(ctrl, params) < 0) {
+  if (negotiate(ctrl, kCaptureNegotiation) < 0 ||
+      !ensure_capacity(&ctrl->audiobuf, &ctrl->audiobuf_capacity, 2 * ctrl->pcm.chunk_bytes, nullptr) ||
+      !ensure_capacity(&ctrl->net_audiobuf, &ctrl->net_audiobuf_capacity, 2 * ctrl->pcm.chunk_bytes, nullptr)) {
     return -1;
-  }
-  int dir = 0;
-  int err = snd_pcm_hw_params_get_buffer_time_max(params, &ctrl->pcm.buffer_time, &dir);
-  if (err < 0) {
-    AM_LOG_ERROR("hw param get err:%d", err);
-    return -1;
-  }
-  ctrl->pcm.max_buffer_time = ctrl->pcm.buffer_time;
-  snd_pcm_uframes_t buffer_size = 0;
-  if (set_geometry(ctrl, params, "hw param set err:%d --[%s:%u]", &buffer_size) < 0) {
-    return -1;
-  }
-  ctrl->pcm.buffer_frames = buffer_size;
-  if (set_sw_params(ctrl, buffer_size, 1, "sw param set err:%d --[%s:%u]", "sw param set err:%d --[%s:%u]") < 0) {
-    return -1;
-  }
-  set_sample_geometry(ctrl);
-  const size_t need = 2 * ctrl->pcm.chunk_bytes;
-  if (need > ctrl->audiobuf_capacity || need > ctrl->net_audiobuf_capacity) {
-    if (!grow_buffer(&ctrl->audiobuf, need) || !grow_buffer(&ctrl->net_audiobuf, need)) {
-      AM_LOG_ERROR("not enough memory");
-      return -1;
-    }
-    ctrl->audiobuf_capacity = need;
-    ctrl->net_audiobuf_capacity = need;
   }
   ctrl->net.pktSize = get_pkt_size(ctrl);
   ctrl->dump.pktDelayMicrosecond = get_delay_usec(ctrl);

@@ -30,6 +30,8 @@ inline constexpr size_t QB_AUDIO_RX_SLOT_SIZE = 2048;
 inline constexpr qb_u32_t QB_AUDIO_MAX_BRIDGED_LOSS = 5120;
 // Entries of the latency sample history.
 inline constexpr size_t QB_AUDIO_LATENCY_HISTORY = 100;
+// Streams per direction.
+inline constexpr int QB_AUDIO_OPER_STREAMS = 3;
 // Send and receive socket buffer sizes.
 inline constexpr int QB_AUDIO_SOCK_BUF_SIZE = 8388608;
 
@@ -222,8 +224,15 @@ snd_pcm_uframes_t get_start_threshold_play(qb_audio_oper_ctrl_t* ctrl);
 int get_delay_usec(qb_audio_oper_ctrl_t* ctrl);
 int set_buffer_param(qb_audio_oper_ctrl_t* ctrl);
 void show_available_sample_formats(qb_audio_oper_ctrl_t* ctrl, snd_pcm_hw_params_t* params);
-// Stream number 1, 2 or 3 of an ALSA device name ("hw:1,0" 1, "hw:2,0" 2, any other 3).
-int qb_audio_oper_stream_of_device(const char* pcm_name);
+// The start of a run of either direction: the record's defaults and role, the stream number of the
+// device ("hw:1,0" 1, "hw:2,0" 2, any other 3), the switch's forwarding of the group, and the format
+// of the stream's channel record (channels, by stream number).
+void qb_audio_oper_run_begin(qb_audio_oper_ctrl_t* ctrl, snd_pcm_stream_t stream, const char* pcm_name,
+                             const char* group, const int channels[QB_AUDIO_OPER_STREAMS]);
+// The end of a run: sockets and device closed, the group's forwarding removed, the record published.
+void qb_audio_oper_run_end(qb_audio_oper_ctrl_t* ctrl, const char* group);
+// Describes the device's format on standard error (unless quiet).
+void qb_audio_oper_describe(const qb_audio_oper_ctrl_t* ctrl);
 // Payload size of one datagram.
 int get_pkt_size(qb_audio_oper_ctrl_t* ctrl);
 

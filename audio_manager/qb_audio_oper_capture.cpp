@@ -10,7 +10,6 @@
 #include <cstring>
 
 #include "am_log.h"
-#include "multicast_route.h"
 #include "qb_audio_misc_fpga.h"
 #include "qb_audio_misc_stream.h"
 #include "qb_audio_oper.h"
@@ -27,34 +26,14 @@ constexpr unsigned kReadErrorPauseMs = static_cast<unsigned>(kCaptureWaitMs);
 // After the run's tear-down, before the worker's next pass.
 constexpr unsigned kRunEndPauseMs = 100;
 
-// Channel state of the network output a capture stream feeds (10, 11, 12 for streams 1, 2, 3).
-int capture_channel_of_stream(int stream) {
-  return stream == 1 ? QB_AUDIO_CHN_NSO1 : stream == 2 ? QB_AUDIO_CHN_NSO3 : QB_AUDIO_CHN_NSO5;
-}
+// Channel state of the network output each capture stream feeds, by stream number.
+constexpr int kCaptureChannels[QB_AUDIO_OPER_STREAMS] = {QB_AUDIO_CHN_NSO1, QB_AUDIO_CHN_NSO3, QB_AUDIO_CHN_NSO5};
 
 // Output-source selection of the network stream this engine feeds.
 int capture_stream_selection(int stream) {
   return stream == 1   ? qb_net_first_stream_select_get()
          : stream == 2 ? qb_net_third_stream_select_get()
                        : qb_net_second_stream_select_get();
-}
-
-void print_stream_description(const qb_audio_oper_ctrl_t* ctrl) {
-  if (ctrl->pcm.quiet_mode) {
-    return;
-  }
-  fprintf(stderr, "%s %s '%s' : ", ctrl->pcm.stream == SND_PCM_STREAM_PLAYBACK ? "Playing" : "Recording", "raw data",
-          ctrl->pcm_name);
-  fprintf(stderr, "%s, ", snd_pcm_format_description(ctrl->pcm.hwparams.format));
-  fprintf(stderr, "Rate %d Hz, ", ctrl->pcm.hwparams.rate);
-  if (ctrl->pcm.hwparams.channels == 1) {
-    fprintf(stderr, "Mono");
-  } else if (ctrl->pcm.hwparams.channels == 2) {
-    fprintf(stderr, "Stereo");
-  } else {
-    fprintf(stderr, "Channels %i", ctrl->pcm.hwparams.channels);
-  }
-  fprintf(stderr, "\n");
 }
 
 void handle_suspend(qb_audio_oper_ctrl_t* ctrl) {
@@ -205,7 +184,7 @@ int capture_new(qb_audio_oper_ctrl_t* ctrl, const char* file) {
     AM_LOG_ERROR("not init");
     return -2;
   }
-  print_stream_description(ctrl);
+  qb_audio_oper_describe(ctrl);
   if (set_params_capture(ctrl) < 0) {
     AM_LOG_ERROR("set params err");
     return -2;
@@ -213,7 +192,7 @@ int capture_new(qb_audio_oper_ctrl_t* ctrl, const char* file) {
   dump_audio_ctrl(ctrl);
 
   const size_t chunk_frames = ctrl->pcm.chunk_size;
-  const int channel = capture_channel_of_stream(ctrl->file_param_num);
+  const int channel = kCaptureChannels[ctrl->file_param_num - 1];
   if (ctrl->pcm_name != nullptr && strcmp(ctrl->pcm_name, "hw:0,0") == 0 &&
       capture_stream_selection(ctrl->file_param_num) == kSelectionArc) {
     unmute_audio_input(ctrl);
@@ -257,38 +236,13 @@ int qb_audio_oper_capture(qb_audio_oper_ctrl_t* ctrl, const char* pcm_name, cons
     return -1;
   }
   AM_LOG_INFO("%s,%s,%s start", "qb_audio_oper_capture", pcm_name, group);
-  qb_audio_oper_default(ctrl);
-  ctrl->pcm.start_delay = 1;
-  ctrl->pcm.stream = SND_PCM_STREAM_CAPTURE;
-  ctrl->command = "arecord";
-  ctrl->net.audio_tx = 1;
-  ctrl->pcm_name = pcm_name;
-  ctrl->net.audio_net_addr = group;
-  set_mcast_route_rtl8364(group);
-  AM_LOG_INFO("echo %s 1 > /sys/devices/platform/soc@0/soc@0:bus@30800000/30a30000.i2c/i2c-1/1-005c/set_mcastaddr",
-              group);
-  ctrl->net.audio_group_ip = 1;
-  ctrl->pcm.verbose = 1;
-  ctrl->pcm.dump_hw_params = 1;
-  ctrl->pcm.test_position = 0;
-  ctrl->net.net_port = QB_AUDIO_NET_PORT;
-  ctrl->file_param_num = qb_audio_oper_stream_of_device(pcm_name);
-  qb_audio_info source;
-  const int channel = capture_channel_of_stream(ctrl->file_param_num);
-  const bool have_source = qb_audio_channel_state_copy(channel, &source) == 1;
-  _file_param_set(ctrl, have_source ? &source : nullptr);
-
+  qb_audio_oper_run_begin(ctrl, SND_PCM_STREAM_CAPTURE, pcm_name, group, kCaptureChannels);
   net_data_open(ctrl);
   int ret = qb_audio_oper_general_init(ctrl);
   if (ret == 0) {
     ret = capture_new(ctrl, nullptr);
   }
-  net_data_close(ctrl);
-  qb_audio_oper_general_uninit(ctrl);
-  del_mcast_route_rtl8364(group);
-  AM_LOG_INFO("echo %s > /sys/devices/platform/soc@0/soc@0:bus@30800000/30a30000.i2c/i2c-1/1-005c/del_mcastaddr",
-              group);
-  qb_audio_oper_publish(ctrl);
+  qb_audio_oper_run_end(ctrl, group);
   AM_LOG_INFO("%s %s ret=%d stop", "qb_audio_oper_capture", pcm_name, ret);
   qb_audio_oper_pause_ms(kRunEndPauseMs);
   return ret;

@@ -13,7 +13,6 @@
 
 #include "am_log.h"
 #include "audio_packet_loss_statistics.h"
-#include "multicast_route.h"
 #include "qb_audio_buf.h"
 #include "qb_audio_misc_fpga.h"
 #include "qb_audio_oper_format.h"
@@ -38,9 +37,8 @@ constexpr unsigned kRunEndPauseMs = 100;
 // After the sample rate is sent to the genlock service, before the device is set up.
 constexpr unsigned kGenlockParamPauseMs = 100;
 
-int playback_channel_of_stream(int stream) {
-  return stream == 1 ? QB_AUDIO_CHN_NSI1 : stream == 2 ? QB_AUDIO_CHN_NSI3 : QB_AUDIO_CHN_NSI5;
-}
+// Channel state of the network input each playback stream plays, by stream number.
+constexpr int kPlaybackChannels[QB_AUDIO_OPER_STREAMS] = {QB_AUDIO_CHN_NSI1, QB_AUDIO_CHN_NSI3, QB_AUDIO_CHN_NSI5};
 
 int run_new_format_handler(qb_audio_oper_ctrl_t* ctrl, const audio_transport_head_t* head) {
   playback_new_format_fn hook = g_new_format_hook.load();
@@ -375,21 +373,6 @@ int playback_loop(qb_audio_oper_ctrl_t* ctrl, const char* group) {
   return 0;
 }
 
-void print_play_description(const qb_audio_oper_ctrl_t* ctrl) {
-  if (ctrl->pcm.quiet_mode) {
-    return;
-  }
-  fprintf(stderr, "Playing raw data '%s' : %s, Rate %d Hz, ", ctrl->pcm_name,
-          snd_pcm_format_description(ctrl->pcm.hwparams.format), ctrl->pcm.hwparams.rate);
-  if (ctrl->pcm.hwparams.channels == 1) {
-    fprintf(stderr, "Mono\n");
-  } else if (ctrl->pcm.hwparams.channels == 2) {
-    fprintf(stderr, "Stereo\n");
-  } else {
-    fprintf(stderr, "Channels %i\n", ctrl->pcm.hwparams.channels);
-  }
-}
-
 }  // namespace
 
 int qb_audio_oper_playback(qb_audio_oper_ctrl_t* ctrl, const char* pcm_name, const char* group) {
@@ -397,24 +380,7 @@ int qb_audio_oper_playback(qb_audio_oper_ctrl_t* ctrl, const char* pcm_name, con
     return -1;
   }
   AM_LOG_INFO("%s,%s,%s", "qb_audio_oper_playback", pcm_name, group);
-  qb_audio_oper_default(ctrl);
-  ctrl->pcm.open_mode = SND_PCM_NONBLOCK;
-  ctrl->pcm.stream = SND_PCM_STREAM_PLAYBACK;
-  ctrl->command = "aplay";
-  ctrl->pcm_name = pcm_name;
-  ctrl->net.audio_net_addr = group;
-  set_mcast_route_rtl8364(group);
-  AM_LOG_INFO("echo %s 1 > /sys/devices/platform/soc@0/soc@0:bus@30800000/30a30000.i2c/i2c-1/1-005c/set_mcastaddr",
-              group);
-  ctrl->net.audio_group_ip = 1;
-  ctrl->pcm.test_position = 0;
-  ctrl->pcm.verbose = 1;
-  ctrl->pcm.dump_hw_params = 1;
-  ctrl->net.net_port = QB_AUDIO_NET_PORT;
-  ctrl->file_param_num = qb_audio_oper_stream_of_device(pcm_name);
-  qb_audio_info source;
-  const bool have_source = qb_audio_channel_state_copy(playback_channel_of_stream(ctrl->file_param_num), &source) == 1;
-  _file_param_set(ctrl, have_source ? &source : nullptr);
+  qb_audio_oper_run_begin(ctrl, SND_PCM_STREAM_PLAYBACK, pcm_name, group, kPlaybackChannels);
   ctrl->steer.clifd = udp_socket_create(kGenlockAddress, kGenlockBasePort + ctrl->file_param_num);
   if (!qb_audio_oper_is_aborting(ctrl)) {
     // A genlock service that does not answer holds the run up for at most three 2 s waits; a stop
@@ -429,9 +395,8 @@ int qb_audio_oper_playback(qb_audio_oper_ctrl_t* ctrl, const char* pcm_name, con
   net_data_open(ctrl);
   int ret = qb_audio_oper_general_init(ctrl);
   if (ret == 0) {
-    ctrl->pcm.hwparams = ctrl->pcm.rhwparams;
     AM_LOG_INFO("ctrl->pcm_name = %s", ctrl->pcm_name);
-    print_play_description(ctrl);
+    qb_audio_oper_describe(ctrl);
     if (set_params_play(ctrl) < 0) {
       ret = -2;
     } else {
@@ -439,12 +404,7 @@ int qb_audio_oper_playback(qb_audio_oper_ctrl_t* ctrl, const char* pcm_name, con
       ret = playback_loop(ctrl, group);
     }
   }
-  net_data_close(ctrl);
-  qb_audio_oper_general_uninit(ctrl);
-  del_mcast_route_rtl8364(group);
-  AM_LOG_INFO("echo %s > /sys/devices/platform/soc@0/soc@0:bus@30800000/30a30000.i2c/i2c-1/1-005c/del_mcastaddr",
-              group);
-  qb_audio_oper_publish(ctrl);
+  qb_audio_oper_run_end(ctrl, group);
   AM_LOG_INFO("%s %s end", "qb_audio_oper_playback", pcm_name);
   return ret;
 }
