@@ -18,6 +18,7 @@
 #include "am_log.h"
 #include "multicast_route.h"
 #include "qb_audio_buf.h"
+#include "qb_audio_misc_stream.h"
 #include "qb_si5351.h"
 #include "qb_socket.h"
 
@@ -73,6 +74,11 @@ constexpr unsigned kPlayBufferTimeCap = 200000;
 constexpr int kRingSlotsMin = 60;
 constexpr int kDelayUsecMin = 20;
 constexpr int kAlsaFormatsLast = 52;
+
+// Chunk size in frames before negotiation.
+constexpr snd_pcm_uframes_t kDefaultChunkSize = 2048;
+// Send and receive socket buffer sizes.
+constexpr int kSockBufSize = 8388608;
 
 const char* const kHwDumpRule = "--------------------\n";
 // Where the network switch driver takes the multicast groups it forwards.
@@ -439,7 +445,7 @@ int qb_audio_oper_general_init(qb_audio_oper_ctrl_t* ctrl) {
     AM_LOG_ERROR("info error: %s", snd_strerror(err));
     return -1;
   }
-  ctrl->pcm.chunk_size = QB_AUDIO_DEFAULT_CHUNK_SIZE;
+  ctrl->pcm.chunk_size = kDefaultChunkSize;
   ctrl->pcm.hwparams = ctrl->pcm.rhwparams;
   ctrl->audiobuf = static_cast<qb_u8_t*>(malloc(QB_AUDIO_BUF_DEFAULT_SIZE));
   ctrl->net_audiobuf = static_cast<qb_u8_t*>(malloc(QB_AUDIO_BUF_DEFAULT_SIZE));
@@ -649,7 +655,7 @@ int open_socket(const char* what) {
     (void)what;
     return -1;
   }
-  if (qb_set_sock_attr(fd, 1, 0, 0, QB_AUDIO_SOCK_BUF_SIZE, QB_AUDIO_SOCK_BUF_SIZE) < 0) {
+  if (qb_set_sock_attr(fd, 1, 0, 0, kSockBufSize, kSockBufSize) < 0) {
     AM_LOG_ERROR("set socket attr err");
   }
   return fd;

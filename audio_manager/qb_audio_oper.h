@@ -14,7 +14,6 @@
 #include <ctime>
 
 #include "qb_audio_misc.h"
-#include "qb_audio_misc_stream.h"  // QB_AUDIO_NET_PORT, the UDP port of every stream
 #include "qb_audio_oper_packet.h"
 #include "qb_types.h"
 
@@ -22,8 +21,6 @@ class CAudioBuf;
 
 // Size of the PCM staging buffer and of the datagram buffer at open.
 inline constexpr size_t QB_AUDIO_BUF_DEFAULT_SIZE = 196608;
-// Chunk size in frames before negotiation.
-inline constexpr snd_pcm_uframes_t QB_AUDIO_DEFAULT_CHUNK_SIZE = 2048;
 // Receive slot of one datagram in the datagram buffer.
 inline constexpr size_t QB_AUDIO_RX_SLOT_SIZE = 2048;
 // Largest gap in bytes that is bridged with silence; a larger one ends the run.
@@ -32,8 +29,6 @@ inline constexpr qb_u32_t QB_AUDIO_MAX_BRIDGED_LOSS = 5120;
 inline constexpr size_t QB_AUDIO_LATENCY_HISTORY = 100;
 // Streams per direction.
 inline constexpr int QB_AUDIO_OPER_STREAMS = 3;
-// Send and receive socket buffer sizes.
-inline constexpr int QB_AUDIO_SOCK_BUF_SIZE = 8388608;
 
 typedef struct qb_audio_oper_hwparam_t {
   snd_pcm_format_t format;

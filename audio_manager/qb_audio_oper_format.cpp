@@ -23,6 +23,10 @@ constexpr const char* kCodecVolume = "/customer/bin/audio_codec -v %d";
 constexpr int kStreamOutputMode = 4;
 constexpr int kNoFallback = -1;
 constexpr qb_u8_t kHbrRateCode = 9;
+// Bridge link state in which the eARC output's decision is made.
+constexpr int kBridgeStateDecide = 2;
+// Length of the channel-status record sent to the eARC bridge.
+constexpr int kEarcChannelStatusSize = 6;
 
 int load_edid_file(T_Edid_Audio_Info_* list) {
   EdidParser parser;
@@ -105,7 +109,7 @@ constexpr output_rule_t kHdmiRule = {
     qb_misc_audio_fallback_sid_hdmi_get,
     qb_misc_audio_sid_hdmi_get,
     get_output_hdmi_stream_mode,
-    QB_UPDATE_CH_HDMI,
+    QB_REPORT_PORT_HDMI,
     &qb_audio_new_format_ops_t::set_output_hdmi_stream,
     " saiSrc=%d ,  %d ; hdmi stream mode = %d --[%s:%u]",
     "switch to fallback:%d --[%s:%u]",
@@ -120,7 +124,7 @@ constexpr output_rule_t kEarcRule = {
     qb_misc_audio_fallback_sid_earc_get,
     qb_misc_audio_sid_earc_get,
     get_output_earc_stream_mode,
-    QB_UPDATE_CH_EARC,
+    QB_REPORT_PORT_EARC,
     &qb_audio_new_format_ops_t::set_output_earc_stream,
     " saiSrc=%d , %d ; earc stream mode = %d --[%s:%u]",
     nullptr,
@@ -135,7 +139,7 @@ constexpr output_rule_t kSpdifRule = {
     qb_misc_audio_fallback_sid_spdif_get,
     qb_misc_audio_sid_spdif_get,
     get_output_spdif_stream_mode,
-    QB_UPDATE_CH_SPDIF,
+    QB_REPORT_PORT_SPDIF,
     &qb_audio_new_format_ops_t::set_output_spdif_stream,
     " saiSrc=%d ,  %d ; spdif stream mode = %d --[%s:%u]",
     nullptr,
@@ -198,13 +202,13 @@ void decide_hdmi(int src, qb_audio_info_t* record) {
 }
 
 void send_earc_channel_status(qb_audio_oper_ctrl_t* ctrl, const qb_audio_info& ainfo) {
-  qb_u8_t record[QB_EARC_CHS_RECORD_SIZE];
+  qb_u8_t record[kEarcChannelStatusSize];
   for (int i = 0; i < 5; ++i) {
     record[i] = u8(ainfo.ChStat[i]);
   }
   record[5] = u8(ainfo.AUD_DB[3]);
   if (ops().it6621_channel_state_set != nullptr) {
-    ops().it6621_channel_state_set(record, QB_EARC_CHS_RECORD_SIZE);
+    ops().it6621_channel_state_set(record, kEarcChannelStatusSize);
   }
   struct timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
@@ -214,7 +218,7 @@ void send_earc_channel_status(qb_audio_oper_ctrl_t* ctrl, const qb_audio_info& a
 bool bridge_ready() {
   const int state = ops().get_it6621_status != nullptr ? ops().get_it6621_status() : -1;
   AM_LOG_INFO("it6621 status:%d", state);
-  return state == QB_IT6621_STATE_DECIDE;
+  return state == kBridgeStateDecide;
 }
 
 // eARC and S/PDIF outputs: direct, or their fallback when they cannot pass the format through.
@@ -237,7 +241,7 @@ bool decide_analog(int src, const qb_audio_info_t* record) {
   if (qb_misc_audio_saiid_analog_get() != src) {
     return true;
   }
-  update_chs_or(QB_UPDATE_CH_ANALOG);
+  update_chs_or(QB_REPORT_PORT_ANALOG);
   char command[64];
   if (is_qb_audio_output_mute(&record->ainfo)) {
     AM_LOG_INFO("analog_output_mute() ");

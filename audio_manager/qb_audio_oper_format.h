@@ -4,18 +4,7 @@
 #pragma once
 
 #include "Edid_Audio_Info.h"
-#include "qb_audio_misc.h"
 #include "qb_audio_oper.h"
-
-// Change-mask bits of the outputs.
-inline constexpr int QB_UPDATE_CH_ANALOG = 1;
-inline constexpr int QB_UPDATE_CH_EARC = 2;
-inline constexpr int QB_UPDATE_CH_HDMI = 3;
-inline constexpr int QB_UPDATE_CH_SPDIF = 5;
-// Bridge link state in which the eARC output's decision is made.
-inline constexpr int QB_IT6621_STATE_DECIDE = 2;
-// Length of the channel-status record sent to the eARC bridge.
-inline constexpr int QB_EARC_CHS_RECORD_SIZE = 6;
 
 // Runs on the playback worker of the stream. Returns 1 when the run was ended (the normal case),
 // 0 when the codec command failed and the datagram is to be handled as if no change had been seen.

@@ -7,7 +7,15 @@
 #include "qb_audio_misc.h"
 #include "qb_audio_oper.h"
 
-std::atomic<qb_u32_t> g_s32Audio_change{AUDIO_CHANGE_COUNTER_INIT};
+namespace {
+
+// Initial value of the process-wide header change counter, and the value used when it wraps to 0.
+constexpr qb_u32_t kChangeCounterInit = 0x123456;
+constexpr qb_u32_t kHeadFrom = 3900;
+
+}  // namespace
+
+std::atomic<qb_u32_t> g_s32Audio_change{kChangeCounterInit};
 
 namespace {
 
@@ -76,7 +84,7 @@ void copy_name(char* out, const char* name) {
 // Next value of the change counter for a new header: 0x123456 instead of 0 after a wrap.
 qb_u32_t audio_change_counter_next() {
   const qb_u32_t value = g_s32Audio_change.fetch_add(1) + 1;
-  return value == 0 ? AUDIO_CHANGE_COUNTER_INIT : value;
+  return value == 0 ? kChangeCounterInit : value;
 }
 
 unsigned alsa_rate_of_code(qb_u8_t sample_frequency) {
@@ -212,7 +220,7 @@ void audio_info_head_set(qb_audio_oper_ctrl_t* ctrl, const qb_audio_info* ainfo)
   head.Magic = AUDIO_HEAD_MAGIC;
   head.Audio_On = 1;
   head.IO_In_Use = AUDIO_HEAD_IO_IN_USE;
-  head.From = AUDIO_HEAD_FROM;
+  head.From = kHeadFrom;
   head.Mode_16bits = 0;
   head.Cfg_Change_Number = audio_change_counter_next();
   memcpy(head.IEC60958_Channel_Stats, ainfo->ChStat, sizeof(head.IEC60958_Channel_Stats));

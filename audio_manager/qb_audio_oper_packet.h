@@ -1,14 +1,11 @@
 // The network audio datagram: a 56-byte little-endian transport header followed by up to 1408
 // bytes of interleaved PCM. The header is sent as the in-memory record of the little-endian host.
-// Also the small code tables that turn the header's format codes into ALSA parameters, EDID rate
-// flags and encoding names.
+// Also the small code tables that turn the header's format codes into EDID rate flags, mix types
+// and encoding names.
 #pragma once
-
-#include <alsa/asoundlib.h>
 
 #include <atomic>
 #include <cstddef>
-#include <cstdint>
 
 #include "qb_types.h"
 
@@ -18,10 +15,7 @@ inline constexpr size_t AUDIO_TRANSPORT_HEAD_SIZE = 56;
 inline constexpr int AUDIO_PKT_PAYLOAD_SIZE = 1408;
 // Values the sender writes into the fixed header fields.
 inline constexpr qb_u32_t AUDIO_HEAD_MAGIC = 0x49325344;
-inline constexpr qb_u32_t AUDIO_HEAD_FROM = 3900;
 inline constexpr qb_u8_t AUDIO_HEAD_IO_IN_USE = 2;
-// Initial value of the process-wide header change counter, and the value used when it wraps to 0.
-inline constexpr qb_u32_t AUDIO_CHANGE_COUNTER_INIT = 0x123456;
 
 typedef struct audio_transport_head_t {
   qb_u32_t Magic;

@@ -13,7 +13,7 @@
 #include "am_log.h"
 #include "qb_audio_misc.h"
 #include "qb_audio_oper.h"
-#include "qb_audio_oper_packet.h"
+#include "qb_audio_protocol.h"
 #include "qb_audio_stream.h"
 #include "qb_socket.h"
 #include "qb_tlv_box.h"
