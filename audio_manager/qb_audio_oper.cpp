@@ -163,6 +163,15 @@ int set_basic_hw_params(qb_audio_oper_ctrl_t* ctrl, snd_pcm_hw_params_t* params)
   return 0;
 }
 
+// Logs a failed ALSA call with its error code; true when it failed.
+bool alsa_failed(int err, const char* fmt) {
+  if (err >= 0) {
+    return false;
+  }
+  am_log_write(AM_LOG_LEVEL_ERROR, fmt, err, AM_LOG_FILE, static_cast<unsigned>(__LINE__));
+  return true;
+}
+
 // Period and buffer time, installation, chunk size; set_err names the failure text of the
 // period/buffer calls.
 int set_geometry(qb_audio_oper_ctrl_t* ctrl, snd_pcm_hw_params_t* params, const char* set_err,
@@ -174,8 +183,7 @@ int set_geometry(qb_audio_oper_ctrl_t* ctrl, snd_pcm_hw_params_t* params, const 
     dir = 0;
     err = snd_pcm_hw_params_set_buffer_time_near(ctrl->pcm.handle, params, &ctrl->pcm.buffer_time, &dir);
   }
-  if (err < 0) {
-    am_log_write(AM_LOG_LEVEL_ERROR, set_err, err, AM_LOG_FILE, static_cast<unsigned>(__LINE__));
+  if (alsa_failed(err, set_err)) {
     return -1;
   }
   ctrl->pcm.monotonic = snd_pcm_hw_params_is_monotonic(params);
@@ -212,16 +220,14 @@ int set_sw_params(qb_audio_oper_ctrl_t* ctrl, snd_pcm_uframes_t buffer_size, snd
       ctrl->pcm.avail_min < 0 ? ctrl->pcm.chunk_size : static_cast<snd_pcm_uframes_t>(ctrl->pcm.avail_min);
   snd_pcm_sw_params_set_avail_min(ctrl->pcm.handle, swparams, avail_min);
   err = snd_pcm_sw_params_set_start_threshold(ctrl->pcm.handle, swparams, start_threshold);
-  if (err < 0) {
-    am_log_write(AM_LOG_LEVEL_ERROR, start_err, err, AM_LOG_FILE, static_cast<unsigned>(__LINE__));
+  if (alsa_failed(err, start_err)) {
     return -1;
   }
   ctrl->pcm.start_delay = static_cast<int>(start_threshold);
   const snd_pcm_uframes_t stop_threshold =
       ctrl->pcm.stop_delay <= 0 ? buffer_size + static_cast<snd_pcm_uframes_t>(-ctrl->pcm.stop_delay) : buffer_size;
   err = snd_pcm_sw_params_set_stop_threshold(ctrl->pcm.handle, swparams, stop_threshold);
-  if (err < 0) {
-    am_log_write(AM_LOG_LEVEL_ERROR, stop_err, err, AM_LOG_FILE, static_cast<unsigned>(__LINE__));
+  if (alsa_failed(err, stop_err)) {
     return -1;
   }
   ctrl->pcm.stop_delay = static_cast<int>(stop_threshold);
@@ -277,8 +283,7 @@ int negotiate(qb_audio_oper_ctrl_t* ctrl, const negotiation_t& how) {
   }
   int dir = 0;
   const int err = snd_pcm_hw_params_get_buffer_time_max(params, &pcm.buffer_time, &dir);
-  if (err < 0) {
-    am_log_write(AM_LOG_LEVEL_ERROR, how.max_err, err, AM_LOG_FILE, static_cast<unsigned>(__LINE__));
+  if (alsa_failed(err, how.max_err)) {
     return -1;
   }
   pcm.max_buffer_time = pcm.buffer_time;
@@ -648,27 +653,25 @@ bool join_group(int fd, const char* group) {
   return true;
 }
 
-int open_socket(const char* what) {
+}  // namespace
+
+int net_data_open(qb_audio_oper_ctrl_t* ctrl) {
+  if (ctrl == nullptr || ctrl->net.audio_net_addr == nullptr) {
+    return -1;
+  }
+  const bool tx = ctrl->net.audio_tx == 1;
+  const char* group = ctrl->net.audio_net_addr;
   const int fd = qb_create_sock(QB_UDP_SOCK);
   if (fd < 1) {
     AM_LOG_ERROR("create socket err");
-    (void)what;
     return -1;
   }
   if (qb_set_sock_attr(fd, 1, 0, 0, kSockBufSize, kSockBufSize) < 0) {
     AM_LOG_ERROR("set socket attr err");
   }
-  return fd;
-}
-
-int net_tx_open(qb_audio_oper_ctrl_t* ctrl) {
-  const int fd = open_socket("tx");
-  if (fd < 1) {
-    return -1;
-  }
-  ctrl->net.tx_fd = fd;
-  const char* group = ctrl->net.audio_net_addr;
-  if (ctrl->net.audio_group_ip == 1) {
+  (tx ? ctrl->net.tx_fd : ctrl->net.rx_fd) = fd;
+  // The receiver binds to the group; the sender too when it joins it, and sends to it connected.
+  if (!tx || ctrl->net.audio_group_ip == 1) {
     if (qb_set_sock_noblock(fd) < 0) {
       AM_LOG_ERROR("set socket noblock err");
       return -1;
@@ -678,49 +681,21 @@ int net_tx_open(qb_audio_oper_ctrl_t* ctrl) {
       return -1;
     }
     struct sockaddr_in dest = group_sockaddr(ctrl);
-    if (connect(fd, reinterpret_cast<struct sockaddr*>(&dest), sizeof(dest)) < 0) {
+    if (tx && connect(fd, reinterpret_cast<struct sockaddr*>(&dest), sizeof(dest)) < 0) {
       AM_LOG_ERROR("connect to server<%s:%d> err", group, ctrl->net.net_port);
       return -1;
     }
-    if (!join_group(fd, group)) {
+    if (ctrl->net.audio_group_ip == 1 && !join_group(fd, group)) {
       return -1;
     }
   }
-  ctrl->net.svr_addr = group_sockaddr(ctrl);
-  AM_LOG_INFO("tx net init ok:%d", fd);
+  if (tx) {
+    ctrl->net.svr_addr = group_sockaddr(ctrl);
+    AM_LOG_INFO("tx net init ok:%d", fd);
+  } else {
+    AM_LOG_INFO("rx net init ok:%d-%s", fd, group);
+  }
   return 0;
-}
-
-int net_rx_open(qb_audio_oper_ctrl_t* ctrl) {
-  const int fd = open_socket("rx");
-  if (fd < 1) {
-    return -1;
-  }
-  ctrl->net.rx_fd = fd;
-  const char* group = ctrl->net.audio_net_addr;
-  int result = 0;
-  if (qb_set_sock_noblock(fd) < 0) {
-    AM_LOG_ERROR("set socket noblock err");
-    result = -1;
-  }
-  if (qb_bind_sock(fd, qb_ip_a2n(group), ctrl->net.net_port) < 0) {
-    AM_LOG_ERROR("bind socket err");
-    result = -1;
-  }
-  if (ctrl->net.audio_group_ip == 1 && !join_group(fd, group)) {
-    result = -1;
-  }
-  AM_LOG_INFO("rx net init ok:%d-%s", fd, group);
-  return result;
-}
-
-}  // namespace
-
-int net_data_open(qb_audio_oper_ctrl_t* ctrl) {
-  if (ctrl == nullptr || ctrl->net.audio_net_addr == nullptr) {
-    return -1;
-  }
-  return ctrl->net.audio_tx == 1 ? net_tx_open(ctrl) : net_rx_open(ctrl);
 }
 
 int net_data_close(qb_audio_oper_ctrl_t* ctrl) {

@@ -34,10 +34,7 @@ void emit(const dump_sink_t& sink, const char* fmt, ...) {
     fputs(line, sink.file);
     return;
   }
-  size_t len = 0;
-  while (line[len] != '\0') {
-    ++len;
-  }
+  const size_t len = strlen(line);
   if (len > 0 && line[len - 1] == '\n') {
     line[len - 1] = '\0';
   }

@@ -103,50 +103,23 @@ struct output_rule_t {
   bool needs_bridge;  // decided only in the bridge's link state 2, and told the channel status
 };
 
+// clang-format off
 constexpr output_rule_t kHdmiRule = {
-    qb_misc_audio_saiid_hdmi_get,
-    qb_msic_net_stream_in_hdmi_get,
-    qb_misc_audio_fallback_sid_hdmi_get,
-    qb_misc_audio_sid_hdmi_get,
-    get_output_hdmi_stream_mode,
-    QB_REPORT_PORT_HDMI,
-    &qb_audio_new_format_ops_t::set_output_hdmi_stream,
-    " saiSrc=%d ,  %d ; hdmi stream mode = %d --[%s:%u]",
-    "switch to fallback:%d --[%s:%u]",
-    nullptr,
-    nullptr,
-    false,
-};
-
+    qb_misc_audio_saiid_hdmi_get, qb_msic_net_stream_in_hdmi_get, qb_misc_audio_fallback_sid_hdmi_get,
+    qb_misc_audio_sid_hdmi_get, get_output_hdmi_stream_mode, QB_REPORT_PORT_HDMI,
+    &qb_audio_new_format_ops_t::set_output_hdmi_stream, " saiSrc=%d ,  %d ; hdmi stream mode = %d --[%s:%u]",
+    "switch to fallback:%d --[%s:%u]", nullptr, nullptr, false};
 constexpr output_rule_t kEarcRule = {
-    qb_misc_audio_saiid_earc_get,
-    qb_msic_net_stream_in_earc_get,
-    qb_misc_audio_fallback_sid_earc_get,
-    qb_misc_audio_sid_earc_get,
-    get_output_earc_stream_mode,
-    QB_REPORT_PORT_EARC,
-    &qb_audio_new_format_ops_t::set_output_earc_stream,
-    " saiSrc=%d , %d ; earc stream mode = %d --[%s:%u]",
-    nullptr,
-    arc_is_support,
-    "arcSupport",
-    true,
-};
-
+    qb_misc_audio_saiid_earc_get, qb_msic_net_stream_in_earc_get, qb_misc_audio_fallback_sid_earc_get,
+    qb_misc_audio_sid_earc_get, get_output_earc_stream_mode, QB_REPORT_PORT_EARC,
+    &qb_audio_new_format_ops_t::set_output_earc_stream, " saiSrc=%d , %d ; earc stream mode = %d --[%s:%u]",
+    nullptr, arc_is_support, "arcSupport", true};
 constexpr output_rule_t kSpdifRule = {
-    qb_misc_audio_saiid_spdif_get,
-    qb_msic_net_stream_in_spdif_get,
-    qb_misc_audio_fallback_sid_spdif_get,
-    qb_misc_audio_sid_spdif_get,
-    get_output_spdif_stream_mode,
-    QB_REPORT_PORT_SPDIF,
-    &qb_audio_new_format_ops_t::set_output_spdif_stream,
-    " saiSrc=%d ,  %d ; spdif stream mode = %d --[%s:%u]",
-    nullptr,
-    spdif_is_support,
-    "spdifSupport",
-    false,
-};
+    qb_misc_audio_saiid_spdif_get, qb_msic_net_stream_in_spdif_get, qb_misc_audio_fallback_sid_spdif_get,
+    qb_misc_audio_sid_spdif_get, get_output_spdif_stream_mode, QB_REPORT_PORT_SPDIF,
+    &qb_audio_new_format_ops_t::set_output_spdif_stream, " saiSrc=%d ,  %d ; spdif stream mode = %d --[%s:%u]",
+    nullptr, spdif_is_support, "spdifSupport", false};
+// clang-format on
 
 // Marks the output changed; false (logged) when it has no fallback stream to decide about.
 bool has_fallback(const output_rule_t& out, int src) {
