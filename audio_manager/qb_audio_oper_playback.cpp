@@ -89,10 +89,14 @@ void pad_chunk_with_silence(qb_audio_oper_ctrl_t* ctrl, qb_u8_t* data, size_t fr
                              static_cast<unsigned>(missing * ctrl->pcm.hwparams.channels));
 }
 
-}  // namespace
+// Kind of header change.
+enum playback_change_e {
+  PLAYBACK_CHANGE_NONE = 0,
+  PLAYBACK_CHANGE_HEAD,   // a format field differs
+  PLAYBACK_CHANGE_FRAME,  // only Audio_Info_Frame[0] or [3] differs
+};
 
-void playback_new_format_hook_set(playback_new_format_fn fn) { g_new_format_hook.store(fn); }
-
+// Compares a header with the one being played.
 playback_change_e playback_head_change(const audio_transport_head_t* playing, const audio_transport_head_t* head) {
   if (head->Sample_Frequency != playing->Sample_Frequency || head->Channels != playing->Channels ||
       head->Sample_Size != playing->Sample_Size || head->Audio_Type != playing->Audio_Type ||
@@ -107,6 +111,10 @@ playback_change_e playback_head_change(const audio_transport_head_t* playing, co
   }
   return PLAYBACK_CHANGE_NONE;
 }
+
+}  // namespace
+
+void playback_new_format_hook_set(playback_new_format_fn fn) { g_new_format_hook.store(fn); }
 
 playback_rx_e playback_handle_datagram(qb_audio_oper_ctrl_t* ctrl, const qb_u8_t* dgram, size_t len) {
   if (len <= AUDIO_TRANSPORT_HEAD_SIZE) {

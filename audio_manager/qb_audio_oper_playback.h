@@ -10,15 +10,7 @@
 enum playback_rx_e {
   PLAYBACK_RX_APPENDED = 0,  // payload (and any bridged silence) appended to audiobuf
   PLAYBACK_RX_DROPPED,       // malformed or no room: skipped, playback goes on
-  PLAYBACK_RX_NEW_FORMAT,    // format or info-frame change: the new-format handler must run
   PLAYBACK_RX_ABORT,         // the run must end (large gap, or the handler ended it)
-};
-
-// Kind of header change.
-enum playback_change_e {
-  PLAYBACK_CHANGE_NONE = 0,
-  PLAYBACK_CHANGE_HEAD,   // a format field differs
-  PLAYBACK_CHANGE_FRAME,  // only Audio_Info_Frame[0] or [3] differs
 };
 
 // The new-format handler: returns 1 when it ended the run (the normal case), 0 when the datagram
@@ -30,8 +22,6 @@ void playback_new_format_hook_set(playback_new_format_fn fn);
 // Writes frames to the device: frames written, 0 when it would block, -1 on a fatal error.
 typedef snd_pcm_sframes_t (*playback_write_fn)(qb_audio_oper_ctrl_t* ctrl, qb_u8_t* data, size_t frames);
 
-// Compares a header with the one being played.
-playback_change_e playback_head_change(const audio_transport_head_t* playing, const audio_transport_head_t* head);
 // One datagram of len bytes: length checks, change detection (running the handler), continuity
 // with loss bridging, append to audiobuf.
 playback_rx_e playback_handle_datagram(qb_audio_oper_ctrl_t* ctrl, const qb_u8_t* dgram, size_t len);

@@ -107,41 +107,33 @@ TEST_F(NewFormat, HdmiFallbackDecisions) {
     run(head(r.sf, r.ch, r.type, r.chs1, r.code));
     EXPECT_EQ(r.calls, calls.list);
   }
-  qb_audio_new_format_ops_set(nullptr);  // the board's own EDID reader, and no EDID file
-  const qb_audio_info lpcm = make_record(2, 2, 0x80);
-  EXPECT_EQ(0, hdmi_output_needs_fallback(&lpcm));
 }
 
-TEST_F(NewFormat, EarcFallbackRulesAndChannelStatus) {
-  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_EARC, 0, 1);
+// eARC and S/PDIF share the pass-through rules; only eARC waits for the bridge and is told the
+// channel status.
+TEST_F(NewFormat, EarcAndSpdifFallbackRulesAndChannelStatus) {
+  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_EARC, 0, 1), qb_audio_stream_input_select(QB_AUDIO_OUTPUT_SPDIF, 0, 2);
   struct Row { int chs1, chs2, chs3, code; bool fallback; };
   const Row rows[] = {{2, 2, 0, 0, true},  {1, 2, 0, 20, true}, {1, 2, 0, 12, false}, {0, 3, 0, 0, true},
                       {0, 2, 0, 0, false}, {0, 2, 9, 0, true},  {3, 2, 9, 0, true},   {3, 2, 2, 0, false}};
   calls.it6621_state = 2;
   for (const Row& r : rows) {
     SCOPED_TRACE(testing::Message() << r.chs1 << "/" << r.chs2 << "/" << r.chs3 << "/" << r.code);
-    set_output_earc_stream_mode(0);
+    set_output_earc_stream_mode(0), set_output_spdif_stream_mode(0);
     audio_transport_head_t h = head(2, 2, 0x80, r.chs1, r.code);
     h.IEC60958_Channel_Stats[2] = static_cast<uint8_t>(r.chs2), h.IEC60958_Channel_Stats[3] = static_cast<uint8_t>(r.chs3);
     h.Audio_Info_Frame[3] = 0x13;
     run(h);
-    EXPECT_EQ(r.fallback, called("earc(1,1)"));
+    EXPECT_EQ((std::pair<bool, bool>{r.fallback, r.fallback}), (std::pair<bool, bool>{called("earc(1,1)"), called("spdif(1,2)")}));
     // Fed from this stream: the bridge gets the five status bytes and info-frame byte 3.
     ASSERT_EQ(6u, calls.chs.size());
     EXPECT_EQ((Bytes{static_cast<uint8_t>(r.chs1), static_cast<uint8_t>(r.chs2), static_cast<uint8_t>(r.chs3), 0x13}),
               (Bytes{calls.chs[1], calls.chs[2], calls.chs[3], calls.chs[5]}));
   }
   EXPECT_GT(ctrl.runtime, 0);
-}
-
-TEST_F(NewFormat, SpdifFallsBackForDtsHdAndReturnsForDts) {
-  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_SPDIF, 0, 2);
-  set_output_spdif_stream_mode(0);
-  run(head(2, 2, 0x90, 1, 20));
-  EXPECT_EQ((std::vector<std::string>{"chs(5,0)", "spdif(1,2)", "report(0,0)"}), calls.list);
-  set_output_spdif_stream_mode(1);
+  calls.it6621_state = 1, set_output_earc_stream_mode(1), set_output_spdif_stream_mode(1);  // DTS passes: back to normal
   run(head(2, 2, 0x90, 1, 12));
-  EXPECT_EQ((std::vector<std::string>{"chs(5,0)", "spdif(0,0)", "report(0,0)"}), calls.list);
+  EXPECT_EQ((std::vector<std::string>{"chs(2,0)", "it6621_chs", "chs(5,0)", "spdif(0,0)", "report(0,0)"}), calls.list);
 }
 
 }  // namespace
