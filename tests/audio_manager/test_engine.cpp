@@ -139,14 +139,6 @@ TEST_F(ControlTest, CaptureRunOpensTheInputGateAfterItsFirstChunks) {
   EXPECT_EQ(fpga_writes(), (Writes{{FPGA_REG_INPUT_ENABLE_HDMI, 1}}));
 }
 
-TEST_F(RoutingTest, UnmuteOpensTheGateOfTheInputEachNetworkStreamCarries) {
-  qb_net_first_stream_select_set(QB_AUDIO_SRC_ANALOG), qb_net_second_stream_select_set(QB_AUDIO_SRC_HDMI), qb_net_third_stream_select_set(QB_AUDIO_SRC_EARC);
-  qb_audio_oper_ctrl_t ctrl;
-  qb_audio_oper_default(&ctrl);
-  for (int stream : {1, 2, 3}) ctrl.file_param_num = stream, unmute_audio_input(&ctrl);  // the third capture device is network output 2
-  EXPECT_EQ(fpga_writes(), (Writes{{FPGA_REG_INPUT_ENABLE_ANALOG, 1}, {FPGA_REG_INPUT_ENABLE_EARC, 1}, {FPGA_REG_INPUT_ENABLE_HDMI, 1}}));
-}
-
 TEST(BufRing, OrderAndSizeAcrossWrapAround) {
   CAudioBuf ring(4, 5);
   for (int round = 0; round < 4; ++round) {  // both indices to 4

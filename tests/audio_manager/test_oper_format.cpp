@@ -65,28 +65,16 @@ class NewFormat : public RoutingTest {
   }
   int run(audio_transport_head_t h) { return calls.list.clear(), qb_audio_oper_new_format(&ctrl, &h); }
   bool called(const std::string& s) const { return std::find(calls.list.begin(), calls.list.end(), s) != calls.list.end(); }
-  void sink(unsigned lpcm_channels, unsigned lpcm_rates, E_Audio_Format other = ENUM_AC3) {
-    calls.edid_present = true, calls.edid.u8AudioInfoNum = 2;
-    calls.edid.ptAudioInfo[0].eAudioFomat = other, calls.edid.ptAudioInfo[1].eAudioFomat = ENUM_LPCM;
-    calls.edid.ptAudioInfo[1].u8MaxChannels = static_cast<qb_u8_t>(lpcm_channels);
-    calls.edid.ptAudioInfo[1].eSampleRateFlags = static_cast<E_Audio_Samplerate_Flag>(lpcm_rates);
-  }
 
   Calls calls;
   qb_audio_oper_ctrl_t ctrl;
 };
 
-TEST_F(NewFormat, AdoptsTheFormatAndEndsTheRun) {
-  audio_transport_head_t h = head(10, 8, 0x80);
-  h.Audio_Info_Frame[0] = 5;
-  EXPECT_EQ(1, run(h));
-  const qb_audio_info ch6 = record(6);
-  EXPECT_EQ((std::vector<int>{1, 10, 5, 10, 8, 2}), (std::vector<int>{ctrl.in_aborting.load(), ctrl.net.audio_info_head.Sample_Frequency,
-            ctrl.net.audio_info_head.Audio_Info_Frame[0], ch6.SampleFrequency, ch6.ValidCh, ch6.io_in_use}));
-  EXPECT_EQ((std::vector<std::string>{"report(0,0)"}), calls.list);
-}
-
-TEST_F(NewFormat, HdmiFallbackDecisions) {
+// Each decision ends with the format adopted (header, channel record, report) and the run ended.
+TEST_F(NewFormat, HdmiFallbackDecisionsAndTheAdoptedFormat) {
+  T_Edid_Audio_Info_ tv{};  // AC-3 and LPCM 2 channels up to 48 kHz
+  tv.u8AudioInfoNum = 2, tv.ptAudioInfo[0].eAudioFomat = ENUM_AC3, tv.ptAudioInfo[1].eAudioFomat = ENUM_LPCM;
+  tv.ptAudioInfo[1].u8MaxChannels = 2, tv.ptAudioInfo[1].eSampleRateFlags = static_cast<E_Audio_Samplerate_Flag>(1 | 2 | 4);
   struct Row { const char* name; int fallback, mode; bool edid; int sf, ch, type, chs1, code; std::vector<std::string> calls; };
   const Row rows[] = {
       {"no fallback: back to normal", -1, 1, false, 2, 2, 0x80, 0, 0, {"chs(3,0)", "avp(6,2)", "hdmi(0,0)", "report(0,0)"}},
@@ -103,9 +91,11 @@ TEST_F(NewFormat, HdmiFallbackDecisions) {
     reset();
     qb_audio_stream_input_select(QB_AUDIO_OUTPUT_HDMI, 0, r.fallback);
     set_output_hdmi_stream_mode(r.mode);
-    if (r.edid) sink(2, 1 | 2 | 4);  // AC-3 and LPCM 2 channels up to 48 kHz
-    run(head(r.sf, r.ch, r.type, r.chs1, r.code));
+    calls.edid_present = r.edid, calls.edid = tv;
+    EXPECT_EQ(1, run(head(r.sf, r.ch, r.type, r.chs1, r.code)));
     EXPECT_EQ(r.calls, calls.list);
+    EXPECT_EQ((std::vector<int>{1, r.sf, r.code, r.sf, r.ch, 2}), (std::vector<int>{ctrl.in_aborting.load(), ctrl.net.audio_info_head.Sample_Frequency,
+              ctrl.net.audio_info_head.Audio_Info_Frame[0], record(6).SampleFrequency, record(6).ValidCh, record(6).io_in_use}));
   }
 }
 
