@@ -18,7 +18,7 @@ audio_transport_head_t head_of(const Bytes& d) {
   return std::memcpy(&h, d.data(), sizeof h), h;
 }
 
-TEST(OperPacket, HeaderBytesAndTheValuesTheSenderWrites) {
+TEST(OperPacket, HeaderBytesTheValuesTheSenderWritesAndTheCodeTables) {
   qb_audio_oper_ctrl_t ctrl;
   qb_audio_oper_default(&ctrl);
   qb_audio_info r = make_record(10, 8, 0x80, 1);
@@ -34,30 +34,14 @@ TEST(OperPacket, HeaderBytesAndTheValuesTheSenderWrites) {
   EXPECT_EQ((std::vector<int>{3900, 1, 2, 10, 8, 24, 0x80, 0, 0xA3}),  // SPDIF always 0
             (std::vector<int>{static_cast<int>(h.From), h.Audio_On, h.IO_In_Use, h.Sample_Frequency, h.Channels, h.Sample_Size, h.Audio_Type, h.SPDIF,
                               h.Audio_Info_Frame[3]}));
-}
-
-TEST(OperPacket, ChannelTagsOnTwoAndEightChannelsOnly) {
-  Bytes two(16, 0x7F), eight(64, 0x55), six(24, 0x55);
-  EXPECT_EQ(1, audio_channel_tags_write(two.data(), two.size(), 2, 32));
-  for (int s = 0; s < 4; ++s) EXPECT_EQ((std::pair<int, int>{0x7F, s % 2 ? 0x20 : 0}), (std::pair<int, int>{two[s * 4], two[s * 4 + 3]}));
-  EXPECT_EQ(1, audio_channel_tags_write(eight.data(), eight.size(), 8, 32));
-  for (int s = 0; s < 16; ++s) EXPECT_EQ(AUDIO_CHANNEL_TAGS_8CH[s % 8], eight[s * 4 + 3]) << s;
-  EXPECT_EQ(0, audio_channel_tags_write(six.data(), six.size(), 6, 32));
-  EXPECT_EQ(0, audio_channel_tags_write(two.data(), two.size(), 2, 16));
-  for (int s = 0; s < 6; ++s) EXPECT_EQ(0x55, six[s * 4 + 3]);
-}
-
-TEST(OperPacket, CodeTablesAndEncodingNames) {
-  qb_audio_oper_ctrl_t ctrl;
-  qb_audio_oper_default(&ctrl);
   // Rate code, ALSA rate, EDID flag; channel code, ALSA channels. 32 kHz plays at 48000.
   const int rows[][5] = {{0, 44100, 2, 2, 2}, {2, 48000, 4, 3, 6}, {3, 48000, 1, 5, 8}, {8, 88200, 8, 1, 8}, {10, 96000, 16, 0, 8},
                          {12, 176400, 32, 4, 8}, {14, 192000, 64, 8, 8}, {1, 48000, 4, 9, 8}, {255, 48000, 4, 255, 8}};
-  for (const auto& r : rows) {
-    const qb_audio_info rec = make_record(r[0], r[3], 0x80);
+  for (const auto& row : rows) {
+    const qb_audio_info rec = make_record(row[0], row[3], 0x80);
     _file_param_set(&ctrl, &rec);
-    EXPECT_EQ((std::vector<int>{r[1], r[2], r[4]}), (std::vector<int>{static_cast<int>(ctrl.pcm.hwparams.rate), get_audio_samplerate(static_cast<qb_u8_t>(r[0])),
-                                                                    static_cast<int>(ctrl.pcm.hwparams.channels)})) << r[0];
+    EXPECT_EQ((std::vector<int>{row[1], row[2], row[4]}), (std::vector<int>{static_cast<int>(ctrl.pcm.hwparams.rate), get_audio_samplerate(static_cast<qb_u8_t>(row[0])),
+                                                                          static_cast<int>(ctrl.pcm.hwparams.channels)})) << row[0];
   }
   // The two decoder-code mappings differ at 4 and 16.
   EXPECT_EQ(std::string(audio_dsp_encoding_name(4)) + "|" + audio_dsp_encoding_name(16) + "|" + audio_dsp_encoding_name(30) + "|" + audio_dsp_encoding_name(41),
@@ -66,10 +50,19 @@ TEST(OperPacket, CodeTablesAndEncodingNames) {
   for (const auto& c : dsp) EXPECT_EQ(c[1], get_audio_type_from_dsp(c[0])) << c[0];
   for (int code : {0, 1, 2, 3, 4, 11, 12, 13, 14, 15}) EXPECT_TRUE(spdif_is_support(code)) << code;
   for (int code : {5, 10, 16, 20, -1, 255}) EXPECT_FALSE(arc_is_support(code)) << code;
-  qb_audio_info r = make_record(3, 1, 0x80);
   r.SampleSize = 16;
   _file_param_set(&ctrl, &r);
   EXPECT_EQ((std::vector<int>{SND_PCM_FORMAT_S16_LE, 1408}), (std::vector<int>{ctrl.pcm.rhwparams.format, get_pkt_size(&ctrl)}));
+}
+
+TEST(OperPacket, ChannelTagsOnTwoAndEightChannelsOnly) {
+  Bytes two(16, 0x7F), eight(64, 0x55), six(24, 0x55);
+  EXPECT_EQ(1, audio_channel_tags_write(two.data(), two.size(), 2, 32));
+  for (int s = 0; s < 4; ++s) EXPECT_EQ((std::pair<int, int>{0x7F, s % 2 ? 0x20 : 0}), (std::pair<int, int>{two[s * 4], two[s * 4 + 3]}));
+  EXPECT_EQ(1, audio_channel_tags_write(eight.data(), eight.size(), 8, 32));
+  for (int s = 0; s < 16; ++s) EXPECT_EQ(AUDIO_CHANNEL_TAGS_8CH[s % 8], eight[s * 4 + 3]) << s;
+  EXPECT_EQ(0, audio_channel_tags_write(six.data(), six.size(), 6, 32) + audio_channel_tags_write(two.data(), two.size(), 2, 16));
+  for (int s = 0; s < 6; ++s) EXPECT_EQ(0x55, six[s * 4 + 3]);
 }
 
 // A socket connected to a local receiver stands in for the engine's socket.

@@ -36,7 +36,7 @@ class Receiver : public ::testing::Test {
   void SetUp() override {
     qb_audio_oper_default(&ctrl);
     ctrl.file_param_num = 1, ctrl.pcm.stream = SND_PCM_STREAM_PLAYBACK;
-    set_geometry(8, SND_PCM_FORMAT_S24_LE, 240);
+    set_geometry(8, 240);
     staging.assign(QB_AUDIO_BUF_DEFAULT_SIZE, 0xEE);
     ctrl.audiobuf = staging.data(), ctrl.audiobuf_capacity = staging.size();
     const qb_audio_info r = make_record(2, 8, 0x80);
@@ -50,10 +50,9 @@ class Receiver : public ::testing::Test {
     playback_new_format_hook_set(nullptr);
     delete ctrl.pAudBuf;
   }
-  void set_geometry(unsigned channels, snd_pcm_format_t format, size_t chunk_frames) {
-    ctrl.pcm.hwparams.channels = channels, ctrl.pcm.hwparams.format = format, ctrl.pcm.hwparams.rate = 48000;
-    ctrl.pcm.bits_per_sample = format == SND_PCM_FORMAT_S16_LE ? 16 : 32;
-    ctrl.pcm.bits_per_frame = ctrl.pcm.bits_per_sample * channels;
+  void set_geometry(unsigned channels, size_t chunk_frames) {  // 32-bit samples at 48 kHz
+    ctrl.pcm.hwparams.channels = channels, ctrl.pcm.hwparams.format = SND_PCM_FORMAT_S24_LE, ctrl.pcm.hwparams.rate = 48000;
+    ctrl.pcm.bits_per_sample = 32, ctrl.pcm.bits_per_frame = 32 * channels;
     ctrl.pcm.chunk_size = chunk_frames, ctrl.pcm.chunk_bytes = chunk_frames * ctrl.pcm.bits_per_frame / 8;
   }
   // A datagram with the playing header, the given rolling counter and payload.
@@ -66,10 +65,7 @@ class Receiver : public ::testing::Test {
   }
   static audio_transport_head_t* head(Bytes& d) { return reinterpret_cast<audio_transport_head_t*>(d.data()); }
   playback_rx_e feed(const Bytes& d) { return playback_handle_datagram(&ctrl, d.data(), d.size()); }
-  uint64_t lost_total(int stream) {
-    AUDIO_LOSS_INFO_T info{};
-    return audio_loss_info_get(stream, &info), info.lossBytesTotal;
-  }
+  uint64_t lost_total(int stream) { AUDIO_LOSS_INFO_T info{}; return audio_loss_info_get(stream, &info), info.lossBytesTotal; }
   // Parks chunk-sized runs of bytes first, first + 1, ... in the staging buffer.
   void stage(uint8_t first, size_t chunks) {
     for (size_t i = 0; i < chunks * ctrl.pcm.chunk_bytes; ++i) staging[ctrl.audiobuf_datalen + i] = static_cast<uint8_t>(first + i / ctrl.pcm.chunk_bytes);
@@ -186,13 +182,13 @@ TEST_F(Receiver, RealignsOnceOnTheFirstChannelZeroSampleOfEightChannelData) {
   ctrl.audiobuf_datalen -= 4;  // channel 0 only just past the data: left alone
   EXPECT_EQ(0u, playback_realign(&ctrl));
   // Stereo data is left alone.
-  set_geometry(2, SND_PCM_FORMAT_S24_LE, 240);
+  set_geometry(2, 240);
   fill_tagged(&ctrl, 2, 1, 10);
   EXPECT_EQ(0u, playback_realign(&ctrl));
 }
 
 TEST_F(Receiver, ChunksTheDeviceRefusesAreParkedAndLeaveFirstInOrder) {
-  set_geometry(2, SND_PCM_FORMAT_S24_LE, 4);  // 32-byte chunks
+  set_geometry(2, 4);  // 32-byte chunks
   ctrl.pAudBuf = new CAudioBuf(static_cast<int>(ctrl.pcm.chunk_bytes), 4);
   stage(1, 2);
   std::memset(&staging[ctrl.audiobuf_datalen], 3, 5);  // a partial chunk waits in the staging buffer
