@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 
@@ -30,8 +29,6 @@ constexpr size_t kMaxRxMessages = 128;
 // the device writes of each pass still happen.
 constexpr unsigned kRxCallsPerPass = 8;
 
-std::atomic<playback_new_format_fn> g_new_format_hook{nullptr};
-
 // After the end of a run (device drained, epoll closed), before the tear-down.
 constexpr unsigned kRunEndPauseMs = 100;
 // After the sample rate is sent to the genlock service, before the device is set up.
@@ -39,14 +36,6 @@ constexpr unsigned kGenlockParamPauseMs = 100;
 
 // Channel state of the network input each playback stream plays, by stream number.
 constexpr int kPlaybackChannels[QB_AUDIO_OPER_STREAMS] = {QB_AUDIO_CHN_NSI1, QB_AUDIO_CHN_NSI3, QB_AUDIO_CHN_NSI5};
-
-int run_new_format_handler(qb_audio_oper_ctrl_t* ctrl, const audio_transport_head_t* head) {
-  playback_new_format_fn hook = g_new_format_hook.load();
-  if (hook != nullptr) {
-    return hook(ctrl, head);
-  }
-  return qb_audio_oper_new_format(ctrl, head);
-}
 
 // Continuity of the rolling counter and the append of one payload (with bridged silence).
 playback_rx_e playback_append(qb_audio_oper_ctrl_t* ctrl, const audio_transport_head_t& head, const qb_u8_t* payload,
@@ -114,8 +103,6 @@ playback_change_e playback_head_change(const audio_transport_head_t* playing, co
 
 }  // namespace
 
-void playback_new_format_hook_set(playback_new_format_fn fn) { g_new_format_hook.store(fn); }
-
 playback_rx_e playback_handle_datagram(qb_audio_oper_ctrl_t* ctrl, const qb_u8_t* dgram, size_t len) {
   if (len <= AUDIO_TRANSPORT_HEAD_SIZE) {
     AM_LOG_ERROR("count=%lu less then head=%u", static_cast<unsigned long>(len),
@@ -140,7 +127,7 @@ playback_rx_e playback_handle_datagram(qb_audio_oper_ctrl_t* ctrl, const qb_u8_t
       ctrl->net.refused_head_valid != 0 && playback_head_change(&ctrl->net.refused_head, &head) == PLAYBACK_CHANGE_NONE;
   if (change != PLAYBACK_CHANGE_NONE && !refused_before) {
     AM_LOG_INFO("%s", change == PLAYBACK_CHANGE_HEAD ? "New audio information head" : "New audio information frame");
-    if (run_new_format_handler(ctrl, &head) != 0) {
+    if (qb_audio_oper_new_format(ctrl, &head) != 0) {
       return PLAYBACK_RX_ABORT;
     }
     ctrl->net.refused_head = head;  // the handler could not apply it: once per format change is enough

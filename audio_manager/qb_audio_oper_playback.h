@@ -13,12 +13,6 @@ enum playback_rx_e {
   PLAYBACK_RX_ABORT,         // the run must end (large gap, or the handler ended it)
 };
 
-// The new-format handler: returns 1 when it ended the run (the normal case), 0 when the datagram
-// is to be handled as if no change had been seen.
-typedef int (*playback_new_format_fn)(qb_audio_oper_ctrl_t* ctrl, const audio_transport_head_t* head);
-// Replaces the handler (tests); nullptr restores the daemon's own.
-void playback_new_format_hook_set(playback_new_format_fn fn);
-
 // Writes frames to the device: frames written, 0 when it would block, -1 on a fatal error.
 typedef snd_pcm_sframes_t (*playback_write_fn)(qb_audio_oper_ctrl_t* ctrl, qb_u8_t* data, size_t frames);
 

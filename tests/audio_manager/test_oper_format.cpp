@@ -11,7 +11,6 @@ namespace {
 struct Calls {
   std::vector<std::string> list;
   int it6621_state = 2;
-  int system_result = 0;
   bool edid_present = false;
   T_Edid_Audio_Info_ edid{};
   std::vector<uint8_t> chs;
@@ -31,7 +30,7 @@ const qb_audio_new_format_ops_t kFakeOps = {
     [](int mode, unsigned sid) { return add(fmt("spdif", mode, static_cast<int>(sid))), 1; },
     [](int inputs) { return add(fmt("report", inputs, 0)), 1; },
     [](T_Edid_Audio_Info_* list) { return g_calls->edid_present ? (*list = g_calls->edid, 1) : 0; },
-    [](const char* command) { return add(std::string("sh:") + command), g_calls->system_result; },
+    [](const char* command) { return add(std::string("sh:") + command), 0; },
 };
 
 class NewFormat : public RoutingTest {
@@ -44,7 +43,6 @@ class NewFormat : public RoutingTest {
   }
   void TearDown() override {
     qb_audio_new_format_ops_set(nullptr);
-    set_output_analog_mute(0);
     g_calls = nullptr;
     RoutingTest::TearDown();
   }
