@@ -154,11 +154,6 @@ size_t playback_realign(qb_audio_oper_ctrl_t* ctrl) {
   return 0;
 }
 
-// Leave the receive step while less room than a full batch plus the largest bridged gap remains,
-// so that a backlog is never appended past the end of the staging buffer; the rest is read in the
-// next pass.
-size_t playback_rx_room_needed(size_t messages) { return messages * QB_AUDIO_RX_SLOT_SIZE + QB_AUDIO_MAX_BRIDGED_LOSS; }
-
 unsigned playback_move_chunks(qb_audio_oper_ctrl_t* ctrl, playback_write_fn write) {
   unsigned written = 0;
   CAudioBuf* ring = ctrl->pAudBuf;

@@ -22,8 +22,11 @@ playback_rx_e playback_handle_datagram(qb_audio_oper_ctrl_t* ctrl, const qb_u8_t
 // Drops the bytes in front of the first channel-0 sample of 32-bit streams of more than two
 // channels. Bytes dropped.
 size_t playback_realign(qb_audio_oper_ctrl_t* ctrl);
-// Bytes of room audiobuf must keep before another receive call.
-size_t playback_rx_room_needed(size_t messages);
+// Bytes of room audiobuf must keep before another receive call: a full batch plus the largest
+// bridged gap, so that a backlog is never appended past its end (the rest is read in the next pass).
+inline size_t playback_rx_room_needed(size_t messages) {
+  return messages * QB_AUDIO_RX_SLOT_SIZE + QB_AUDIO_MAX_BRIDGED_LOSS;
+}
 // Drains the ring into the device, then writes or parks the whole chunks of audiobuf. Returns the
 // number of chunks written to the device; sets in_aborting when the ring overflows.
 unsigned playback_move_chunks(qb_audio_oper_ctrl_t* ctrl, playback_write_fn write);

@@ -35,12 +35,9 @@ void log_xrun_duration(qb_audio_oper_ctrl_t* ctrl, snd_pcm_status_t* status) {
   const bool play = is_playback(ctrl);
   if (ctrl->pcm.monotonic) {
     struct timespec now;
-    struct timespec trigger;
+    snd_htimestamp_t trigger;  // a timespec
     clock_gettime(CLOCK_MONOTONIC, &now);
-    snd_htimestamp_t htrigger;
-    snd_pcm_status_get_trigger_htstamp(status, &htrigger);
-    trigger.tv_sec = htrigger.tv_sec;
-    trigger.tv_nsec = htrigger.tv_nsec;
+    snd_pcm_status_get_trigger_htstamp(status, &trigger);
     AM_LOG_ERROR("%s -- %s!!! (at least %.3f ms long)", ctrl->pcm_name, play ? "uNderrun" : "oVerrun",
                  timespec_diff_ms(now, trigger));
     const struct timespec& start = play ? ctrl->loss.tsStartPlay : ctrl->loss.tsStartCapture;
