@@ -168,14 +168,7 @@ int capture_send_chunk(qb_audio_oper_ctrl_t* ctrl, const qb_u8_t* data, size_t b
 }
 
 int unmute_audio_input(qb_audio_oper_ctrl_t* ctrl) {
-  switch (ctrl->file_param_num) {
-    case 1:
-      return input_mute_ctrl(qb_net_first_stream_select_get(), 0);
-    case 2:
-      return input_mute_ctrl(qb_net_third_stream_select_get(), 0);
-    default:
-      return input_mute_ctrl(qb_net_second_stream_select_get(), 0);
-  }
+  return input_mute_ctrl(capture_stream_selection(ctrl->file_param_num), 0);
 }
 
 int capture_new(qb_audio_oper_ctrl_t* ctrl, const char* file) {

@@ -17,21 +17,17 @@ namespace {
 
 constexpr size_t kDumpLineSize = 768;
 
-// Where the lines go: a file, or the log when file is null.
-struct dump_sink_t {
-  FILE* file;
-};
+// One line to a file, or to the log when file is null.
+void emit(FILE* file, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
-void emit(const dump_sink_t& sink, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-
-void emit(const dump_sink_t& sink, const char* fmt, ...) {
+void emit(FILE* file, const char* fmt, ...) {
   char line[kDumpLineSize];
   va_list args;
   va_start(args, fmt);
   vsnprintf(line, sizeof(line), fmt, args);
   va_end(args);
-  if (sink.file != nullptr) {
-    fputs(line, sink.file);
+  if (file != nullptr) {
+    fputs(line, file);
     return;
   }
   const size_t len = strlen(line);
@@ -78,7 +74,7 @@ void published_copy(const qb_audio_oper_ctrl_t* ctrl, qb_audio_oper_ctrl_t* out)
 
 // Role, format, limits, modes, buffers, timing, device facts, sample geometry, position test,
 // diagnostics and file options.
-void dump_device_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
+void dump_device_lines(const qb_audio_oper_ctrl_t* c, FILE* out) {
   emit(out,
        "command=%s,pcm_name=%s,handle=%p,hwparams format=%d,channels=%u,rate=%u,rhwparams format=%d,channels=%u,"
        "rate=%u,timelimit=%d\n",
@@ -112,7 +108,7 @@ void dump_device_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
 }
 
 // Network, stream identity, process file and the transport header.
-void dump_network_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
+void dump_network_lines(const qb_audio_oper_ctrl_t* c, FILE* out) {
   char svr[INET_ADDRSTRLEN] = "";
   inet_ntop(AF_INET, &c->net.svr_addr.sin_addr, svr, sizeof svr);
   emit(out, "audio_net_addr=%s,audio_tx=%d,tx_fd=%d,rx_fd=%d,svr_addr=%s:%u,net_port=%d,audio_group_ip=%d\n",
@@ -141,7 +137,7 @@ void dump_network_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
 
 // Position statistics, lifecycle, clock steering with the latency history, ring, packetising and
 // timestamps.
-void dump_statistics_lines(const qb_audio_oper_ctrl_t* c, const void* mutex_at, const dump_sink_t& out) {
+void dump_statistics_lines(const qb_audio_oper_ctrl_t* c, const void* mutex_at, FILE* out) {
   emit(out,
        "counter=%ld,tmr=%ld,now=%ld,availsum=%.1f,delaysum=%.1f,samples=%.1f,maxavail=%ld,maxdelay=%ld,"
        "minavail=%ld,mindelay=%ld,badavail=%ld,baddelay=%ld\n",
@@ -182,7 +178,7 @@ void dump_statistics_lines(const qb_audio_oper_ctrl_t* c, const void* mutex_at, 
 }
 
 // Every field in record order; mutex_at is the address shown for the record's mutex.
-void dump_lines(const qb_audio_oper_ctrl_t* c, const void* mutex_at, const dump_sink_t& out) {
+void dump_lines(const qb_audio_oper_ctrl_t* c, const void* mutex_at, FILE* out) {
   dump_device_lines(c, out);
   dump_network_lines(c, out);
   dump_statistics_lines(c, mutex_at, out);
@@ -195,7 +191,7 @@ void dump_audio_ctrl(qb_audio_oper_ctrl_t* ctrl) {
     return;
   }
   AM_LOG_INFO("dump audio ctrl begin");
-  dump_lines(ctrl, &ctrl->dump.mutexLatency, dump_sink_t{nullptr});
+  dump_lines(ctrl, &ctrl->dump.mutexLatency, nullptr);
 }
 
 void dump_audio_ctrl1(qb_audio_oper_ctrl_t* ctrl, FILE* file) {
@@ -204,7 +200,7 @@ void dump_audio_ctrl1(qb_audio_oper_ctrl_t* ctrl, FILE* file) {
   }
   qb_audio_oper_ctrl_t copy;
   published_copy(ctrl, &copy);
-  dump_lines(&copy, &ctrl->dump.mutexLatency, dump_sink_t{file});
+  dump_lines(&copy, &ctrl->dump.mutexLatency, file);
 }
 
 void qb_audio_oper_publish(const qb_audio_oper_ctrl_t* ctrl) {

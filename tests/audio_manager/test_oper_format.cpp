@@ -1,7 +1,6 @@
 // The new-format handler: output decisions for HDMI, eARC and S/PDIF, adoption of the format and
 // the end of the run. The bridge, switch, report, EDID and shell calls are recording fakes.
 #include "am_unit.h"
-#include "qb_audio_oper.h"
 #include "qb_audio_oper_format.h"
 #include "qb_audio_stream.h"
 
