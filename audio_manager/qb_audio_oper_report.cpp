@@ -58,14 +58,8 @@ report_state_t g_report;
 
 qb_u8_t u8(qb_s8_t v) { return static_cast<qb_u8_t>(v); }
 
-const report_port_t* port_of_bit(int bit) {
-  for (const report_port_t& port : kReportPorts) {
-    if (port.bit == bit) {
-      return &port;
-    }
-  }
-  return nullptr;  // bits without a port produce no entry
-}
+// Whether a mask names a port (its bits without a port produce no entry).
+bool masked(int mask, const report_port_t& port) { return (static_cast<unsigned>(mask) & (1u << port.bit)) != 0; }
 
 // One array entry from a channel record.
 Json::Value make_entry(const char* port, int ch, const qb_audio_info& rec) {
@@ -157,43 +151,30 @@ int get_update_chs(void) {
   return g_report.update_chs;
 }
 
+// Both arrays list the ports in rising bit order, as the port table does.
 void GetInputReportMsg(Json::Value& out, int inputs) {
-  for (int bit = 0; bit < kMaskBits; ++bit) {
-    if ((static_cast<unsigned>(inputs) & (1u << bit)) == 0) {
-      continue;
-    }
-    const report_port_t* port = port_of_bit(bit);
+  for (const report_port_t& port : kReportPorts) {
     qb_audio_info rec{};
-    if (port == nullptr || qb_audio_channel_state_copy(port->input_channel, &rec) != 1) {
+    if (!masked(inputs, port) || qb_audio_channel_state_copy(port.input_channel, &rec) != 1) {
       continue;
     }
-    AM_LOG_INFO("%s:%d create json port : [%s] ch[%d]", "GetInputReportMsg", __LINE__, port->name, port->input_channel);
-    out.append(make_entry(port->name, port->input_channel, rec));
+    AM_LOG_INFO("%s:%d create json port : [%s] ch[%d]", "GetInputReportMsg", __LINE__, port.name, port.input_channel);
+    out.append(make_entry(port.name, port.input_channel, rec));
   }
 }
 
 void GetOutputReportMsg(Json::Value& out, int outputs) {
-  for (int bit = 0; bit < kMaskBits; ++bit) {
-    if ((static_cast<unsigned>(outputs) & (1u << bit)) == 0) {
-      continue;
-    }
-    const report_port_t* port = port_of_bit(bit);
-    if (port == nullptr) {
-      continue;
-    }
-    const int sid = port->output_sid();
-    if (sid == kNoStream) {
-      continue;
-    }
-    const int ch = qb_misc_audio_get_chn_saiid_by_sid(sid);
+  for (const report_port_t& port : kReportPorts) {
+    const int sid = masked(outputs, port) ? port.output_sid() : kNoStream;
+    const int ch = sid != kNoStream ? qb_misc_audio_get_chn_saiid_by_sid(sid) : kNoChannel;
     qb_audio_info rec{};
     if (ch == kNoChannel || qb_audio_channel_state_copy(ch, &rec) != 1) {
       continue;
     }
     AM_LOG_INFO("%s:%d create json port : [%s] ch[%d] actual_sid[%d] saiid[%d]", "GetOutputReportMsg", __LINE__,
-                port->name, ch, sid, qb_misc_audio_get_saiid_by_sid(sid));
+                port.name, ch, sid, qb_misc_audio_get_saiid_by_sid(sid));
     dump_output_record(ch, rec);
-    out.append(make_entry(port->name, ch, rec));
+    out.append(make_entry(port.name, ch, rec));
   }
 }
 
