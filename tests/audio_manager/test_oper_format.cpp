@@ -42,7 +42,6 @@ class NewFormat : public RoutingTest {
   }
   void TearDown() override {
     qb_audio_new_format_ops_set(nullptr);
-    g_calls = nullptr;
     RoutingTest::TearDown();
   }
   // Stream 1 (source 4, channel 6, stream id 0); no output listens to it (stream id 2 is source 5).
@@ -52,13 +51,11 @@ class NewFormat : public RoutingTest {
     for (int out : {QB_AUDIO_OUTPUT_ANALOG, QB_AUDIO_OUTPUT_HDMI, QB_AUDIO_OUTPUT_SPDIF, QB_AUDIO_OUTPUT_EARC}) qb_audio_stream_input_select(out, 2, -1);
     calls = Calls{};
   }
-  static audio_transport_head_t head(int sf, int ch, int type, int chs1 = 0, int code = 0) {
+  audio_transport_head_t head(int sf, int ch, int type, int chs1 = 0, int code = 0) {
     qb_audio_info r = make_record(sf, ch, type);
     r.ChStat[1] = static_cast<qb_s8_t>(chs1), r.ChStat[2] = 2, r.AUD_DB[0] = static_cast<qb_s8_t>(code);
-    qb_audio_oper_ctrl_t tmp;
-    qb_audio_oper_default(&tmp);
-    audio_info_head_set(&tmp, &r);
-    return tmp.net.audio_info_head;
+    audio_info_head_set(&ctrl, &r);
+    return ctrl.net.audio_info_head;
   }
   int run(audio_transport_head_t h) { return calls.list.clear(), qb_audio_oper_new_format(&ctrl, &h); }
   bool called(const std::string& s) const { return std::find(calls.list.begin(), calls.list.end(), s) != calls.list.end(); }

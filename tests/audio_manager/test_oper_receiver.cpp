@@ -215,8 +215,7 @@ TEST_F(Receiver, SteeringAsksTheClockServiceByTheAverageLatency) {
   am_test::UdpReceiver service{0};
   ctrl.steer.clifd = service.connected_sender();
   ASSERT_GE(ctrl.steer.clifd, 0);
-  ctrl.steer.incStopNum = 3000;
-  ctrl.steer.decStopNum = 1000;
+  ctrl.steer.incStopNum = 3000, ctrl.steer.decStopNum = 1000;
   struct Case { long delay; int ring_chunks; uint32_t command; };  // averages 2000, 3200, 1000
   for (const Case& c : {Case{2000, 0, QB_SI5351_SET_RESET}, Case{2000, 5, QB_SI5351_SET_INC}, Case{1000, 0, QB_SI5351_SET_DEC}}) {
     for (int i = 0; i < 10; ++i) playback_latency_add_sample(&ctrl, c.delay, c.ring_chunks);
