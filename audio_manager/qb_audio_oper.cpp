@@ -172,6 +172,20 @@ bool alsa_failed(int err, const char* fmt) {
   return true;
 }
 
+// Logs a failed installation of a parameter set, with a dump of the set; true when it failed.
+template <typename Params>
+bool install_failed(const qb_audio_oper_ctrl_t* ctrl, int err, const char* what, Params* params,
+                    int (*dump)(Params*, snd_output_t*)) {
+  if (err >= 0) {
+    return false;
+  }
+  AM_LOG_ERROR("%s", what);
+  if (ctrl->pcm.log != nullptr) {
+    dump(params, ctrl->pcm.log);
+  }
+  return true;
+}
+
 // Period and buffer time, installation, chunk size; set_err names the failure text of the
 // period/buffer calls.
 int set_geometry(qb_audio_oper_ctrl_t* ctrl, snd_pcm_hw_params_t* params, const char* set_err,
@@ -189,11 +203,7 @@ int set_geometry(qb_audio_oper_ctrl_t* ctrl, snd_pcm_hw_params_t* params, const 
   ctrl->pcm.monotonic = snd_pcm_hw_params_is_monotonic(params);
   ctrl->pcm.can_pause = snd_pcm_hw_params_can_pause(params);
   err = snd_pcm_hw_params(ctrl->pcm.handle, params);
-  if (err < 0) {
-    AM_LOG_ERROR("Unable to install hw params:");
-    if (ctrl->pcm.log != nullptr) {
-      snd_pcm_hw_params_dump(params, ctrl->pcm.log);
-    }
+  if (install_failed(ctrl, err, "Unable to install hw params:", params, snd_pcm_hw_params_dump)) {
     return -1;
   }
   snd_pcm_hw_params_get_period_size(params, &ctrl->pcm.chunk_size, nullptr);
@@ -239,14 +249,7 @@ int set_sw_params(qb_audio_oper_ctrl_t* ctrl, snd_pcm_uframes_t buffer_size, snd
   AM_LOG_INFO("hw buffer size:%lu, start threshold:%lu, stop threshold:%lu", buffer_size, start_threshold,
               stop_threshold);
   err = snd_pcm_sw_params(ctrl->pcm.handle, swparams);
-  if (err < 0) {
-    AM_LOG_ERROR("unable to install sw params:");
-    if (ctrl->pcm.log != nullptr) {
-      snd_pcm_sw_params_dump(swparams, ctrl->pcm.log);
-    }
-    return -1;
-  }
-  return 0;
+  return install_failed(ctrl, err, "unable to install sw params:", swparams, snd_pcm_sw_params_dump) ? -1 : 0;
 }
 
 // What differs between the two directions: the failure texts, and whether the buffer time is
