@@ -1,7 +1,6 @@
 #include "diff_time.h"
 
 #include <cstdio>
-#include <cstring>
 #include <mutex>
 
 namespace {

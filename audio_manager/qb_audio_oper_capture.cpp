@@ -192,12 +192,10 @@ int capture_new(qb_audio_oper_ctrl_t* ctrl, const char* file) {
   }
   clock_gettime(CLOCK_MONOTONIC, &ctrl->loss.tsStartCapture);
   size_t last_save = ctrl->pcm.chunk_bytes;
-  bool unmuted = false;
   while (!qb_audio_oper_is_aborting(ctrl)) {
     qb_audio_oper_publish(ctrl);
     qb_audio_info live;
-    if (qb_audio_channel_state_copy(channel, &live) == 1 &&
-        static_cast<qb_u8_t>(live.AUD_DB[0]) != ctrl->net.audio_info_head.Audio_Info_Frame[0]) {
+    if (qb_audio_channel_state_copy(channel, &live) == 1) {  // the decoder code may change while streaming
       ctrl->net.audio_info_head.Audio_Info_Frame[0] = static_cast<qb_u8_t>(live.AUD_DB[0]);
     }
     const snd_pcm_sframes_t frames = capture_read_chunk(ctrl, ctrl->audiobuf, chunk_frames);
@@ -215,9 +213,8 @@ int capture_new(qb_audio_oper_ctrl_t* ctrl, const char* file) {
     audio_channel_tags_write(ctrl->audiobuf, save, ctrl->pcm.hwparams.channels, ctrl->pcm.bits_per_sample);
     capture_send_chunk(ctrl, ctrl->audiobuf, save);
     ctrl->loss.chunkCountCapture += 1;
-    if (!unmuted && ctrl->loss.chunkCountCapture >= kUnmuteAfterChunks) {
+    if (ctrl->loss.chunkCountCapture == kUnmuteAfterChunks) {
       unmute_audio_input(ctrl);
-      unmuted = true;
     }
   }
   AM_LOG_WARN("aborting restart");

@@ -70,14 +70,6 @@ playback_rx_e playback_append(qb_audio_oper_ctrl_t* ctrl, const audio_transport_
   return PLAYBACK_RX_APPENDED;
 }
 
-// Fills the rest of a chunk with silence of the current format.
-void pad_chunk_with_silence(qb_audio_oper_ctrl_t* ctrl, qb_u8_t* data, size_t frames) {
-  const size_t frame_bytes = ctrl->pcm.bits_per_frame / 8;
-  const size_t missing = ctrl->pcm.chunk_size - frames;
-  snd_pcm_format_set_silence(ctrl->pcm.hwparams.format, data + frames * frame_bytes,
-                             static_cast<unsigned>(missing * ctrl->pcm.hwparams.channels));
-}
-
 // Kind of header change.
 enum playback_change_e {
   PLAYBACK_CHANGE_NONE = 0,
@@ -210,12 +202,14 @@ snd_pcm_sframes_t pcm_write(qb_audio_oper_ctrl_t* ctrl, qb_u8_t* data, size_t fr
   if (frames == 0) {
     return 0;
   }
-  if (frames < ctrl->pcm.chunk_size) {
+  const size_t frame_bytes = ctrl->pcm.bits_per_frame / 8;
+  if (frames < ctrl->pcm.chunk_size) {  // the rest of the chunk becomes silence of the current format
     AM_LOG_INFO("cout=%lu not equal chunk size=%lu, silence", static_cast<unsigned long>(frames), ctrl->pcm.chunk_size);
-    pad_chunk_with_silence(ctrl, data, frames);
+    const size_t missing = ctrl->pcm.chunk_size - frames;
+    snd_pcm_format_set_silence(ctrl->pcm.hwparams.format, data + frames * frame_bytes,
+                               static_cast<unsigned>(missing * ctrl->pcm.hwparams.channels));
     frames = ctrl->pcm.chunk_size;
   }
-  const size_t frame_bytes = ctrl->pcm.bits_per_frame / 8;
   size_t count = frames;
   snd_pcm_sframes_t total = 0;
   while (count > 0 && !qb_audio_oper_is_aborting(ctrl)) {

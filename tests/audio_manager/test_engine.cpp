@@ -1,5 +1,4 @@
 // Engine parts: transport header, code tables, the sender's datagrams, the packet ring, stop entries.
-#include <arpa/inet.h>
 
 #include <thread>
 
@@ -7,7 +6,6 @@
 #include "qb_audio_buf.h"
 #include "qb_audio_oper.h"
 #include "qb_audio_oper_capture.h"
-#include "qb_audio_oper_packet.h"
 #include "qb_audio_misc_stream.h"
 
 namespace am_unit {
