@@ -258,6 +258,11 @@ int net_data_close(qb_audio_oper_ctrl_t* ctrl);
 // ---- Capture-to-network sender
 int qb_audio_oper_capture(qb_audio_oper_ctrl_t* ctrl, const char* pcm_name, const char* group);
 int capture_new(qb_audio_oper_ctrl_t* ctrl, const char* file);
+// Datagrams sent by one multi-message send call.
+inline constexpr size_t kCaptureBatch = 3;
+// Sends one chunk as datagrams of at most pktSize payload bytes, in batches of up to three, on the
+// connected tx_fd; advances rollingSampleDataSizeTotal. Returns the number of send calls.
+int capture_send_chunk(qb_audio_oper_ctrl_t* ctrl, const qb_u8_t* data, size_t bytes);
 int unmute_audio_input(qb_audio_oper_ctrl_t* ctrl);
 
 // ---- Network-to-playback receiver

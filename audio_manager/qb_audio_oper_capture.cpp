@@ -1,6 +1,5 @@
 // The capture-to-network sender: reads PCM chunks from a local ALSA capture device and sends them
 // to a UDP multicast group, each datagram a transport header plus up to 1408 bytes of PCM.
-#include "qb_audio_oper_capture.h"
 
 #include <sys/socket.h>
 #include <sys/uio.h>

@@ -15,7 +15,6 @@
 #include "qb_audio_buf.h"
 #include "qb_audio_misc_fpga.h"
 #include "qb_audio_oper_format.h"
-#include "qb_audio_oper_steer.h"
 #include "qb_si5351.h"
 
 namespace {

@@ -13,6 +13,17 @@ enum playback_rx_e {
   PLAYBACK_RX_ABORT,         // the run must end (large gap, or the handler ended it)
 };
 
+// Clock-steering counters of one playback run.
+struct playback_steer_t {
+  unsigned recv_calls;      // receive calls since the last latency sample
+  unsigned written_chunks;  // chunks written since the last latency sample
+  bool reset_sent;          // the one-time reset was considered since the last evaluation
+};
+// Adds one latency sample (device delay plus the chunks parked in the ring).
+void playback_latency_add_sample(qb_audio_oper_ctrl_t* ctrl, snd_pcm_sframes_t delay, int ring_chunks);
+// The steering step at the end of each loop pass: sample, evaluate, or the one-time reset.
+void playback_steer_pass(qb_audio_oper_ctrl_t* ctrl, playback_steer_t* steer);
+
 // Writes frames to the device: frames written, 0 when it would block, -1 on a fatal error.
 typedef snd_pcm_sframes_t (*playback_write_fn)(qb_audio_oper_ctrl_t* ctrl, qb_u8_t* data, size_t frames);
 

@@ -7,10 +7,17 @@
 #include "am_log.h"
 #include "qb_audio_buf.h"
 #include "qb_audio_oper.h"
-#include "qb_audio_oper_steer.h"
+#include "qb_audio_oper_playback.h"
 #include "qb_si5351.h"
 
 namespace {
+
+// A latency sample is taken once more than this many chunks were written since the last one.
+constexpr unsigned kSteerSampleChunks = 201;
+// The clock state is evaluated once this many samples exist.
+constexpr qb_u64_t kSteerEvaluateSamples = 10;
+// The one-time return to nominal is considered once more than this many samples exist.
+constexpr qb_u64_t kSteerResetSamples = 4;
 
 constexpr const char* kMclkStateNames[] = {"check", "decrease", "increase", "reset"};
 

@@ -16,7 +16,6 @@
 #include "am_log.h"
 #include "bench_util.h"
 #include "qb_audio_oper.h"
-#include "qb_audio_oper_capture.h"
 
 namespace {
 

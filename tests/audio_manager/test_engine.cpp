@@ -5,7 +5,6 @@
 #include "am_unit.h"
 #include "qb_audio_buf.h"
 #include "qb_audio_oper.h"
-#include "qb_audio_oper_capture.h"
 #include "qb_audio_misc_stream.h"
 
 namespace am_unit {

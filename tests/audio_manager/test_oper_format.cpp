@@ -1,5 +1,4 @@
-// The new-format handler: output decisions for HDMI, eARC and S/PDIF, adoption of the format and
-// the end of the run. The bridge, switch, report, EDID and shell calls are recording fakes.
+// The new-format handler's HDMI, eARC and S/PDIF decisions and the adopted format, among fakes.
 #include "am_unit.h"
 #include "qb_audio_oper_format.h"
 #include "qb_audio_stream.h"

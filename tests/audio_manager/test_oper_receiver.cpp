@@ -5,7 +5,6 @@
 #include "qb_audio_buf.h"
 #include "qb_audio_oper_format.h"
 #include "qb_audio_oper_playback.h"
-#include "qb_audio_oper_steer.h"
 #include "qb_audio_stream.h"
 #include "qb_si5351.h"
 
