@@ -1,13 +1,16 @@
 #include "diff_time.h"
 
 #include <cstdio>
-#include <cstring>
 #include <mutex>
 
 namespace {
 
-DIFF_TM_T g_stDiffTm[DIFF_TM_TRACE_NUM];
-std::mutex g_diff_tm_lock;  // guards g_stDiffTm: any thread may trace
+// The traces, and the lock that guards them: any thread may trace.
+struct diff_time_state_t {
+  std::mutex lock;
+  DIFF_TM_T traces[DIFF_TM_TRACE_NUM];
+};
+diff_time_state_t g_stDiffTm;
 
 long interval_us(const DIFF_TM_ELEM_T& from, const DIFF_TM_ELEM_T& to) {
   // the nanosecond difference is truncated toward zero, as C division does
@@ -27,9 +30,7 @@ void print_trace_locked(const DIFF_TM_T& trace) {
   std::printf("\n");
 }
 
-bool valid_trace(int trace) {
-  return trace >= 0 && trace < DIFF_TM_TRACE_NUM;
-}
+bool valid_trace(int trace) { return trace >= 0 && trace < DIFF_TM_TRACE_NUM; }
 
 }  // namespace
 
@@ -37,8 +38,8 @@ void set_diff_time(int trace, DIFF_TM_E kind, const char* name) {
   if (!valid_trace(trace)) {
     return;
   }
-  std::lock_guard<std::mutex> guard(g_diff_tm_lock);
-  DIFF_TM_T& t = g_stDiffTm[trace];
+  std::lock_guard<std::mutex> guard(g_stDiffTm.lock);
+  DIFF_TM_T& t = g_stDiffTm.traces[trace];
   // a start point begins a new trace: the points of the previous one are dropped
   if (kind == DIFF_TM_START) {
     t.s32ElemCount = 0;
@@ -59,8 +60,8 @@ std::string get_diff_time(int trace) {
   if (!valid_trace(trace)) {
     return std::string();
   }
-  std::lock_guard<std::mutex> guard(g_diff_tm_lock);
-  const DIFF_TM_T& t = g_stDiffTm[trace];
+  std::lock_guard<std::mutex> guard(g_stDiffTm.lock);
+  const DIFF_TM_T& t = g_stDiffTm.traces[trace];
   if (t.s32ElemCount < 2) {
     return std::string();
   }
@@ -72,14 +73,4 @@ std::string get_diff_time(int trace) {
   }
   text += "]";
   return text;
-}
-
-DIFF_TM_T diff_time_snapshot(int trace) {
-  DIFF_TM_T copy;
-  std::memset(&copy, 0, sizeof copy);
-  if (valid_trace(trace)) {
-    std::lock_guard<std::mutex> guard(g_diff_tm_lock);
-    copy = g_stDiffTm[trace];
-  }
-  return copy;
 }

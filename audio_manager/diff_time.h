@@ -36,6 +36,3 @@ void set_diff_time(int trace, DIFF_TM_E kind, const char* name);
 
 // The trace's intervals as "[1200-340-]"; "" for fewer than two points or a trace outside 0-3.
 std::string get_diff_time(int trace);
-
-// Copy of one trace (tests and dumps); an empty trace for a number outside 0-3.
-DIFF_TM_T diff_time_snapshot(int trace);

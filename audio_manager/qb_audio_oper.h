@@ -14,7 +14,6 @@
 #include <ctime>
 
 #include "qb_audio_misc.h"
-#include "qb_audio_misc_stream.h"  // QB_AUDIO_NET_PORT, the UDP port of every stream
 #include "qb_audio_oper_packet.h"
 #include "qb_types.h"
 
@@ -22,16 +21,14 @@ class CAudioBuf;
 
 // Size of the PCM staging buffer and of the datagram buffer at open.
 inline constexpr size_t QB_AUDIO_BUF_DEFAULT_SIZE = 196608;
-// Chunk size in frames before negotiation.
-inline constexpr snd_pcm_uframes_t QB_AUDIO_DEFAULT_CHUNK_SIZE = 2048;
 // Receive slot of one datagram in the datagram buffer.
 inline constexpr size_t QB_AUDIO_RX_SLOT_SIZE = 2048;
 // Largest gap in bytes that is bridged with silence; a larger one ends the run.
 inline constexpr qb_u32_t QB_AUDIO_MAX_BRIDGED_LOSS = 5120;
 // Entries of the latency sample history.
 inline constexpr size_t QB_AUDIO_LATENCY_HISTORY = 100;
-// Send and receive socket buffer sizes.
-inline constexpr int QB_AUDIO_SOCK_BUF_SIZE = 8388608;
+// Streams per direction.
+inline constexpr int QB_AUDIO_OPER_STREAMS = 3;
 
 typedef struct qb_audio_oper_hwparam_t {
   snd_pcm_format_t format;
@@ -46,32 +43,17 @@ typedef enum {
   MCLK_STATE_RESET = 3,
 } MCLK_STATE_E;
 
-typedef struct qb_audio_oper_ctrl_t {
-  // Role
-  const char* command;
-  const char* pcm_name;
+// PCM parameters: the device, its format and the negotiated geometry.
+struct qb_audio_oper_pcm_t {
   snd_pcm_t* handle;
-  // Format
-  qb_audio_oper_hwparam_t hwparams;
-  qb_audio_oper_hwparam_t rhwparams;
-  // Limits
-  int timelimit;
-  int sampleslimit;
-  int quiet_mode;
-  int file_type;
-  // Modes
+  qb_audio_oper_hwparam_t hwparams;   // in use
+  qb_audio_oper_hwparam_t rhwparams;  // requested from the stream's format
+  int quiet_mode;                     // 0 keeps the recovery messages on
   int open_mode;
   snd_pcm_stream_t stream;
   int mmap_flag;
   int interleaved;
   int nonblock;
-  // Stop flag: any thread sets it to 1 to end the current run; the engine loop polls it.
-  std::atomic<int> in_aborting;
-  // Buffers
-  qb_u8_t* audiobuf;
-  unsigned int audiobuf_datalen;
-  qb_u8_t* net_audiobuf;
-  // Timing
   snd_pcm_uframes_t chunk_size;
   unsigned int period_time;
   unsigned int buffer_time;
@@ -79,59 +61,90 @@ typedef struct qb_audio_oper_ctrl_t {
   snd_pcm_uframes_t period_frames;
   snd_pcm_uframes_t buffer_frames;
   int avail_min;
-  int start_delay;
-  int stop_delay;
-  // Device facts
+  int start_delay;  // the start threshold in frames once negotiated
+  int stop_delay;   // the stop threshold in frames once negotiated
   int monotonic;
-  int interactive;
   int can_pause;
   int fatal_errors;
-  int verbose;
-  int vumeter;
-  int buffer_pos;
-  // Sample geometry
+  int verbose;  // 1 dumps the device status on recovery
   size_t significant_bits_per_sample;
   size_t bits_per_sample;
   size_t bits_per_frame;
   size_t chunk_bytes;
-  // Position test
   int test_position;
   int test_coef;
   int test_nowait;
-  // Diagnostics
-  snd_output_t* log;
-  // File options
+  snd_output_t* log;  // where ALSA dumps go
+  int dump_hw_params;
+};
+
+// Transport: the stream's socket, group and the header of the format sent or played.
+struct qb_audio_oper_transport_t {
+  const char* audio_net_addr;
+  int audio_tx;  // 1 = sender
+  int tx_fd;
+  int rx_fd;
+  struct sockaddr_in svr_addr;
+  int net_port;
+  int audio_group_ip;  // 1 = multicast membership
+  audio_transport_head_t audio_info_head;
+  int pktSize;
+  // A header whose format change could not be applied in this run (the codec program failed):
+  // datagrams that carry it again play on as before, without another attempt.
+  audio_transport_head_t refused_head;
+  int refused_head_valid;
+};
+
+// Loss accounting: the running byte counter, and the start time and chunk count the xrun reports
+// measure from.
+struct qb_audio_oper_loss_t {
+  qb_u32_t rollingSampleDataSizeTotal;
+  struct timespec tsStartCapture;
+  unsigned int chunkCountCapture;
+  struct timespec tsStartPlay;
+  unsigned int chunkCountPlay;
+};
+
+// Clock steering of a playback run: thresholds in frames, the latency samples, the clock state.
+struct qb_audio_oper_steering_t {
+  int incStartNum;
+  int incStopNum;
+  int decStartNum;
+  int decStopNum;
+  qb_u64_t sumLatency;
+  size_t* arrChunkNum;  // points at latency_history while a playback run lasts
+  size_t latency_history[QB_AUDIO_LATENCY_HISTORY];
+  qb_u64_t latencyCnt;
+  int clifd;  // socket to the genlock service
+  MCLK_STATE_E mclkState;
+  qb_u64_t lastAdjustAvg;
+  qb_u64_t lastAdjustCnt;
+};
+
+// Fields that only the record dumps print; they drive no behaviour.
+struct qb_audio_oper_dump_only_t {
+  int timelimit;
+  int sampleslimit;
+  int file_type;
+  int interactive;
+  int vumeter;
+  int buffer_pos;
   long long max_file_size;
   int max_file_time;
   int use_strftime;
   int recycle_capture_file;
   int term_c_lflag;
-  int dump_hw_params;
   int fd;
   long long pbrec_count;
   int fdcount;
   int vocmajor;
   int vocminor;
-  // Network
-  const char* audio_net_addr;
-  int audio_tx;
-  int tx_fd;
-  int rx_fd;
-  struct sockaddr_in svr_addr;
-  int net_port;
-  int audio_group_ip;
-  // Stream identity
   int file_param;
-  int file_param_num;
-  // Process file
   const char* pidfile_name;
   int pidf;
   int pidfile_written;
   void* channel_map;
   int* hw_map;
-  // Header
-  audio_transport_head_t audio_info_head;
-  // Position statistics
   long counter;
   time_t tmr;
   time_t now;
@@ -144,54 +157,41 @@ typedef struct qb_audio_oper_ctrl_t {
   snd_pcm_sframes_t mindelay;
   snd_pcm_sframes_t badavail;
   snd_pcm_sframes_t baddelay;
-  // Lifecycle
-  int init;
-  long runtime;
   qb_u64_t read_count;
-  // Steering
   snd_pcm_sframes_t totalIOLatency;
   snd_pcm_sframes_t availFrmInRingBuf;
   int maxFrmNum;
   int minFrmNum;
-  int incStartNum;
-  int incStopNum;
-  int decStartNum;
-  int decStopNum;
   pthread_mutex_t mutexLatency;
-  qb_u64_t sumLatency;
-  size_t* arrChunkNum;
-  qb_u64_t latencyCnt;
-  int clifd;
-  MCLK_STATE_E mclkState;
-  qb_u64_t lastAdjustAvg;
-  qb_u64_t lastAdjustCnt;
   qb_u64_t adjustWaitCnt;
   qb_u64_t oneSecondCnt;
-  // Ring
-  CAudioBuf* pAudBuf;
   int asyncStart;
   int asyncStartNum;
   snd_async_handler_t* ahandler;
   int startRecv;
   int syncSend;
-  // Packetising
-  qb_u32_t rollingSampleDataSizeTotal;
   int pktDelayMicrosecond;
-  int pktSize;
-  // Timestamps
-  struct timespec tsStartCapture;
-  unsigned int chunkCountCapture;
-  struct timespec tsStartPlay;
-  unsigned int chunkCountPlay;
-  // Allocated sizes of audiobuf and net_audiobuf in bytes.
+};
+
+typedef struct qb_audio_oper_ctrl_t {
+  const char* command;   // "arecord" or "aplay"
+  const char* pcm_name;  // ALSA device name such as "hw:1,0"
+  // Stop flag: any thread sets it to 1 to end the current run; the engine loop polls it.
+  std::atomic<int> in_aborting;
+  qb_u8_t* audiobuf;  // PCM staging buffer
+  unsigned int audiobuf_datalen;
+  qb_u8_t* net_audiobuf;  // datagram buffer
   size_t audiobuf_capacity;
   size_t net_audiobuf_capacity;
-  // Storage of the latency sample history arrChunkNum points to while a playback run lasts.
-  size_t latency_history[QB_AUDIO_LATENCY_HISTORY];
-  // A header whose format change could not be applied in this run (the codec program failed):
-  // datagrams that carry it again play on as before, without another attempt.
-  audio_transport_head_t refused_head;
-  int refused_head_valid;
+  CAudioBuf* pAudBuf;  // chunks parked while the playback device is busy
+  int file_param_num;  // stream number 1, 2 or 3
+  int init;            // 1 after a successful open
+  long runtime;        // monotonic seconds of the last eARC channel-status update
+  qb_audio_oper_pcm_t pcm;
+  qb_audio_oper_transport_t net;
+  qb_audio_oper_loss_t loss;
+  qb_audio_oper_steering_t steer;
+  qb_audio_oper_dump_only_t dump;
 } qb_audio_oper_ctrl_t;
 
 // ---- Engine-wide stop: set by the thread manager while the daemon shuts down, so that a run
@@ -219,8 +219,15 @@ snd_pcm_uframes_t get_start_threshold_play(qb_audio_oper_ctrl_t* ctrl);
 int get_delay_usec(qb_audio_oper_ctrl_t* ctrl);
 int set_buffer_param(qb_audio_oper_ctrl_t* ctrl);
 void show_available_sample_formats(qb_audio_oper_ctrl_t* ctrl, snd_pcm_hw_params_t* params);
-// Stream number 1, 2 or 3 of an ALSA device name ("hw:1,0" 1, "hw:2,0" 2, any other 3).
-int qb_audio_oper_stream_of_device(const char* pcm_name);
+// The start of a run of either direction: the record's defaults and role, the stream number of the
+// device ("hw:1,0" 1, "hw:2,0" 2, any other 3), the switch's forwarding of the group, and the format
+// of the stream's channel record (channels, by stream number).
+void qb_audio_oper_run_begin(qb_audio_oper_ctrl_t* ctrl, snd_pcm_stream_t stream, const char* pcm_name,
+                             const char* group, const int channels[QB_AUDIO_OPER_STREAMS]);
+// The end of a run: sockets and device closed, the group's forwarding removed, the record published.
+void qb_audio_oper_run_end(qb_audio_oper_ctrl_t* ctrl, const char* group);
+// Describes the device's format on standard error (unless quiet).
+void qb_audio_oper_describe(const qb_audio_oper_ctrl_t* ctrl);
 // Payload size of one datagram.
 int get_pkt_size(qb_audio_oper_ctrl_t* ctrl);
 
@@ -251,6 +258,11 @@ int net_data_close(qb_audio_oper_ctrl_t* ctrl);
 // ---- Capture-to-network sender
 int qb_audio_oper_capture(qb_audio_oper_ctrl_t* ctrl, const char* pcm_name, const char* group);
 int capture_new(qb_audio_oper_ctrl_t* ctrl, const char* file);
+// Datagrams sent by one multi-message send call.
+inline constexpr size_t kCaptureBatch = 3;
+// Sends one chunk as datagrams of at most pktSize payload bytes, in batches of up to three, on the
+// connected tx_fd; advances rollingSampleDataSizeTotal. Returns the number of send calls.
+int capture_send_chunk(qb_audio_oper_ctrl_t* ctrl, const qb_u8_t* data, size_t bytes);
 int unmute_audio_input(qb_audio_oper_ctrl_t* ctrl);
 
 // ---- Network-to-playback receiver

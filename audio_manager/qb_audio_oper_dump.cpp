@@ -17,27 +17,20 @@ namespace {
 
 constexpr size_t kDumpLineSize = 768;
 
-// Where the lines go: a file, or the log when file is null.
-struct dump_sink_t {
-  FILE* file;
-};
+// One line to a file, or to the log when file is null.
+void emit(FILE* file, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
-void emit(const dump_sink_t& sink, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-
-void emit(const dump_sink_t& sink, const char* fmt, ...) {
+void emit(FILE* file, const char* fmt, ...) {
   char line[kDumpLineSize];
   va_list args;
   va_start(args, fmt);
   vsnprintf(line, sizeof(line), fmt, args);
   va_end(args);
-  if (sink.file != nullptr) {
-    fputs(line, sink.file);
+  if (file != nullptr) {
+    fputs(line, file);
     return;
   }
-  size_t len = 0;
-  while (line[len] != '\0') {
-    ++len;
-  }
+  const size_t len = strlen(line);
   if (len > 0 && line[len - 1] == '\n') {
     line[len - 1] = '\0';
   }
@@ -48,8 +41,11 @@ const char* text(const char* s) { return s != nullptr ? s : "(null)"; }
 
 // The published copies, by record. Each holds the record's bytes but the stop flag, which has its
 // own atomic access.
-std::mutex g_published_lock;
-std::map<const qb_audio_oper_ctrl_t*, std::vector<unsigned char>> g_published;
+struct published_t {
+  std::mutex lock;
+  std::map<const qb_audio_oper_ctrl_t*, std::vector<unsigned char>> copies;
+};
+published_t g_published;
 
 constexpr size_t kFlagAt = offsetof(qb_audio_oper_ctrl_t, in_aborting);
 constexpr size_t kAfterFlag = kFlagAt + sizeof(std::atomic<int>);
@@ -64,61 +60,64 @@ void copy_but_flag(void* to, const void* from) {
 // (no worker runs on it).
 void published_copy(const qb_audio_oper_ctrl_t* ctrl, qb_audio_oper_ctrl_t* out) {
   {
-    std::lock_guard<std::mutex> hold(g_published_lock);
-    const auto it = g_published.find(ctrl);
-    copy_but_flag(out, it != g_published.end() ? static_cast<const void*>(it->second.data())
-                                               : static_cast<const void*>(ctrl));
+    std::lock_guard<std::mutex> hold(g_published.lock);
+    const auto it = g_published.copies.find(ctrl);
+    copy_but_flag(out, it != g_published.copies.end() ? static_cast<const void*>(it->second.data())
+                                                      : static_cast<const void*>(ctrl));
   }
   out->in_aborting.store(ctrl->in_aborting.load());
   // The history pointer only ever points at the record's own history.
-  if (out->arrChunkNum != nullptr) {
-    out->arrChunkNum = out->latency_history;
+  if (out->steer.arrChunkNum != nullptr) {
+    out->steer.arrChunkNum = out->steer.latency_history;
   }
 }
 
 // Role, format, limits, modes, buffers, timing, device facts, sample geometry, position test,
 // diagnostics and file options.
-void dump_device_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
+void dump_device_lines(const qb_audio_oper_ctrl_t* c, FILE* out) {
   emit(out,
        "command=%s,pcm_name=%s,handle=%p,hwparams format=%d,channels=%u,rate=%u,rhwparams format=%d,channels=%u,"
        "rate=%u,timelimit=%d\n",
-       text(c->command), text(c->pcm_name), static_cast<void*>(c->handle), static_cast<int>(c->hwparams.format),
-       c->hwparams.channels, c->hwparams.rate, static_cast<int>(c->rhwparams.format), c->rhwparams.channels,
-       c->rhwparams.rate, c->timelimit);
-  emit(out, "sampleslimit=%d,quiet_mode=%d,file_type=%d,open_mode=%d,stream=%d,mmap_flag=%d,interleaved=%d,nonblock=%d\n",
-       c->sampleslimit, c->quiet_mode, c->file_type, c->open_mode, static_cast<int>(c->stream), c->mmap_flag,
-       c->interleaved, c->nonblock);
+       text(c->command), text(c->pcm_name), static_cast<void*>(c->pcm.handle), static_cast<int>(c->pcm.hwparams.format),
+       c->pcm.hwparams.channels, c->pcm.hwparams.rate, static_cast<int>(c->pcm.rhwparams.format),
+       c->pcm.rhwparams.channels, c->pcm.rhwparams.rate, c->dump.timelimit);
+  emit(out,
+       "sampleslimit=%d,quiet_mode=%d,file_type=%d,open_mode=%d,stream=%d,mmap_flag=%d,interleaved=%d,nonblock=%d\n",
+       c->dump.sampleslimit, c->pcm.quiet_mode, c->dump.file_type, c->pcm.open_mode, static_cast<int>(c->pcm.stream),
+       c->pcm.mmap_flag, c->pcm.interleaved, c->pcm.nonblock);
   emit(out, "in_aborting=%d,audiobuf=%p,audiobuf_datalen=%u,net_audiobuf=%p\n", c->in_aborting.load(),
        static_cast<void*>(c->audiobuf), c->audiobuf_datalen, static_cast<void*>(c->net_audiobuf));
   emit(out,
        "chunk_size=%lu,period_time=%u,buffer_time=%u,max_buffer_time=%u,period_frames=%lu,buffer_frames=%lu,"
        "avail_min=%d,start_delay=%d,stop_delay=%d\n",
-       c->chunk_size, c->period_time, c->buffer_time, c->max_buffer_time, c->period_frames, c->buffer_frames,
-       c->avail_min, c->start_delay, c->stop_delay);
+       c->pcm.chunk_size, c->pcm.period_time, c->pcm.buffer_time, c->pcm.max_buffer_time, c->pcm.period_frames,
+       c->pcm.buffer_frames, c->pcm.avail_min, c->pcm.start_delay, c->pcm.stop_delay);
   emit(out, "monotonic=%d,interactive=%d,can_pause=%d,fatal_errors=%d,verbose=%d,vumeter=%d,buffer_pos=%d\n",
-       c->monotonic, c->interactive, c->can_pause, c->fatal_errors, c->verbose, c->vumeter, c->buffer_pos);
+       c->pcm.monotonic, c->dump.interactive, c->pcm.can_pause, c->pcm.fatal_errors, c->pcm.verbose, c->dump.vumeter,
+       c->dump.buffer_pos);
   emit(out, "significant_bits_per_sample=%zu,bits_per_sample=%zu,bits_per_frame=%zu,chunk_bytes=%zu\n",
-       c->significant_bits_per_sample, c->bits_per_sample, c->bits_per_frame, c->chunk_bytes);
-  emit(out, "test_position=%d,test_coef=%d,test_nowait=%d,log=%p\n", c->test_position, c->test_coef, c->test_nowait,
-       static_cast<void*>(c->log));
+       c->pcm.significant_bits_per_sample, c->pcm.bits_per_sample, c->pcm.bits_per_frame, c->pcm.chunk_bytes);
+  emit(out, "test_position=%d,test_coef=%d,test_nowait=%d,log=%p\n", c->pcm.test_position, c->pcm.test_coef,
+       c->pcm.test_nowait, static_cast<void*>(c->pcm.log));
   emit(out,
        "max_file_size=%lld,max_file_time=%d,use_strftime=%d,recycle_capture_file=%d,term_c_lflag=%d,"
        "dump_hw_params=%d,fd=%d,pbrec_count=%lld,fdcount=%d,vocmajor=%d,vocminor=%d\n",
-       c->max_file_size, c->max_file_time, c->use_strftime, c->recycle_capture_file, c->term_c_lflag,
-       c->dump_hw_params, c->fd, c->pbrec_count, c->fdcount, c->vocmajor, c->vocminor);
+       c->dump.max_file_size, c->dump.max_file_time, c->dump.use_strftime, c->dump.recycle_capture_file,
+       c->dump.term_c_lflag, c->pcm.dump_hw_params, c->dump.fd, c->dump.pbrec_count, c->dump.fdcount, c->dump.vocmajor,
+       c->dump.vocminor);
 }
 
 // Network, stream identity, process file and the transport header.
-void dump_network_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
+void dump_network_lines(const qb_audio_oper_ctrl_t* c, FILE* out) {
   char svr[INET_ADDRSTRLEN] = "";
-  inet_ntop(AF_INET, &c->svr_addr.sin_addr, svr, sizeof svr);
+  inet_ntop(AF_INET, &c->net.svr_addr.sin_addr, svr, sizeof svr);
   emit(out, "audio_net_addr=%s,audio_tx=%d,tx_fd=%d,rx_fd=%d,svr_addr=%s:%u,net_port=%d,audio_group_ip=%d\n",
-       text(c->audio_net_addr), c->audio_tx, c->tx_fd, c->rx_fd, svr, static_cast<unsigned>(ntohs(c->svr_addr.sin_port)),
-       c->net_port, c->audio_group_ip);
+       text(c->net.audio_net_addr), c->net.audio_tx, c->net.tx_fd, c->net.rx_fd, svr,
+       static_cast<unsigned>(ntohs(c->net.svr_addr.sin_port)), c->net.net_port, c->net.audio_group_ip);
   emit(out, "file_param=%d,file_param_num=%d,pidfile_name=%s,pidf=%d,pidfile_written=%d,channel_map=%p,hw_map=%p\n",
-       c->file_param, c->file_param_num, text(c->pidfile_name), c->pidf, c->pidfile_written, c->channel_map,
-       static_cast<void*>(c->hw_map));
-  const audio_transport_head_t& h = c->audio_info_head;
+       c->dump.file_param, c->file_param_num, text(c->dump.pidfile_name), c->dump.pidf, c->dump.pidfile_written,
+       c->dump.channel_map, static_cast<void*>(c->dump.hw_map));
+  const audio_transport_head_t& h = c->net.audio_info_head;
   emit(out,
        "Magic=0x%x,From=%u,Cfg_Change_Number=0x%x,Packet_Size=%u,cts=%u,HDCP2_Encrypted=%u,"
        "Input_Controller=[%02x,%02x,%02x,%02x,%02x,%02x,%02x,%02x],Audio_On=%u,"
@@ -126,9 +125,8 @@ void dump_network_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
        "Mode_16bits=%u,Audio_Type=%u,SPDIF=%u\n",
        h.Magic, h.From, h.Cfg_Change_Number, h.Packet_Size, h.cts, h.HDCP2_Encrypted, h.Input_Controller[0],
        h.Input_Controller[1], h.Input_Controller[2], h.Input_Controller[3], h.Input_Controller[4],
-       h.Input_Controller[5], h.Input_Controller[6], h.Input_Controller[7], h.Audio_On,
-       h.Sample_Frequency, h.Channels, h.Sample_Size, h.IO_In_Use, h.Enable_Upstream, h.Down_Sampling,
-       h.Mode_16bits, h.Audio_Type, h.SPDIF);
+       h.Input_Controller[5], h.Input_Controller[6], h.Input_Controller[7], h.Audio_On, h.Sample_Frequency, h.Channels,
+       h.Sample_Size, h.IO_In_Use, h.Enable_Upstream, h.Down_Sampling, h.Mode_16bits, h.Audio_Type, h.SPDIF);
   emit(out,
        "Audio_Info_Frame=[%02x,%02x,%02x,%02x,%02x],IEC60958_Channel_Stats=[%02x,%02x,%02x,%02x,%02x],"
        "Rolling_Sample_Data_Size_Total=%u\n",
@@ -139,46 +137,48 @@ void dump_network_lines(const qb_audio_oper_ctrl_t* c, const dump_sink_t& out) {
 
 // Position statistics, lifecycle, clock steering with the latency history, ring, packetising and
 // timestamps.
-void dump_statistics_lines(const qb_audio_oper_ctrl_t* c, const void* mutex_at, const dump_sink_t& out) {
+void dump_statistics_lines(const qb_audio_oper_ctrl_t* c, const void* mutex_at, FILE* out) {
   emit(out,
        "counter=%ld,tmr=%ld,now=%ld,availsum=%.1f,delaysum=%.1f,samples=%.1f,maxavail=%ld,maxdelay=%ld,"
        "minavail=%ld,mindelay=%ld,badavail=%ld,baddelay=%ld\n",
-       c->counter, static_cast<long>(c->tmr), static_cast<long>(c->now), static_cast<double>(c->availsum),
-       static_cast<double>(c->delaysum), static_cast<double>(c->samples), c->maxavail, c->maxdelay, c->minavail,
-       c->mindelay, c->badavail, c->baddelay);
+       c->dump.counter, static_cast<long>(c->dump.tmr), static_cast<long>(c->dump.now),
+       static_cast<double>(c->dump.availsum), static_cast<double>(c->dump.delaysum),
+       static_cast<double>(c->dump.samples), c->dump.maxavail, c->dump.maxdelay, c->dump.minavail, c->dump.mindelay,
+       c->dump.badavail, c->dump.baddelay);
   emit(out, "init=%d,runtime=%ld,read_count=%llu\n", c->init, c->runtime,
-       static_cast<unsigned long long>(c->read_count));
+       static_cast<unsigned long long>(c->dump.read_count));
   emit(out,
        "totalIOLatency=%ld,availFrmInRingBuf=%ld,maxFrmNum=%d,minFrmNum=%d,incStartNum=%d,incStopNum=%d,"
        "decStartNum=%d,decStopNum=%d\n",
-       c->totalIOLatency, c->availFrmInRingBuf, c->maxFrmNum, c->minFrmNum, c->incStartNum, c->incStopNum,
-       c->decStartNum, c->decStopNum);
+       c->dump.totalIOLatency, c->dump.availFrmInRingBuf, c->dump.maxFrmNum, c->dump.minFrmNum, c->steer.incStartNum,
+       c->steer.incStopNum, c->steer.decStartNum, c->steer.decStopNum);
   emit(out,
        "mutexLatency=%p,sumLatency=%llu,latencyCnt=%llu,clifd=%d,mclkState=%s,lastAdjustAvg=%llu,lastAdjustCnt=%llu,"
        "adjustWaitCnt=%llu,oneSecondCnt=%llu\n",
-       mutex_at, static_cast<unsigned long long>(c->sumLatency), static_cast<unsigned long long>(c->latencyCnt), c->clifd,
-       get_mclk_status(c->mclkState), static_cast<unsigned long long>(c->lastAdjustAvg),
-       static_cast<unsigned long long>(c->lastAdjustCnt), static_cast<unsigned long long>(c->adjustWaitCnt),
-       static_cast<unsigned long long>(c->oneSecondCnt));
-  const size_t* history = c->arrChunkNum;
+       mutex_at, static_cast<unsigned long long>(c->steer.sumLatency),
+       static_cast<unsigned long long>(c->steer.latencyCnt), c->steer.clifd, get_mclk_status(c->steer.mclkState),
+       static_cast<unsigned long long>(c->steer.lastAdjustAvg), static_cast<unsigned long long>(c->steer.lastAdjustCnt),
+       static_cast<unsigned long long>(c->dump.adjustWaitCnt), static_cast<unsigned long long>(c->dump.oneSecondCnt));
+  const size_t* history = c->steer.arrChunkNum;
   if (history != nullptr) {
-    const size_t shown = c->latencyCnt < QB_AUDIO_LATENCY_HISTORY ? c->latencyCnt : QB_AUDIO_LATENCY_HISTORY;
+    const size_t shown =
+        c->steer.latencyCnt < QB_AUDIO_LATENCY_HISTORY ? c->steer.latencyCnt : QB_AUDIO_LATENCY_HISTORY;
     for (size_t i = 0; i < shown; ++i) {
       emit(out, "arrChunkNum[%zu]=%zu\n", i, history[i]);
     }
   }
   emit(out, "pAudBuf=%p,asyncStart=%d,asyncStartNum=%d,ahandler=%p,startRecv=%d,syncSend=%d\n",
-       static_cast<void*>(c->pAudBuf), c->asyncStart, c->asyncStartNum, static_cast<void*>(c->ahandler),
-       c->startRecv, c->syncSend);
-  emit(out, "rollingSampleDataSizeTotal=%u,pktDelayMicrosecond=%d,pktSize=%d\n", c->rollingSampleDataSizeTotal,
-       c->pktDelayMicrosecond, c->pktSize);
+       static_cast<void*>(c->pAudBuf), c->dump.asyncStart, c->dump.asyncStartNum, static_cast<void*>(c->dump.ahandler),
+       c->dump.startRecv, c->dump.syncSend);
+  emit(out, "rollingSampleDataSizeTotal=%u,pktDelayMicrosecond=%d,pktSize=%d\n", c->loss.rollingSampleDataSizeTotal,
+       c->dump.pktDelayMicrosecond, c->net.pktSize);
   emit(out, "tsStartCapture=%ld.%09ld,chunkCountCapture=%u,tsStartPlay=%ld.%09ld,chunkCountPlay=%u\n",
-       static_cast<long>(c->tsStartCapture.tv_sec), c->tsStartCapture.tv_nsec, c->chunkCountCapture,
-       static_cast<long>(c->tsStartPlay.tv_sec), c->tsStartPlay.tv_nsec, c->chunkCountPlay);
+       static_cast<long>(c->loss.tsStartCapture.tv_sec), c->loss.tsStartCapture.tv_nsec, c->loss.chunkCountCapture,
+       static_cast<long>(c->loss.tsStartPlay.tv_sec), c->loss.tsStartPlay.tv_nsec, c->loss.chunkCountPlay);
 }
 
 // Every field in record order; mutex_at is the address shown for the record's mutex.
-void dump_lines(const qb_audio_oper_ctrl_t* c, const void* mutex_at, const dump_sink_t& out) {
+void dump_lines(const qb_audio_oper_ctrl_t* c, const void* mutex_at, FILE* out) {
   dump_device_lines(c, out);
   dump_network_lines(c, out);
   dump_statistics_lines(c, mutex_at, out);
@@ -191,7 +191,7 @@ void dump_audio_ctrl(qb_audio_oper_ctrl_t* ctrl) {
     return;
   }
   AM_LOG_INFO("dump audio ctrl begin");
-  dump_lines(ctrl, &ctrl->mutexLatency, dump_sink_t{nullptr});
+  dump_lines(ctrl, &ctrl->dump.mutexLatency, nullptr);
 }
 
 void dump_audio_ctrl1(qb_audio_oper_ctrl_t* ctrl, FILE* file) {
@@ -200,15 +200,15 @@ void dump_audio_ctrl1(qb_audio_oper_ctrl_t* ctrl, FILE* file) {
   }
   qb_audio_oper_ctrl_t copy;
   published_copy(ctrl, &copy);
-  dump_lines(&copy, &ctrl->mutexLatency, dump_sink_t{file});
+  dump_lines(&copy, &ctrl->dump.mutexLatency, file);
 }
 
 void qb_audio_oper_publish(const qb_audio_oper_ctrl_t* ctrl) {
   if (ctrl == nullptr) {
     return;
   }
-  std::lock_guard<std::mutex> hold(g_published_lock);
-  std::vector<unsigned char>& bytes = g_published[ctrl];
+  std::lock_guard<std::mutex> hold(g_published.lock);
+  std::vector<unsigned char>& bytes = g_published.copies[ctrl];
   bytes.resize(sizeof(qb_audio_oper_ctrl_t));
   copy_but_flag(bytes.data(), ctrl);
 }

@@ -1,6 +1,7 @@
 // The receiver's output decisions on a new stream format.
 #include "qb_audio_oper_format.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -23,6 +24,19 @@ constexpr const char* kCodecVolume = "/customer/bin/audio_codec -v %d";
 constexpr int kStreamOutputMode = 4;
 constexpr int kNoFallback = -1;
 constexpr qb_u8_t kHbrRateCode = 9;
+// Mix type of each sink capability but DTS-HD.
+struct edid_mix_t {
+  E_Audio_Format format;
+  MIX_AUD_E mix;
+};
+constexpr edid_mix_t kEdidMixTypes[] = {
+    {ENUM_DTS, MIX_AUD_DTS},    {ENUM_AC3, MIX_AUD_AC3}, {ENUM_DDP, MIX_AUD_DDP},
+    {ENUM_MAT, MIX_AUD_TRUEHD}, {ENUM_AAC, MIX_AUD_AAC},
+};
+// Bridge link state in which the eARC output's decision is made.
+constexpr int kBridgeStateDecide = 2;
+// Length of the channel-status record sent to the eARC bridge.
+constexpr int kEarcChannelStatusSize = 6;
 
 int load_edid_file(T_Edid_Audio_Info_* list) {
   EdidParser parser;
@@ -35,22 +49,13 @@ int load_edid_file(T_Edid_Audio_Info_* list) {
 
 // The decision's collaborators, bound at link time: a missing one is a link error. Tests install
 // a record of their own with qb_audio_new_format_ops_set.
-qb_audio_new_format_ops_t default_ops() {
-  qb_audio_new_format_ops_t o;
-  o.set_update_chs_or = set_update_chs_or;
-  o.set_avp_hdmi_out_audio_param = set_avp_hdmi_out_audio_param;
-  o.get_it6621_status = get_it6621_status;
-  o.it6621_channel_state_set = it6621_channel_state_set;
-  o.set_output_hdmi_stream = set_output_hdmi_stream;
-  o.set_output_earc_stream = set_output_earc_stream;
-  o.set_output_spdif_stream = set_output_spdif_stream;
-  o.reportDetailsAudioStatus = reportDetailsAudioStatus;
-  o.load_edid_audio = load_edid_file;
-  o.system = posix_system;
-  return o;
-}
-
-const qb_audio_new_format_ops_t kDefaultOps = default_ops();
+constexpr qb_audio_new_format_ops_t kDefaultOps = {
+    set_update_chs_or,       set_avp_hdmi_out_audio_param,
+    get_it6621_status,       it6621_channel_state_set,
+    set_output_hdmi_stream,  set_output_earc_stream,
+    set_output_spdif_stream, reportDetailsAudioStatus,
+    load_edid_file,          posix_system,
+};
 
 std::atomic<const qb_audio_new_format_ops_t*> g_ops{&kDefaultOps};
 
@@ -68,116 +73,149 @@ void avp_param(qb_audio_info_t* record) {
   }
 }
 
-void switch_stream(int (*fn)(int, unsigned), int mode, int sid) {
-  if (fn != nullptr) {
-    fn(mode, static_cast<unsigned>(sid));
+qb_u8_t u8(qb_s8_t v) { return static_cast<qb_u8_t>(v); }
+
+// Whether the eARC or S/PDIF output needs its fallback for the record; `support` is the
+// pass-through test of that output.
+bool output_needs_fallback(const qb_audio_info* ainfo, bool (*support)(int), const char* support_name) {
+  const qb_u8_t kind = u8(ainfo->ChStat[1]);
+  if (kind == 2) {
+    return true;
+  }
+  if (kind == 1) {
+    const int code = u8(ainfo->AUD_DB[0]);
+    const bool supported = support(code);
+    AM_LOG_INFO("dts-- dsp audio type value:%d %s:%d", code, support_name, supported ? 1 : 0);
+    if (!supported) {
+      return true;
+    }
+  }
+  if (kind == 0 && u8(ainfo->ChStat[2]) >= 3) {
+    return true;
+  }
+  // Channel-status byte 3 equal to 9 marks a high-bit-rate stream.
+  return u8(ainfo->ChStat[3]) == kHbrRateCode;
+}
+
+// An output that can switch between its normal and its fallback stream.
+struct output_rule_t {
+  int (*listened)(void);  // source number the output listens to
+  int (*fed)(void);       // source number fed to it now
+  int (*fallback)(void);  // fallback stream, -1 for none
+  int (*normal)(void);    // normal stream
+  int (*mode)(void);      // 0 normal, 1 fallback
+  int change_bit;
+  int (*qb_audio_new_format_ops_t::*switch_to)(int mode, unsigned sid);
+  const char* no_fallback_log;  // source number, 4, mode
+  const char* fallback_log;     // logged with the fallback stream after a switch to it, or null
+  bool (*support)(int code);    // pass-through test (eARC and S/PDIF)
+  const char* support_name;
+  bool needs_bridge;  // decided only in the bridge's link state 2, and told the channel status
+};
+
+// clang-format off
+constexpr output_rule_t kHdmiRule = {
+    qb_misc_audio_saiid_hdmi_get, qb_msic_net_stream_in_hdmi_get, qb_misc_audio_fallback_sid_hdmi_get,
+    qb_misc_audio_sid_hdmi_get, get_output_hdmi_stream_mode, QB_REPORT_PORT_HDMI,
+    &qb_audio_new_format_ops_t::set_output_hdmi_stream, " saiSrc=%d ,  %d ; hdmi stream mode = %d --[%s:%u]",
+    "switch to fallback:%d --[%s:%u]", nullptr, nullptr, false};
+constexpr output_rule_t kEarcRule = {
+    qb_misc_audio_saiid_earc_get, qb_msic_net_stream_in_earc_get, qb_misc_audio_fallback_sid_earc_get,
+    qb_misc_audio_sid_earc_get, get_output_earc_stream_mode, QB_REPORT_PORT_EARC,
+    &qb_audio_new_format_ops_t::set_output_earc_stream, " saiSrc=%d , %d ; earc stream mode = %d --[%s:%u]",
+    nullptr, arc_is_support, "arcSupport", true};
+constexpr output_rule_t kSpdifRule = {
+    qb_misc_audio_saiid_spdif_get, qb_msic_net_stream_in_spdif_get, qb_misc_audio_fallback_sid_spdif_get,
+    qb_misc_audio_sid_spdif_get, get_output_spdif_stream_mode, QB_REPORT_PORT_SPDIF,
+    &qb_audio_new_format_ops_t::set_output_spdif_stream, " saiSrc=%d ,  %d ; spdif stream mode = %d --[%s:%u]",
+    nullptr, spdif_is_support, "spdifSupport", false};
+// clang-format on
+
+// Marks the output changed; false (logged) when it has no fallback stream to decide about.
+bool has_fallback(const output_rule_t& out, int src) {
+  update_chs_or(out.change_bit);
+  if (out.fallback() != kNoFallback) {
+    return true;
+  }
+  am_log_write(AM_LOG_LEVEL_INFO, out.no_fallback_log, src, kStreamOutputMode, out.mode(), AM_LOG_FILE,
+               static_cast<unsigned>(__LINE__));
+  return false;
+}
+
+// Switches the output to its fallback stream when needed, back to its normal stream when not.
+void apply_fallback(const output_rule_t& out, bool needed) {
+  const int mode = out.mode();
+  int (*switch_to)(int, unsigned) = ops().*out.switch_to;
+  if (switch_to == nullptr) {
+    return;
+  }
+  if (needed && mode == QB_OUTPUT_STREAM_MODE_NORMAL) {
+    const int fallback = out.fallback();
+    switch_to(QB_OUTPUT_STREAM_MODE_FALLBACK, static_cast<unsigned>(fallback));
+    if (out.fallback_log != nullptr) {
+      am_log_write(AM_LOG_LEVEL_INFO, out.fallback_log, fallback, AM_LOG_FILE, static_cast<unsigned>(__LINE__));
+    }
+  } else if (!needed && mode == QB_OUTPUT_STREAM_MODE_FALLBACK) {
+    switch_to(QB_OUTPUT_STREAM_MODE_NORMAL, static_cast<unsigned>(out.normal()));
   }
 }
 
-qb_u8_t u8(qb_s8_t v) { return static_cast<qb_u8_t>(v); }
-
 // HDMI output: direct, or its fallback when the sink cannot take the format.
 void decide_hdmi(int src, qb_audio_info_t* record) {
-  const int listened = qb_misc_audio_saiid_hdmi_get();
+  const int listened = kHdmiRule.listened();
   if (listened != src) {
-    if (qb_msic_net_stream_in_hdmi_get() == src) {
+    if (kHdmiRule.fed() == src) {
       avp_param(record);
     }
     return;
   }
-  const int fallback = qb_misc_audio_fallback_sid_hdmi_get();
-  const int normal = qb_misc_audio_sid_hdmi_get();
-  update_chs_or(QB_UPDATE_CH_HDMI);
-  const int mode = get_output_hdmi_stream_mode();
-  if (fallback == kNoFallback) {
-    AM_LOG_INFO(" saiSrc=%d ,  %d ; hdmi stream mode = %d", src, kStreamOutputMode, mode);
+  if (!has_fallback(kHdmiRule, src)) {
     avp_param(record);
-    if (mode == 1) {
-      switch_stream(ops().set_output_hdmi_stream, 0, normal);
-    }
+    apply_fallback(kHdmiRule, false);
     return;
   }
   const int downmix = hdmi_output_needs_fallback(&record->ainfo);
   AM_LOG_INFO("s32Downmix=%d", downmix);
-  if (downmix == 1) {
-    if (mode == 0) {
-      switch_stream(ops().set_output_hdmi_stream, 1, fallback);
-      AM_LOG_INFO("switch to fallback:%d", fallback);
-    }
-  } else {
-    if (mode == 1) {
-      switch_stream(ops().set_output_hdmi_stream, 0, normal);
-    }
+  apply_fallback(kHdmiRule, downmix == 1);
+  if (downmix != 1) {
     avp_param(record);
-    AM_LOG_INFO(" s32Downmix = %d output_hdmi_stream_mode = %d", downmix, get_output_hdmi_stream_mode());
+    AM_LOG_INFO(" s32Downmix = %d output_hdmi_stream_mode = %d", downmix, kHdmiRule.mode());
   }
-  AM_LOG_INFO("saiSrc=%d hdmi saiSrc =%d hdmi stream mode = %d", src, listened, get_output_hdmi_stream_mode());
+  AM_LOG_INFO("saiSrc=%d hdmi saiSrc =%d hdmi stream mode = %d", src, listened, kHdmiRule.mode());
 }
 
 void send_earc_channel_status(qb_audio_oper_ctrl_t* ctrl, const qb_audio_info& ainfo) {
-  qb_u8_t record[QB_EARC_CHS_RECORD_SIZE];
+  qb_u8_t record[kEarcChannelStatusSize];
   for (int i = 0; i < 5; ++i) {
     record[i] = u8(ainfo.ChStat[i]);
   }
   record[5] = u8(ainfo.AUD_DB[3]);
   if (ops().it6621_channel_state_set != nullptr) {
-    ops().it6621_channel_state_set(record, QB_EARC_CHS_RECORD_SIZE);
+    ops().it6621_channel_state_set(record, kEarcChannelStatusSize);
   }
   struct timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
   ctrl->runtime = static_cast<long>(now.tv_sec);
 }
 
-void decide_earc(qb_audio_oper_ctrl_t* ctrl, int src, const qb_audio_info_t* record) {
-  if (qb_misc_audio_saiid_earc_get() != src) {
-    return;
-  }
-  const int fallback = qb_misc_audio_fallback_sid_earc_get();
-  const int normal = qb_misc_audio_sid_earc_get();
-  update_chs_or(QB_UPDATE_CH_EARC);
-  const int mode = get_output_earc_stream_mode();
-  if (fallback == kNoFallback) {
-    AM_LOG_INFO(" saiSrc=%d , %d ; earc stream mode = %d", src, kStreamOutputMode, mode);
-    if (mode == 1) {
-      switch_stream(ops().set_output_earc_stream, 0, normal);
-    }
-  } else {
-    const int state = ops().get_it6621_status != nullptr ? ops().get_it6621_status() : -1;
-    AM_LOG_INFO("it6621 status:%d", state);
-    if (state == QB_IT6621_STATE_DECIDE) {
-      const bool needed = output_needs_fallback(&record->ainfo, arc_is_support, "arcSupport");
-      if (needed && mode == 0) {
-        switch_stream(ops().set_output_earc_stream, 1, fallback);
-      } else if (!needed && mode == 1) {
-        switch_stream(ops().set_output_earc_stream, 0, normal);
-      }
-    }
-  }
-  if (qb_msic_net_stream_in_earc_get() == src) {
-    send_earc_channel_status(ctrl, record->ainfo);
-  }
+bool bridge_ready() {
+  const int state = ops().get_it6621_status != nullptr ? ops().get_it6621_status() : -1;
+  AM_LOG_INFO("it6621 status:%d", state);
+  return state == kBridgeStateDecide;
 }
 
-void decide_spdif(int src, const qb_audio_info_t* record) {
-  if (qb_misc_audio_saiid_spdif_get() != src) {
+// eARC and S/PDIF outputs: direct, or their fallback when they cannot pass the format through.
+void decide_pass_through(qb_audio_oper_ctrl_t* ctrl, const output_rule_t& out, int src, const qb_audio_info_t* record) {
+  if (out.listened() != src) {
     return;
   }
-  const int fallback = qb_misc_audio_fallback_sid_spdif_get();
-  const int normal = qb_misc_audio_sid_spdif_get();
-  update_chs_or(QB_UPDATE_CH_SPDIF);
-  const int mode = get_output_spdif_stream_mode();
-  if (fallback == kNoFallback) {
-    AM_LOG_INFO(" saiSrc=%d ,  %d ; spdif stream mode = %d", src, kStreamOutputMode, mode);
-    if (mode == 1) {
-      switch_stream(ops().set_output_spdif_stream, 0, normal);
-    }
-    return;
+  if (!has_fallback(out, src)) {
+    apply_fallback(out, false);
+  } else if (!out.needs_bridge || bridge_ready()) {
+    apply_fallback(out, output_needs_fallback(&record->ainfo, out.support, out.support_name));
   }
-  const bool needed = output_needs_fallback(&record->ainfo, spdif_is_support, "spdifSupport");
-  if (needed && mode == 0) {
-    switch_stream(ops().set_output_spdif_stream, 1, fallback);
-  } else if (!needed && mode == 1) {
-    switch_stream(ops().set_output_spdif_stream, 0, normal);
+  if (out.needs_bridge && out.fed() == src) {
+    send_earc_channel_status(ctrl, record->ainfo);
   }
 }
 
@@ -186,7 +224,7 @@ bool decide_analog(int src, const qb_audio_info_t* record) {
   if (qb_misc_audio_saiid_analog_get() != src) {
     return true;
   }
-  update_chs_or(QB_UPDATE_CH_ANALOG);
+  update_chs_or(QB_REPORT_PORT_ANALOG);
   char command[64];
   if (is_qb_audio_output_mute(&record->ainfo)) {
     AM_LOG_INFO("analog_output_mute() ");
@@ -207,6 +245,24 @@ bool decide_analog(int src, const qb_audio_info_t* record) {
   return true;
 }
 
+// The channel record of a stream (1..3) from an arriving header.
+qb_audio_info_t record_from_head(int stream, const audio_transport_head_t* head) {
+  qb_audio_info_t record;
+  memset(&record, 0, sizeof(record));
+  record.ch = QB_AUDIO_CHN_NSI1 + (stream - 1);
+  qb_audio_info& a = record.ainfo;
+  a.Audio_On = 1;
+  a.SampleFrequency = static_cast<qb_s8_t>(head->Sample_Frequency);
+  a.ValidCh = static_cast<qb_s8_t>(head->Channels);
+  a.SampleSize = static_cast<qb_s8_t>(head->Sample_Size);
+  a.io_in_use = static_cast<qb_s8_t>(AUDIO_HEAD_IO_IN_USE);
+  a.Audio_Type = static_cast<qb_s8_t>(head->Audio_Type);
+  a.bSPDIF = static_cast<qb_s8_t>(head->SPDIF);
+  memcpy(a.AUD_DB, head->Audio_Info_Frame, sizeof(a.AUD_DB));
+  memcpy(a.ChStat, head->IEC60958_Channel_Stats, sizeof(a.ChStat));
+  return record;
+}
+
 }  // namespace
 
 void qb_audio_new_format_ops_set(const qb_audio_new_format_ops_t* ops_in) {
@@ -214,57 +270,37 @@ void qb_audio_new_format_ops_set(const qb_audio_new_format_ops_t* ops_in) {
 }
 
 int get_aud_cap(E_Audio_Format format, qb_u8_t bitFlag) {
-  switch (format) {
-    case ENUM_DTS:
-      return MIX_AUD_DTS;
-    case ENUM_DTS_HD:
-      if (bitFlag & 0x04) {
-        return MIX_AUD_HDX2;
-      }
-      if (bitFlag & 0x02) {
-        return MIX_AUD_HDX;
-      }
-      if (bitFlag & 0x01) {
-        return MIX_AUD_DTDHDMA;
-      }
-      return MIX_AUD_DTSHD;
-    case ENUM_AC3:
-      return MIX_AUD_AC3;
-    case ENUM_DDP:
-      return MIX_AUD_DDP;
-    case ENUM_MAT:
-      return MIX_AUD_TRUEHD;
-    case ENUM_AAC:
-      return MIX_AUD_AAC;
-    default:
-      return MIX_AUD_INVALID;
+  if (format == ENUM_DTS_HD) {  // flag bits 2, 1 and 0 name the profiles above plain DTS-HD
+    return bitFlag & 0x04   ? MIX_AUD_HDX2
+           : bitFlag & 0x02 ? MIX_AUD_HDX
+           : bitFlag & 0x01 ? MIX_AUD_DTDHDMA
+                            : MIX_AUD_DTSHD;
   }
+  for (const auto& row : kEdidMixTypes) {
+    if (row.format == format) {
+      return row.mix;
+    }
+  }
+  return MIX_AUD_INVALID;
 }
 
 int aud_support(int wanted, const T_Edid_Audio_Info_* list) {
-  if (list == nullptr) {
+  if (list == nullptr || wanted < MIX_AUD_AAC || wanted > MIX_AUD_HDX2) {
     return 0;
   }
-  const unsigned count = list->u8AudioInfoNum < EDID_AUDIO_INFO_MAX_NUM ? list->u8AudioInfoNum : EDID_AUDIO_INFO_MAX_NUM;
-  if (wanted >= MIX_AUD_AAC && wanted <= MIX_AUD_TRUEHD) {
-    for (unsigned i = 0; i < count; ++i) {
-      const T_Audio_Info& e = list->ptAudioInfo[i];
-      if (get_aud_cap(e.eAudioFomat, static_cast<qb_u8_t>(e.u8BitFlag)) == wanted) {
-        return 1;
-      }
+  // The DTS family takes any sink capability of the family at least as high; the others an equal one.
+  const bool dts_family = wanted >= MIX_AUD_DTS;
+  const unsigned count = std::min<unsigned>(list->u8AudioInfoNum, EDID_AUDIO_INFO_MAX_NUM);
+  for (unsigned i = 0; i < count; ++i) {
+    const T_Audio_Info& e = list->ptAudioInfo[i];
+    const int cap = get_aud_cap(e.eAudioFomat, static_cast<qb_u8_t>(e.u8BitFlag));
+    if (!dts_family && cap == wanted) {
+      return 1;
     }
-    return 0;
-  }
-  if (wanted >= MIX_AUD_DTS && wanted <= MIX_AUD_HDX2) {
-    for (unsigned i = 0; i < count; ++i) {
-      const T_Audio_Info& e = list->ptAudioInfo[i];
-      const int cap = get_aud_cap(e.eAudioFomat, static_cast<qb_u8_t>(e.u8BitFlag));
-      if (cap != MIX_AUD_INVALID && cap >= wanted) {
-        AM_LOG_INFO("eType=%d eAudType=%d", static_cast<int>(e.eAudioFomat), wanted);
-        return 1;
-      }
+    if (dts_family && cap != MIX_AUD_INVALID && cap >= wanted) {
+      AM_LOG_INFO("eType=%d eAudType=%d", static_cast<int>(e.eAudioFomat), wanted);
+      return 1;
     }
-    return 0;
   }
   return 0;
 }
@@ -276,7 +312,7 @@ int hdmi_output_needs_fallback(const qb_audio_info* ainfo) {
     AM_LOG_ERROR("load edid file /tmp/tv.edid.bin err");
     return 0;
   }
-  const unsigned count = list.u8AudioInfoNum < EDID_AUDIO_INFO_MAX_NUM ? list.u8AudioInfoNum : EDID_AUDIO_INFO_MAX_NUM;
+  const unsigned count = std::min<unsigned>(list.u8AudioInfoNum, EDID_AUDIO_INFO_MAX_NUM);
   for (unsigned i = 0; i < count; ++i) {
     AM_LOG_INFO("monitor edid audio support type[%d]=0x%x u8bit=0x%x", static_cast<int>(i),
                 static_cast<unsigned>(list.ptAudioInfo[i].eAudioFomat), list.ptAudioInfo[i].u8BitFlag);
@@ -315,55 +351,18 @@ int hdmi_output_needs_fallback(const qb_audio_info* ainfo) {
   return 0;
 }
 
-bool output_needs_fallback(const qb_audio_info* ainfo, bool (*support)(int), const char* support_name) {
-  const qb_u8_t kind = u8(ainfo->ChStat[1]);
-  if (kind == 2) {
-    return true;
-  }
-  if (kind == 1) {
-    const int code = u8(ainfo->AUD_DB[0]);
-    const bool supported = support(code);
-    AM_LOG_INFO("dts-- dsp audio type value:%d %s:%d", code, support_name, supported ? 1 : 0);
-    if (!supported) {
-      return true;
-    }
-  }
-  if (kind == 0 && u8(ainfo->ChStat[2]) >= 3) {
-    return true;
-  }
-  // Channel-status byte 3 equal to 9 marks a high-bit-rate stream.
-  return u8(ainfo->ChStat[3]) == kHbrRateCode;
-}
-
-qb_audio_info_t qb_audio_oper_record_from_head(int stream, const audio_transport_head_t* head) {
-  qb_audio_info_t record;
-  memset(&record, 0, sizeof(record));
-  record.ch = QB_AUDIO_CHN_NSI1 + (stream - 1);
-  qb_audio_info& a = record.ainfo;
-  a.Audio_On = 1;
-  a.SampleFrequency = static_cast<qb_s8_t>(head->Sample_Frequency);
-  a.ValidCh = static_cast<qb_s8_t>(head->Channels);
-  a.SampleSize = static_cast<qb_s8_t>(head->Sample_Size);
-  a.io_in_use = static_cast<qb_s8_t>(AUDIO_HEAD_IO_IN_USE);
-  a.Audio_Type = static_cast<qb_s8_t>(head->Audio_Type);
-  a.bSPDIF = static_cast<qb_s8_t>(head->SPDIF);
-  memcpy(a.AUD_DB, head->Audio_Info_Frame, sizeof(a.AUD_DB));
-  memcpy(a.ChStat, head->IEC60958_Channel_Stats, sizeof(a.ChStat));
-  return record;
-}
-
 int qb_audio_oper_new_format(qb_audio_oper_ctrl_t* ctrl, const audio_transport_head_t* head) {
   const int stream = ctrl->file_param_num >= 1 && ctrl->file_param_num <= 3 ? ctrl->file_param_num : 3;
   const int src = 3 + stream;  // matrix source of the stream: 4, 5, 6
   input_mute_ctrl(6 + stream, 1);
-  qb_audio_info_t record = qb_audio_oper_record_from_head(stream, head);
+  qb_audio_info_t record = record_from_head(stream, head);
   AM_LOG_INFO("aplay head change,sf:%d,chn:%d,ss:%d", head->Sample_Frequency, head->Channels, head->Sample_Size);
   AM_LOG_INFO("saiSrc=%d hdmiSrc=[%d:%d] earcSrc=[%d:%d] spdifSrc=[%d:%d]", src, qb_msic_net_stream_in_hdmi_get(),
               qb_misc_audio_saiid_hdmi_get(), qb_msic_net_stream_in_earc_get(), qb_misc_audio_saiid_earc_get(),
               qb_msic_net_stream_in_spdif_get(), qb_misc_audio_saiid_spdif_get());
   decide_hdmi(src, &record);
-  decide_earc(ctrl, src, &record);
-  decide_spdif(src, &record);
+  decide_pass_through(ctrl, kEarcRule, src, &record);
+  decide_pass_through(ctrl, kSpdifRule, src, &record);
   if (!decide_analog(src, &record)) {
     return 0;
   }

@@ -4,25 +4,11 @@
 #pragma once
 
 #include "Edid_Audio_Info.h"
-#include "qb_audio_misc.h"
 #include "qb_audio_oper.h"
-
-// Change-mask bits of the outputs.
-inline constexpr int QB_UPDATE_CH_ANALOG = 1;
-inline constexpr int QB_UPDATE_CH_EARC = 2;
-inline constexpr int QB_UPDATE_CH_HDMI = 3;
-inline constexpr int QB_UPDATE_CH_SPDIF = 5;
-// Bridge link state in which the eARC output's decision is made.
-inline constexpr int QB_IT6621_STATE_DECIDE = 2;
-// Length of the channel-status record sent to the eARC bridge.
-inline constexpr int QB_EARC_CHS_RECORD_SIZE = 6;
 
 // Runs on the playback worker of the stream. Returns 1 when the run was ended (the normal case),
 // 0 when the codec command failed and the datagram is to be handled as if no change had been seen.
 int qb_audio_oper_new_format(qb_audio_oper_ctrl_t* ctrl, const audio_transport_head_t* head);
-
-// Builds the channel record of a stream (1..3) from an arriving header.
-qb_audio_info_t qb_audio_oper_record_from_head(int stream, const audio_transport_head_t* head);
 
 // Mix type a sink capability stands for.
 int get_aud_cap(E_Audio_Format format, qb_u8_t bitFlag);
@@ -30,9 +16,6 @@ int get_aud_cap(E_Audio_Format format, qb_u8_t bitFlag);
 int aud_support(int wanted, const T_Edid_Audio_Info_* list);
 // Whether the HDMI sink cannot take the record's format (1 = use the fallback stream).
 int hdmi_output_needs_fallback(const qb_audio_info* ainfo);
-// Whether the eARC or S/PDIF output needs its fallback for the record; `support` is the
-// pass-through test of that output.
-bool output_needs_fallback(const qb_audio_info* ainfo, bool (*support)(int), const char* support_name);
 
 // The calls into the bridge, video-processor, stream-switch and report modules. Any entry left
 // empty is skipped.

@@ -7,7 +7,15 @@
 #include "qb_audio_misc.h"
 #include "qb_audio_oper.h"
 
-std::atomic<qb_u32_t> g_s32Audio_change{AUDIO_CHANGE_COUNTER_INIT};
+namespace {
+
+// Initial value of the process-wide header change counter, and the value used when it wraps to 0.
+constexpr qb_u32_t kChangeCounterInit = 0x123456;
+constexpr qb_u32_t kHeadFrom = 3900;
+
+}  // namespace
+
+std::atomic<qb_u32_t> g_s32Audio_change{kChangeCounterInit};
 
 namespace {
 
@@ -19,8 +27,7 @@ struct sample_frequency_row_t {
 
 // Sample-frequency code -> ALSA rate and EDID rate flag; code 3 (32 kHz) plays at 48000 Hz.
 constexpr sample_frequency_row_t kSampleFrequencyTable[] = {
-    {0, 44100, 2}, {2, 48000, 4}, {3, 48000, 1}, {8, 88200, 8},
-    {10, 96000, 16}, {12, 176400, 32}, {14, 192000, 64},
+    {0, 44100, 2}, {2, 48000, 4}, {3, 48000, 1}, {8, 88200, 8}, {10, 96000, 16}, {12, 176400, 32}, {14, 192000, 64},
 };
 constexpr unsigned kDefaultAlsaRate = 48000;
 constexpr int kDefaultEdidFlag = 4;
@@ -39,8 +46,10 @@ struct audio_type_name_t {
   const char* name;
 };
 constexpr audio_type_name_t kAudioTypeNames[] = {
-    {QB_AUDIO_TYPE_LPCM, "LPCM"}, {QB_AUDIO_TYPE_NLPCM, "NLPCM"},
-    {QB_AUDIO_TYPE_DSD, "DSD"},   {QB_AUDIO_TYPE_HBR, "HBR"},
+    {QB_AUDIO_TYPE_LPCM, "LPCM"},
+    {QB_AUDIO_TYPE_NLPCM, "NLPCM"},
+    {QB_AUDIO_TYPE_DSD, "DSD"},
+    {QB_AUDIO_TYPE_HBR, "HBR"},
 };
 
 // Decoder code ranges (inclusive) to encoding names; codes outside every row are "Unknown".
@@ -50,8 +59,8 @@ struct dsp_range_t {
   const char* name;
 };
 constexpr dsp_range_t kDspEncodingNames[] = {
-    {2, 2, "Dolby Digit"},   {3, 3, "Dolby Digit Plus"}, {5, 10, "Dolby TrueHD"},
-    {11, 16, "DTS"},         {17, 29, "DTS HD"},         {30, 40, "DTS HD Master"},
+    {2, 2, "Dolby Digit"}, {3, 3, "Dolby Digit Plus"}, {5, 10, "Dolby TrueHD"},
+    {11, 16, "DTS"},       {17, 29, "DTS HD"},         {30, 40, "DTS HD Master"},
 };
 
 struct dsp_mix_range_t {
@@ -60,9 +69,8 @@ struct dsp_mix_range_t {
   MIX_AUD_E mix;
 };
 constexpr dsp_mix_range_t kDspMixTypes[] = {
-    {0, 1, MIX_AUD_AAC},     {2, 2, MIX_AUD_AC3},    {3, 3, MIX_AUD_DDP},
-    {4, 10, MIX_AUD_TRUEHD}, {11, 15, MIX_AUD_DTS},  {16, 29, MIX_AUD_DTSHD},
-    {30, 40, MIX_AUD_DTDHDMA},
+    {0, 1, MIX_AUD_AAC},   {2, 2, MIX_AUD_AC3},     {3, 3, MIX_AUD_DDP},       {4, 10, MIX_AUD_TRUEHD},
+    {11, 15, MIX_AUD_DTS}, {16, 29, MIX_AUD_DTSHD}, {30, 40, MIX_AUD_DTDHDMA},
 };
 
 constexpr const char* kEncodingUnknown = "Unknown";
@@ -73,12 +81,36 @@ void copy_name(char* out, const char* name) {
   out[kEncodingNameMin - 1] = '\0';
 }
 
-}  // namespace
-
+// Next value of the change counter for a new header: 0x123456 instead of 0 after a wrap.
 qb_u32_t audio_change_counter_next() {
   const qb_u32_t value = g_s32Audio_change.fetch_add(1) + 1;
-  return value == 0 ? AUDIO_CHANGE_COUNTER_INIT : value;
+  return value == 0 ? kChangeCounterInit : value;
 }
+
+unsigned alsa_rate_of_code(qb_u8_t sample_frequency) {
+  const sample_frequency_row_t* row = sample_frequency_row(sample_frequency);
+  return row != nullptr ? row->alsa_rate : kDefaultAlsaRate;
+}
+
+unsigned alsa_channels_of_code(qb_u8_t valid_ch) {
+  if (valid_ch == 2) {
+    return 2;
+  }
+  if (valid_ch == 3) {
+    return 6;
+  }
+  if (valid_ch >= 4 && valid_ch <= 8) {
+    return 8;
+  }
+  AM_LOG_WARN("ainfo->ValidCh:%d, use default 8 channels", valid_ch);
+  return 8;
+}
+
+snd_pcm_format_t alsa_format_of_code(qb_u8_t sample_size) {
+  return sample_size == 16 ? SND_PCM_FORMAT_S16_LE : SND_PCM_FORMAT_S24_LE;
+}
+
+}  // namespace
 
 int audio_channel_tags_write(qb_u8_t* data, size_t bytes, unsigned channels, size_t bits_per_sample) {
   if (data == nullptr || bits_per_sample != 32) {
@@ -101,29 +133,6 @@ int audio_channel_tags_write(qb_u8_t* data, size_t bytes, unsigned channels, siz
     }
   }
   return 1;
-}
-
-unsigned audio_code_to_alsa_rate(qb_u8_t sample_frequency) {
-  const sample_frequency_row_t* row = sample_frequency_row(sample_frequency);
-  return row != nullptr ? row->alsa_rate : kDefaultAlsaRate;
-}
-
-unsigned audio_code_to_alsa_channels(qb_u8_t valid_ch) {
-  if (valid_ch == 2) {
-    return 2;
-  }
-  if (valid_ch == 3) {
-    return 6;
-  }
-  if (valid_ch >= 4 && valid_ch <= 8) {
-    return 8;
-  }
-  AM_LOG_WARN("ainfo->ValidCh:%d, use default 8 channels", valid_ch);
-  return 8;
-}
-
-snd_pcm_format_t audio_code_to_alsa_format(qb_u8_t sample_size) {
-  return sample_size == 16 ? SND_PCM_FORMAT_S16_LE : SND_PCM_FORMAT_S24_LE;
 }
 
 int get_audio_samplerate(qb_u8_t sample_frequency) {
@@ -202,7 +211,7 @@ void audio_info_head_set(qb_audio_oper_ctrl_t* ctrl, const qb_audio_info* ainfo)
   if (ctrl == nullptr || ainfo == nullptr) {
     return;
   }
-  audio_transport_head_t& head = ctrl->audio_info_head;
+  audio_transport_head_t& head = ctrl->net.audio_info_head;
   head.Sample_Frequency = static_cast<qb_u8_t>(ainfo->SampleFrequency);
   head.Channels = static_cast<qb_u8_t>(ainfo->ValidCh);
   head.Sample_Size = static_cast<qb_u8_t>(ainfo->SampleSize);
@@ -211,16 +220,16 @@ void audio_info_head_set(qb_audio_oper_ctrl_t* ctrl, const qb_audio_info* ainfo)
   head.Magic = AUDIO_HEAD_MAGIC;
   head.Audio_On = 1;
   head.IO_In_Use = AUDIO_HEAD_IO_IN_USE;
-  head.From = AUDIO_HEAD_FROM;
+  head.From = kHeadFrom;
   head.Mode_16bits = 0;
   head.Cfg_Change_Number = audio_change_counter_next();
   memcpy(head.IEC60958_Channel_Stats, ainfo->ChStat, sizeof(head.IEC60958_Channel_Stats));
   memcpy(head.Audio_Info_Frame, ainfo->AUD_DB, sizeof(head.Audio_Info_Frame));
-  AM_LOG_INFO("%s,sf:%d,chn:%d,ss:%d,ad:%d,spd:%d", "audio_info_head_set", head.Sample_Frequency,
-              head.Channels, head.Sample_Size, head.Audio_Type, head.SPDIF);
+  AM_LOG_INFO("%s,sf:%d,chn:%d,ss:%d,ad:%d,spd:%d", "audio_info_head_set", head.Sample_Frequency, head.Channels,
+              head.Sample_Size, head.Audio_Type, head.SPDIF);
   const qb_u8_t* cs = head.IEC60958_Channel_Stats;
-  AM_LOG_INFO("%s,IEC60958_Channel_Stats[%02x,%02x,%02x,%02x,%02x]", "audio_info_head_set", cs[0], cs[1],
-              cs[2], cs[3], cs[4]);
+  AM_LOG_INFO("%s,IEC60958_Channel_Stats[%02x,%02x,%02x,%02x,%02x]", "audio_info_head_set", cs[0], cs[1], cs[2], cs[3],
+              cs[4]);
 }
 
 void _file_param_set(qb_audio_oper_ctrl_t* ctrl, const qb_audio_info* ainfo) {
@@ -229,11 +238,11 @@ void _file_param_set(qb_audio_oper_ctrl_t* ctrl, const qb_audio_info* ainfo) {
   }
   audio_info_head_set(ctrl, ainfo);
   if (ainfo != nullptr) {
-    ctrl->rhwparams.format = audio_code_to_alsa_format(static_cast<qb_u8_t>(ainfo->SampleSize));
-    ctrl->rhwparams.channels = audio_code_to_alsa_channels(static_cast<qb_u8_t>(ainfo->ValidCh));
-    ctrl->rhwparams.rate = audio_code_to_alsa_rate(static_cast<qb_u8_t>(ainfo->SampleFrequency));
+    ctrl->pcm.rhwparams.format = alsa_format_of_code(static_cast<qb_u8_t>(ainfo->SampleSize));
+    ctrl->pcm.rhwparams.channels = alsa_channels_of_code(static_cast<qb_u8_t>(ainfo->ValidCh));
+    ctrl->pcm.rhwparams.rate = alsa_rate_of_code(static_cast<qb_u8_t>(ainfo->SampleFrequency));
   }
-  ctrl->hwparams = ctrl->rhwparams;
+  ctrl->pcm.hwparams = ctrl->pcm.rhwparams;
 }
 
 int get_pkt_size(qb_audio_oper_ctrl_t* ctrl) {

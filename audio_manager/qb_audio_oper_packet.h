@@ -1,14 +1,11 @@
 // The network audio datagram: a 56-byte little-endian transport header followed by up to 1408
 // bytes of interleaved PCM. The header is sent as the in-memory record of the little-endian host.
-// Also the small code tables that turn the header's format codes into ALSA parameters, EDID rate
-// flags and encoding names.
+// Also the small code tables that turn the header's format codes into EDID rate flags, mix types
+// and encoding names.
 #pragma once
-
-#include <alsa/asoundlib.h>
 
 #include <atomic>
 #include <cstddef>
-#include <cstdint>
 
 #include "qb_types.h"
 
@@ -18,10 +15,7 @@ inline constexpr size_t AUDIO_TRANSPORT_HEAD_SIZE = 56;
 inline constexpr int AUDIO_PKT_PAYLOAD_SIZE = 1408;
 // Values the sender writes into the fixed header fields.
 inline constexpr qb_u32_t AUDIO_HEAD_MAGIC = 0x49325344;
-inline constexpr qb_u32_t AUDIO_HEAD_FROM = 3900;
 inline constexpr qb_u8_t AUDIO_HEAD_IO_IN_USE = 2;
-// Initial value of the process-wide header change counter, and the value used when it wraps to 0.
-inline constexpr qb_u32_t AUDIO_CHANGE_COUNTER_INIT = 0x123456;
 
 typedef struct audio_transport_head_t {
   qb_u32_t Magic;
@@ -47,33 +41,13 @@ typedef struct audio_transport_head_t {
 } audio_transport_head_t;
 
 static_assert(sizeof(audio_transport_head_t) == AUDIO_TRANSPORT_HEAD_SIZE, "transport header is 56 bytes");
-static_assert(offsetof(audio_transport_head_t, Magic) == 0);
-static_assert(offsetof(audio_transport_head_t, From) == 4);
-static_assert(offsetof(audio_transport_head_t, Cfg_Change_Number) == 8);
-static_assert(offsetof(audio_transport_head_t, Packet_Size) == 12);
-static_assert(offsetof(audio_transport_head_t, cts) == 16);
-static_assert(offsetof(audio_transport_head_t, HDCP2_Encrypted) == 20);
-static_assert(offsetof(audio_transport_head_t, Input_Controller) == 24);
+// Every field is naturally aligned, so the size fixes the layout; the byte fields start at 32.
 static_assert(offsetof(audio_transport_head_t, Audio_On) == 32);
-static_assert(offsetof(audio_transport_head_t, Sample_Frequency) == 33);
-static_assert(offsetof(audio_transport_head_t, Channels) == 34);
-static_assert(offsetof(audio_transport_head_t, Sample_Size) == 35);
-static_assert(offsetof(audio_transport_head_t, IO_In_Use) == 36);
-static_assert(offsetof(audio_transport_head_t, Enable_Upstream) == 37);
-static_assert(offsetof(audio_transport_head_t, Down_Sampling) == 38);
-static_assert(offsetof(audio_transport_head_t, Mode_16bits) == 39);
-static_assert(offsetof(audio_transport_head_t, Audio_Type) == 40);
-static_assert(offsetof(audio_transport_head_t, SPDIF) == 41);
-static_assert(offsetof(audio_transport_head_t, Audio_Info_Frame) == 42);
-static_assert(offsetof(audio_transport_head_t, IEC60958_Channel_Stats) == 47);
 static_assert(offsetof(audio_transport_head_t, Rolling_Sample_Data_Size_Total) == 52);
 
 // Process-wide header change counter shared by every stream (atomic: several capture threads
 // refresh their headers at once).
 extern std::atomic<qb_u32_t> g_s32Audio_change;
-
-// Next value of the change counter for a new header: 0x123456 instead of 0 after a wrap.
-qb_u32_t audio_change_counter_next();
 
 // Channel tags written into byte 3 of every 32-bit sample (channel 0 is always 0x00).
 inline constexpr qb_u8_t AUDIO_CHANNEL_TAGS_8CH[8] = {0x00, 0x40, 0x80, 0xC0, 0x20, 0x60, 0xA0, 0xE0};
@@ -84,10 +58,6 @@ inline constexpr qb_u8_t AUDIO_CHANNEL0_TAG = 0x00;
 // boundary; only 2- and 8-channel streams are tagged. Returns 1 when tags were written.
 int audio_channel_tags_write(qb_u8_t* data, size_t bytes, unsigned channels, size_t bits_per_sample);
 
-// Code tables of the header's format fields.
-unsigned audio_code_to_alsa_rate(qb_u8_t sample_frequency);
-unsigned audio_code_to_alsa_channels(qb_u8_t valid_ch);  // logs the fallback to 8 channels
-snd_pcm_format_t audio_code_to_alsa_format(qb_u8_t sample_size);
 // EDID sample-rate flag of a sample-frequency code.
 int get_audio_samplerate(qb_u8_t sample_frequency);
 
@@ -111,5 +81,5 @@ MIX_AUD_E get_audio_type_from_dsp(int code);
 bool spdif_is_support(int code);
 bool arc_is_support(int code);
 // Names of the encodings.
-const char* audio_type_name(int audio_type);         // "LPCM", "NLPCM", "DSD", "HBR", "UNKNOWN"
-const char* audio_dsp_encoding_name(int code);       // decoder code to encoding name
+const char* audio_type_name(int audio_type);    // "LPCM", "NLPCM", "DSD", "HBR", "UNKNOWN"
+const char* audio_dsp_encoding_name(int code);  // decoder code to encoding name

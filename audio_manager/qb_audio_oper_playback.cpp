@@ -7,17 +7,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 
 #include "am_log.h"
 #include "audio_packet_loss_statistics.h"
-#include "multicast_route.h"
 #include "qb_audio_buf.h"
 #include "qb_audio_misc_fpga.h"
 #include "qb_audio_oper_format.h"
-#include "qb_audio_oper_steer.h"
 #include "qb_si5351.h"
 
 namespace {
@@ -31,29 +28,18 @@ constexpr size_t kMaxRxMessages = 128;
 // the device writes of each pass still happen.
 constexpr unsigned kRxCallsPerPass = 8;
 
-std::atomic<playback_new_format_fn> g_new_format_hook{nullptr};
-
 // After the end of a run (device drained, epoll closed), before the tear-down.
 constexpr unsigned kRunEndPauseMs = 100;
 // After the sample rate is sent to the genlock service, before the device is set up.
 constexpr unsigned kGenlockParamPauseMs = 100;
 
-int playback_channel_of_stream(int stream) {
-  return stream == 1 ? QB_AUDIO_CHN_NSI1 : stream == 2 ? QB_AUDIO_CHN_NSI3 : QB_AUDIO_CHN_NSI5;
-}
-
-int run_new_format_handler(qb_audio_oper_ctrl_t* ctrl, const audio_transport_head_t* head) {
-  playback_new_format_fn hook = g_new_format_hook.load();
-  if (hook != nullptr) {
-    return hook(ctrl, head);
-  }
-  return qb_audio_oper_new_format(ctrl, head);
-}
+// Channel state of the network input each playback stream plays, by stream number.
+constexpr int kPlaybackChannels[QB_AUDIO_OPER_STREAMS] = {QB_AUDIO_CHN_NSI1, QB_AUDIO_CHN_NSI3, QB_AUDIO_CHN_NSI5};
 
 // Continuity of the rolling counter and the append of one payload (with bridged silence).
-playback_rx_e playback_append(qb_audio_oper_ctrl_t* ctrl, const audio_transport_head_t& head,
-                              const qb_u8_t* payload, size_t len) {
-  const qb_u32_t expected = ctrl->rollingSampleDataSizeTotal;
+playback_rx_e playback_append(qb_audio_oper_ctrl_t* ctrl, const audio_transport_head_t& head, const qb_u8_t* payload,
+                              size_t len) {
+  const qb_u32_t expected = ctrl->loss.rollingSampleDataSizeTotal;
   const qb_u32_t current = head.Rolling_Sample_Data_Size_Total;
   const qb_u32_t size = head.Packet_Size;
   qb_u32_t lost = 0;
@@ -79,27 +65,24 @@ playback_rx_e playback_append(qb_audio_oper_ctrl_t* ctrl, const audio_transport_
   memset(dst, 0, lost);
   memcpy(dst + lost, payload, size);
   ctrl->audiobuf_datalen += static_cast<unsigned>(need);
-  ctrl->rollingSampleDataSizeTotal = current + size;
+  ctrl->loss.rollingSampleDataSizeTotal = current + size;
   return PLAYBACK_RX_APPENDED;
 }
 
-// Fills the rest of a chunk with silence of the current format.
-void pad_chunk_with_silence(qb_audio_oper_ctrl_t* ctrl, qb_u8_t* data, size_t frames) {
-  const size_t frame_bytes = ctrl->bits_per_frame / 8;
-  const size_t missing = ctrl->chunk_size - frames;
-  snd_pcm_format_set_silence(ctrl->hwparams.format, data + frames * frame_bytes,
-                             static_cast<unsigned>(missing * ctrl->hwparams.channels));
-}
+// Kind of header change.
+enum playback_change_e {
+  PLAYBACK_CHANGE_NONE = 0,
+  PLAYBACK_CHANGE_HEAD,   // a format field differs
+  PLAYBACK_CHANGE_FRAME,  // only Audio_Info_Frame[0] or [3] differs
+};
 
-}  // namespace
-
-void playback_new_format_hook_set(playback_new_format_fn fn) { g_new_format_hook.store(fn); }
-
+// Compares a header with the one being played.
 playback_change_e playback_head_change(const audio_transport_head_t* playing, const audio_transport_head_t* head) {
   if (head->Sample_Frequency != playing->Sample_Frequency || head->Channels != playing->Channels ||
       head->Sample_Size != playing->Sample_Size || head->Audio_Type != playing->Audio_Type ||
       head->SPDIF != playing->SPDIF ||
-      memcmp(head->IEC60958_Channel_Stats, playing->IEC60958_Channel_Stats, sizeof(head->IEC60958_Channel_Stats)) != 0) {
+      memcmp(head->IEC60958_Channel_Stats, playing->IEC60958_Channel_Stats, sizeof(head->IEC60958_Channel_Stats)) !=
+          0) {
     return PLAYBACK_CHANGE_HEAD;
   }
   if (head->Audio_Info_Frame[0] != playing->Audio_Info_Frame[0] ||
@@ -108,6 +91,8 @@ playback_change_e playback_head_change(const audio_transport_head_t* playing, co
   }
   return PLAYBACK_CHANGE_NONE;
 }
+
+}  // namespace
 
 playback_rx_e playback_handle_datagram(qb_audio_oper_ctrl_t* ctrl, const qb_u8_t* dgram, size_t len) {
   if (len <= AUDIO_TRANSPORT_HEAD_SIZE) {
@@ -128,22 +113,22 @@ playback_rx_e playback_handle_datagram(qb_audio_oper_ctrl_t* ctrl, const qb_u8_t
                  static_cast<unsigned>(AUDIO_TRANSPORT_HEAD_SIZE));
     return PLAYBACK_RX_DROPPED;
   }
-  const playback_change_e change = playback_head_change(&ctrl->audio_info_head, &head);
+  const playback_change_e change = playback_head_change(&ctrl->net.audio_info_head, &head);
   const bool refused_before =
-      ctrl->refused_head_valid != 0 && playback_head_change(&ctrl->refused_head, &head) == PLAYBACK_CHANGE_NONE;
+      ctrl->net.refused_head_valid != 0 && playback_head_change(&ctrl->net.refused_head, &head) == PLAYBACK_CHANGE_NONE;
   if (change != PLAYBACK_CHANGE_NONE && !refused_before) {
     AM_LOG_INFO("%s", change == PLAYBACK_CHANGE_HEAD ? "New audio information head" : "New audio information frame");
-    if (run_new_format_handler(ctrl, &head) != 0) {
+    if (qb_audio_oper_new_format(ctrl, &head) != 0) {
       return PLAYBACK_RX_ABORT;
     }
-    ctrl->refused_head = head;  // the handler could not apply it: once per format change is enough
-    ctrl->refused_head_valid = 1;
+    ctrl->net.refused_head = head;  // the handler could not apply it: once per format change is enough
+    ctrl->net.refused_head_valid = 1;
   }
   return playback_append(ctrl, head, payload, len);
 }
 
 size_t playback_realign(qb_audio_oper_ctrl_t* ctrl) {
-  if (ctrl->hwparams.channels <= 2 || ctrl->bits_per_sample != 32 || ctrl->audiobuf_datalen < 4 ||
+  if (ctrl->pcm.hwparams.channels <= 2 || ctrl->pcm.bits_per_sample != 32 || ctrl->audiobuf_datalen < 4 ||
       ctrl->audiobuf[3] == AUDIO_CHANNEL0_TAG) {
     return 0;
   }
@@ -160,18 +145,11 @@ size_t playback_realign(qb_audio_oper_ctrl_t* ctrl) {
   return 0;
 }
 
-// Leave the receive step while less room than a full batch plus the largest bridged gap remains,
-// so that a backlog is never appended past the end of the staging buffer; the rest is read in the
-// next pass.
-size_t playback_rx_room_needed(size_t messages) {
-  return messages * QB_AUDIO_RX_SLOT_SIZE + QB_AUDIO_MAX_BRIDGED_LOSS;
-}
-
 unsigned playback_move_chunks(qb_audio_oper_ctrl_t* ctrl, playback_write_fn write) {
   unsigned written = 0;
   CAudioBuf* ring = ctrl->pAudBuf;
-  const size_t frame_bits = ctrl->bits_per_frame;
-  if (ring == nullptr || frame_bits == 0 || ctrl->chunk_bytes == 0) {
+  const size_t frame_bits = ctrl->pcm.bits_per_frame;
+  if (ring == nullptr || frame_bits == 0 || ctrl->pcm.chunk_bytes == 0) {
     return 0;
   }
   // Parked chunks go first, so that the byte order of the stream is kept.
@@ -188,25 +166,26 @@ unsigned playback_move_chunks(qb_audio_oper_ctrl_t* ctrl, playback_write_fn writ
     }
     ring->push_buf_free(slot);
     ++written;
-    ctrl->chunkCountPlay += 1;
+    ctrl->loss.chunkCountPlay += 1;
   }
   size_t consumed = 0;
-  const size_t chunk = ctrl->chunk_bytes;
+  const size_t chunk = ctrl->pcm.chunk_bytes;
   if (ring->get_buf_size() == 0) {
     while (ctrl->audiobuf_datalen - consumed >= chunk) {
-      if (write(ctrl, ctrl->audiobuf + consumed, ctrl->chunk_size) < 1) {
+      if (write(ctrl, ctrl->audiobuf + consumed, ctrl->pcm.chunk_size) < 1) {
         break;
       }
       consumed += chunk;
       ++written;
-      ctrl->chunkCountPlay += 1;
+      ctrl->loss.chunkCountPlay += 1;
     }
   }
   while (ctrl->audiobuf_datalen - consumed >= chunk) {
     if (ring->push_data(reinterpret_cast<const char*>(ctrl->audiobuf + consumed), static_cast<int>(chunk)) != 0) {
       qb_audio_oper_abort(ctrl);
       AM_LOG_ERROR("buffer is full, aborting");
-      AM_LOG_ERROR("alsa status:%d", ctrl->handle != nullptr ? static_cast<int>(snd_pcm_state(ctrl->handle)) : -1);
+      AM_LOG_ERROR("alsa status:%d",
+                   ctrl->pcm.handle != nullptr ? static_cast<int>(snd_pcm_state(ctrl->pcm.handle)) : -1);
       break;
     }
     consumed += chunk;
@@ -222,16 +201,18 @@ snd_pcm_sframes_t pcm_write(qb_audio_oper_ctrl_t* ctrl, qb_u8_t* data, size_t fr
   if (frames == 0) {
     return 0;
   }
-  if (frames < ctrl->chunk_size) {
-    AM_LOG_INFO("cout=%lu not equal chunk size=%lu, silence", static_cast<unsigned long>(frames), ctrl->chunk_size);
-    pad_chunk_with_silence(ctrl, data, frames);
-    frames = ctrl->chunk_size;
+  const size_t frame_bytes = ctrl->pcm.bits_per_frame / 8;
+  if (frames < ctrl->pcm.chunk_size) {  // the rest of the chunk becomes silence of the current format
+    AM_LOG_INFO("cout=%lu not equal chunk size=%lu, silence", static_cast<unsigned long>(frames), ctrl->pcm.chunk_size);
+    const size_t missing = ctrl->pcm.chunk_size - frames;
+    snd_pcm_format_set_silence(ctrl->pcm.hwparams.format, data + frames * frame_bytes,
+                               static_cast<unsigned>(missing * ctrl->pcm.hwparams.channels));
+    frames = ctrl->pcm.chunk_size;
   }
-  const size_t frame_bytes = ctrl->bits_per_frame / 8;
   size_t count = frames;
   snd_pcm_sframes_t total = 0;
   while (count > 0 && !qb_audio_oper_is_aborting(ctrl)) {
-    const snd_pcm_sframes_t r = snd_pcm_writei(ctrl->handle, data, count);
+    const snd_pcm_sframes_t r = snd_pcm_writei(ctrl->pcm.handle, data, count);
     if (r == -EAGAIN) {
       AM_LOG_WARN("write audio data, get -EAGAIN");
       return 0;
@@ -239,7 +220,7 @@ snd_pcm_sframes_t pcm_write(qb_audio_oper_ctrl_t* ctrl, qb_u8_t* data, size_t fr
     if (r == -EPIPE) {
       if (xrun(ctrl) == 0) {
         AM_LOG_WARN("prepare ok after xrun, continue");
-        return static_cast<snd_pcm_sframes_t>(ctrl->chunk_size);
+        return static_cast<snd_pcm_sframes_t>(ctrl->pcm.chunk_size);
       }
       qb_audio_oper_abort(ctrl);
       AM_LOG_ERROR("%s EPIPE aborting", ctrl->pcm_name);
@@ -298,7 +279,7 @@ bool rx_drain_socket(qb_audio_oper_ctrl_t* ctrl, playback_run_t* run) {
       return true;
     }
     rx_vector_build(ctrl, run);
-    const int got = recvmmsg(ctrl->rx_fd, run->msgs, static_cast<unsigned>(run->messages), MSG_DONTWAIT, nullptr);
+    const int got = recvmmsg(ctrl->net.rx_fd, run->msgs, static_cast<unsigned>(run->messages), MSG_DONTWAIT, nullptr);
     run->steer.recv_calls += 1;
     if (got < 0) {
       return false;
@@ -314,33 +295,33 @@ bool rx_drain_socket(qb_audio_oper_ctrl_t* ctrl, playback_run_t* run) {
 }
 
 void flush_socket(qb_audio_oper_ctrl_t* ctrl) {
-  if (ctrl->rx_fd <= 0 || ctrl->audiobuf == nullptr) {
+  if (ctrl->net.rx_fd <= 0 || ctrl->audiobuf == nullptr) {
     return;
   }
-  while (recv(ctrl->rx_fd, ctrl->audiobuf, QB_AUDIO_BUF_DEFAULT_SIZE, MSG_DONTWAIT) >= 0) {
+  while (recv(ctrl->net.rx_fd, ctrl->audiobuf, QB_AUDIO_BUF_DEFAULT_SIZE, MSG_DONTWAIT) >= 0) {
   }
 }
 
 int playback_loop(qb_audio_oper_ctrl_t* ctrl, const char* group) {
   playback_run_t run;
   run.epfd = epoll_create1(EPOLL_CLOEXEC);
-  if (run.epfd >= 0 && ctrl->rx_fd > 0) {
+  if (run.epfd >= 0 && ctrl->net.rx_fd > 0) {
     struct epoll_event ev;
     memset(&ev, 0, sizeof(ev));
     ev.events = EPOLLIN | EPOLLET;
-    ev.data.fd = ctrl->rx_fd;
-    epoll_ctl(run.epfd, EPOLL_CTL_ADD, ctrl->rx_fd, &ev);
+    ev.data.fd = ctrl->net.rx_fd;
+    epoll_ctl(run.epfd, EPOLL_CTL_ADD, ctrl->net.rx_fd, &ev);
   }
-  size_t messages = ctrl->chunk_bytes / AUDIO_PKT_PAYLOAD_SIZE + 1;
+  size_t messages = ctrl->pcm.chunk_bytes / AUDIO_PKT_PAYLOAD_SIZE + 1;
   const size_t fit = ctrl->net_audiobuf_capacity / QB_AUDIO_RX_SLOT_SIZE;
   messages = messages > fit ? fit : messages;
   run.messages = messages > kMaxRxMessages ? kMaxRxMessages : messages;
-  AM_LOG_INFO("%s,%ld,%ld,%ld name:%s, %p", "playback_new", static_cast<long>(ctrl->chunk_bytes),
-              static_cast<long>(ctrl->chunk_size), static_cast<long>(ctrl->pbrec_count), group,
+  AM_LOG_INFO("%s,%ld,%ld,%ld name:%s, %p", "playback_new", static_cast<long>(ctrl->pcm.chunk_bytes),
+              static_cast<long>(ctrl->pcm.chunk_size), static_cast<long>(ctrl->dump.pbrec_count), group,
               static_cast<void*>(ctrl->pAudBuf));
   input_mute_ctrl(6 + ctrl->file_param_num, 0);
   flush_socket(ctrl);
-  clock_gettime(CLOCK_MONOTONIC, &ctrl->tsStartPlay);
+  clock_gettime(CLOCK_MONOTONIC, &ctrl->loss.tsStartPlay);
 
   bool backlog = false;  // the last pass left datagrams queued: no new edge will announce them
   while (!qb_audio_oper_is_aborting(ctrl)) {
@@ -359,13 +340,13 @@ int playback_loop(qb_audio_oper_ctrl_t* ctrl, const char* group) {
     qb_audio_oper_publish(ctrl);
   }
 
-  if (ctrl->handle != nullptr) {
+  if (ctrl->pcm.handle != nullptr) {
     if (qb_audio_oper_shutdown_get()) {
-      snd_pcm_drop(ctrl->handle);  // the daemon is stopping: do not wait for the queue to play out
+      snd_pcm_drop(ctrl->pcm.handle);  // the daemon is stopping: do not wait for the queue to play out
     } else {
-      snd_pcm_nonblock(ctrl->handle, 0);
-      snd_pcm_drain(ctrl->handle);
-      snd_pcm_nonblock(ctrl->handle, 1);
+      snd_pcm_nonblock(ctrl->pcm.handle, 0);
+      snd_pcm_drain(ctrl->pcm.handle);
+      snd_pcm_nonblock(ctrl->pcm.handle, 1);
     }
   }
   if (run.epfd >= 0) {
@@ -375,21 +356,6 @@ int playback_loop(qb_audio_oper_ctrl_t* ctrl, const char* group) {
   return 0;
 }
 
-void print_play_description(const qb_audio_oper_ctrl_t* ctrl) {
-  if (ctrl->quiet_mode) {
-    return;
-  }
-  fprintf(stderr, "Playing raw data '%s' : %s, Rate %d Hz, ", ctrl->pcm_name,
-          snd_pcm_format_description(ctrl->hwparams.format), ctrl->hwparams.rate);
-  if (ctrl->hwparams.channels == 1) {
-    fprintf(stderr, "Mono\n");
-  } else if (ctrl->hwparams.channels == 2) {
-    fprintf(stderr, "Stereo\n");
-  } else {
-    fprintf(stderr, "Channels %i\n", ctrl->hwparams.channels);
-  }
-}
-
 }  // namespace
 
 int qb_audio_oper_playback(qb_audio_oper_ctrl_t* ctrl, const char* pcm_name, const char* group) {
@@ -397,41 +363,23 @@ int qb_audio_oper_playback(qb_audio_oper_ctrl_t* ctrl, const char* pcm_name, con
     return -1;
   }
   AM_LOG_INFO("%s,%s,%s", "qb_audio_oper_playback", pcm_name, group);
-  qb_audio_oper_default(ctrl);
-  ctrl->open_mode = SND_PCM_NONBLOCK;
-  ctrl->stream = SND_PCM_STREAM_PLAYBACK;
-  ctrl->command = "aplay";
-  ctrl->pcm_name = pcm_name;
-  ctrl->audio_net_addr = group;
-  set_mcast_route_rtl8364(group);
-  AM_LOG_INFO("echo %s 1 > /sys/devices/platform/soc@0/soc@0:bus@30800000/30a30000.i2c/i2c-1/1-005c/set_mcastaddr",
-              group);
-  ctrl->audio_group_ip = 1;
-  ctrl->test_position = 0;
-  ctrl->verbose = 1;
-  ctrl->dump_hw_params = 1;
-  ctrl->net_port = QB_AUDIO_NET_PORT;
-  ctrl->file_param_num = qb_audio_oper_stream_of_device(pcm_name);
-  qb_audio_info source;
-  const bool have_source = qb_audio_channel_state_copy(playback_channel_of_stream(ctrl->file_param_num), &source) == 1;
-  _file_param_set(ctrl, have_source ? &source : nullptr);
-  ctrl->clifd = udp_socket_create(kGenlockAddress, kGenlockBasePort + ctrl->file_param_num);
+  qb_audio_oper_run_begin(ctrl, SND_PCM_STREAM_PLAYBACK, pcm_name, group, kPlaybackChannels);
+  ctrl->steer.clifd = udp_socket_create(kGenlockAddress, kGenlockBasePort + ctrl->file_param_num);
   if (!qb_audio_oper_is_aborting(ctrl)) {
     // A genlock service that does not answer holds the run up for at most three 2 s waits; a stop
     // request (a new format, the daemon's shutdown) ends the wait at once.
     const auto stopping = [](void* c) {
       return qb_audio_oper_is_aborting(static_cast<const qb_audio_oper_ctrl_t*>(c));
     };
-    send_set_param2(ctrl->clifd, ctrl->file_param_num, static_cast<int>(ctrl->hwparams.rate), stopping, ctrl);
+    send_set_param2(ctrl->steer.clifd, ctrl->file_param_num, static_cast<int>(ctrl->pcm.hwparams.rate), stopping, ctrl);
   }
   qb_audio_oper_pause_ms(kGenlockParamPauseMs);
 
   net_data_open(ctrl);
   int ret = qb_audio_oper_general_init(ctrl);
   if (ret == 0) {
-    ctrl->hwparams = ctrl->rhwparams;
     AM_LOG_INFO("ctrl->pcm_name = %s", ctrl->pcm_name);
-    print_play_description(ctrl);
+    qb_audio_oper_describe(ctrl);
     if (set_params_play(ctrl) < 0) {
       ret = -2;
     } else {
@@ -439,12 +387,7 @@ int qb_audio_oper_playback(qb_audio_oper_ctrl_t* ctrl, const char* pcm_name, con
       ret = playback_loop(ctrl, group);
     }
   }
-  net_data_close(ctrl);
-  qb_audio_oper_general_uninit(ctrl);
-  del_mcast_route_rtl8364(group);
-  AM_LOG_INFO("echo %s > /sys/devices/platform/soc@0/soc@0:bus@30800000/30a30000.i2c/i2c-1/1-005c/del_mcastaddr",
-              group);
-  qb_audio_oper_publish(ctrl);
+  qb_audio_oper_run_end(ctrl, group);
   AM_LOG_INFO("%s %s end", "qb_audio_oper_playback", pcm_name);
   return ret;
 }

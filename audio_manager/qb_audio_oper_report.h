@@ -10,10 +10,6 @@
 
 #include <string>
 
-#include "qb_audio_protocol.h"  // report address, port and item types
-#include "qb_types.h"
-
-
 // Report mask bits (bit n stands for port n).
 inline constexpr int QB_REPORT_PORT_ANALOG = 1;
 inline constexpr int QB_REPORT_PORT_EARC = 2;

@@ -108,20 +108,20 @@ void bench_format(const Format& f) {
   qb_audio_oper_ctrl_t ctrl;
   qb_audio_oper_default(&ctrl);
   ctrl.file_param_num = 1;
-  ctrl.hwparams = {SND_PCM_FORMAT_S24_LE, f.channels, f.rate};
-  ctrl.bits_per_sample = 32;
-  ctrl.bits_per_frame = 32 * f.channels;
-  ctrl.chunk_size = f.chunk_frames;
-  ctrl.chunk_bytes = f.chunk_frames * f.channels * 4;
+  ctrl.pcm.hwparams = {SND_PCM_FORMAT_S24_LE, f.channels, f.rate};
+  ctrl.pcm.bits_per_sample = 32;
+  ctrl.pcm.bits_per_frame = 32 * f.channels;
+  ctrl.pcm.chunk_size = f.chunk_frames;
+  ctrl.pcm.chunk_bytes = f.chunk_frames * f.channels * 4;
   std::vector<uint8_t> staging(QB_AUDIO_BUF_DEFAULT_SIZE);
   ctrl.audiobuf = staging.data();
   ctrl.audiobuf_capacity = staging.size();
-  ctrl.pAudBuf = new CAudioBuf(static_cast<int>(ctrl.chunk_bytes), 70);
-  ctrl.audio_info_head.Sample_Frequency = 2;
-  ctrl.audio_info_head.Channels = static_cast<qb_u8_t>(f.channels);
-  ctrl.audio_info_head.Sample_Size = 24;
-  ctrl.audio_info_head.Audio_Type = 0x80;
-  const auto stream = make_stream(f, ctrl.audio_info_head, kSeconds);
+  ctrl.pAudBuf = new CAudioBuf(static_cast<int>(ctrl.pcm.chunk_bytes), 70);
+  ctrl.net.audio_info_head.Sample_Frequency = 2;
+  ctrl.net.audio_info_head.Channels = static_cast<qb_u8_t>(f.channels);
+  ctrl.net.audio_info_head.Sample_Size = 24;
+  ctrl.net.audio_info_head.Audio_Type = 0x80;
+  const auto stream = make_stream(f, ctrl.net.audio_info_head, kSeconds);
 
   std::vector<uint8_t> sink(QB_AUDIO_BUF_DEFAULT_SIZE);
   double engine = 1e9, bare = 1e9;
@@ -129,7 +129,7 @@ void bench_format(const Format& f) {
   for (int round = 0; round < kRounds; ++round) {
     engine = std::min(engine, run_path(stream, [&](const uint8_t* d, size_t len) {
                         playback_handle_datagram(&ctrl, d, len);
-                        if (ctrl.audiobuf_datalen >= ctrl.chunk_bytes) {
+                        if (ctrl.audiobuf_datalen >= ctrl.pcm.chunk_bytes) {
                           playback_realign(&ctrl);
                           playback_move_chunks(&ctrl, null_write);
                         }

@@ -16,7 +16,6 @@
 #include "am_log.h"
 #include "bench_util.h"
 #include "qb_audio_oper.h"
-#include "qb_audio_oper_capture.h"
 
 namespace {
 
@@ -62,19 +61,19 @@ void bench_format(const Format& f) {
 
   qb_audio_oper_ctrl_t ctrl;
   qb_audio_oper_default(&ctrl);
-  ctrl.hwparams = {SND_PCM_FORMAT_S24_LE, f.channels, f.rate};
-  ctrl.bits_per_sample = 32;
-  ctrl.bits_per_frame = 32 * f.channels;
-  ctrl.chunk_size = f.chunk_frames;
-  ctrl.chunk_bytes = chunk_bytes;
-  ctrl.pktSize = AUDIO_PKT_PAYLOAD_SIZE;
+  ctrl.pcm.hwparams = {SND_PCM_FORMAT_S24_LE, f.channels, f.rate};
+  ctrl.pcm.bits_per_sample = 32;
+  ctrl.pcm.bits_per_frame = 32 * f.channels;
+  ctrl.pcm.chunk_size = f.chunk_frames;
+  ctrl.pcm.chunk_bytes = chunk_bytes;
+  ctrl.net.pktSize = AUDIO_PKT_PAYLOAD_SIZE;
   std::vector<uint8_t> net_buf(2 * chunk_bytes);
   ctrl.net_audiobuf = net_buf.data();
   ctrl.net_audiobuf_capacity = net_buf.size();
-  ctrl.tx_fd = net.tx;
-  ctrl.audio_info_head.Magic = AUDIO_HEAD_MAGIC;
-  ctrl.audio_info_head.Channels = static_cast<qb_u8_t>(f.channels);
-  ctrl.audio_info_head.Sample_Size = 24;
+  ctrl.net.tx_fd = net.tx;
+  ctrl.net.audio_info_head.Magic = AUDIO_HEAD_MAGIC;
+  ctrl.net.audio_info_head.Channels = static_cast<qb_u8_t>(f.channels);
+  ctrl.net.audio_info_head.Sample_Size = 24;
 
   // The reference: the same datagrams (header + payload, contiguous), sent as they are.
   std::vector<std::vector<uint8_t>> datagrams;
@@ -83,7 +82,7 @@ void bench_format(const Format& f) {
     for (size_t off = 0; off < chunk_bytes; off += kPayload) {
       const size_t n = std::min(chunk_bytes - off, kPayload);
       std::vector<uint8_t> d(kHead + n);
-      audio_transport_head_t h = ctrl.audio_info_head;
+      audio_transport_head_t h = ctrl.net.audio_info_head;
       h.Packet_Size = static_cast<qb_u32_t>(n);
       h.Rolling_Sample_Data_Size_Total = rolling;
       rolling += static_cast<uint32_t>(n);
@@ -106,13 +105,13 @@ void bench_format(const Format& f) {
   unsigned long allocs = 0;
   long calls = 0;
   for (int round = 0; round < kRounds; ++round) {
-    ctrl.rollingSampleDataSizeTotal = 0;
+    ctrl.loss.rollingSampleDataSizeTotal = 0;
     calls = 0;
     am_alloc_count_start();
     double t0 = bench::thread_cpu_s();
     for (size_t c = 0; c < chunks; ++c) {
       uint8_t* chunk = pcm.data() + c * chunk_bytes;
-      audio_channel_tags_write(chunk, chunk_bytes, f.channels, ctrl.bits_per_sample);
+      audio_channel_tags_write(chunk, chunk_bytes, f.channels, ctrl.pcm.bits_per_sample);
       calls += capture_send_chunk(&ctrl, chunk, chunk_bytes);
     }
     engine = std::min(engine, bench::thread_cpu_s() - t0);

@@ -109,11 +109,11 @@ struct TimeLine {
 double start_level_ms(const Format& f, int* chunks) {
   qb_audio_oper_ctrl_t ctrl;
   qb_audio_oper_default(&ctrl);
-  ctrl.hwparams = {SND_PCM_FORMAT_S24_LE, f.channels, f.rate};
-  ctrl.rhwparams = ctrl.hwparams;
-  ctrl.buffer_time = kPlayBufferTime;
-  ctrl.chunk_size = static_cast<snd_pcm_uframes_t>(f.rate) * get_period_time_play(&ctrl) / 1000000;
-  ctrl.buffer_frames = static_cast<snd_pcm_uframes_t>(f.rate) * kPlayBufferTime / 1000000;
+  ctrl.pcm.hwparams = {SND_PCM_FORMAT_S24_LE, f.channels, f.rate};
+  ctrl.pcm.rhwparams = ctrl.pcm.hwparams;
+  ctrl.pcm.buffer_time = kPlayBufferTime;
+  ctrl.pcm.chunk_size = static_cast<snd_pcm_uframes_t>(f.rate) * get_period_time_play(&ctrl) / 1000000;
+  ctrl.pcm.buffer_frames = static_cast<snd_pcm_uframes_t>(f.rate) * kPlayBufferTime / 1000000;
   *chunks = get_start_chunks(&ctrl);
   return 1000.0 * static_cast<double>(get_start_threshold_play(&ctrl)) / f.rate;
 }

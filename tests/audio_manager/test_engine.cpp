@@ -1,13 +1,10 @@
 // Engine parts: transport header, code tables, the sender's datagrams, the packet ring, stop entries.
-#include <arpa/inet.h>
 
 #include <thread>
 
 #include "am_unit.h"
 #include "qb_audio_buf.h"
 #include "qb_audio_oper.h"
-#include "qb_audio_oper_capture.h"
-#include "qb_audio_oper_packet.h"
 #include "qb_audio_misc_stream.h"
 
 namespace am_unit {
@@ -18,43 +15,29 @@ audio_transport_head_t head_of(const Bytes& d) {
   return std::memcpy(&h, d.data(), sizeof h), h;
 }
 
-TEST(OperPacket, HeaderBytesAndTheValuesTheSenderWrites) {
+TEST(OperPacket, HeaderBytesTheValuesTheSenderWritesAndTheCodeTables) {
   qb_audio_oper_ctrl_t ctrl;
   qb_audio_oper_default(&ctrl);
   qb_audio_info r = make_record(10, 8, 0x80, 1);
   for (int i = 0; i < 5; ++i) r.AUD_DB[i] = static_cast<qb_s8_t>(0xA0 + i), r.ChStat[i] = static_cast<qb_s8_t>(0xF0 + i);
   audio_info_head_set(&ctrl, &r);
-  audio_transport_head_t h = ctrl.audio_info_head;
+  audio_transport_head_t h = ctrl.net.audio_info_head;
   h.Packet_Size = 0x0580;
   h.Rolling_Sample_Data_Size_Total = 0x11223344;
   const auto* b = reinterpret_cast<const uint8_t*>(&h);
-  ASSERT_EQ(56u, sizeof h);
   const std::pair<int, uint8_t> at[] = {{0, 0x44}, {1, 0x53}, {2, 0x32}, {3, 0x49}, {12, 0x80}, {13, 0x05}, {51, 0xF4}, {52, 0x44}, {55, 0x11}};
   for (const auto& p : at) EXPECT_EQ(p.second, b[p.first]) << p.first;
   EXPECT_EQ((std::vector<int>{3900, 1, 2, 10, 8, 24, 0x80, 0, 0xA3}),  // SPDIF always 0
             (std::vector<int>{static_cast<int>(h.From), h.Audio_On, h.IO_In_Use, h.Sample_Frequency, h.Channels, h.Sample_Size, h.Audio_Type, h.SPDIF,
                               h.Audio_Info_Frame[3]}));
-  const audio_transport_head_t before = ctrl.audio_info_head;
-  audio_info_head_set(&ctrl, nullptr);
-  EXPECT_EQ(0, std::memcmp(&before, &ctrl.audio_info_head, sizeof before));
-}
-
-TEST(OperPacket, ChannelTagsOnTwoAndEightChannelsOnly) {
-  Bytes two(16, 0x7F), eight(64, 0x55), six(24, 0x55);
-  EXPECT_EQ(1, audio_channel_tags_write(two.data(), two.size(), 2, 32));
-  for (int s = 0; s < 4; ++s) EXPECT_EQ((std::pair<int, int>{0x7F, s % 2 ? 0x20 : 0}), (std::pair<int, int>{two[s * 4], two[s * 4 + 3]}));
-  EXPECT_EQ(1, audio_channel_tags_write(eight.data(), eight.size(), 8, 32));
-  for (int s = 0; s < 16; ++s) EXPECT_EQ(AUDIO_CHANNEL_TAGS_8CH[s % 8], eight[s * 4 + 3]) << s;
-  EXPECT_EQ(0, audio_channel_tags_write(six.data(), six.size(), 6, 32));
-  EXPECT_EQ(0, audio_channel_tags_write(two.data(), two.size(), 2, 16));
-  for (int s = 0; s < 6; ++s) EXPECT_EQ(0x55, six[s * 4 + 3]);
-}
-
-TEST(OperPacket, CodeTablesAndEncodingNames) {
-  const int rates[][3] = {{0, 44100, 2}, {2, 48000, 4}, {3, 48000, 1}, {8, 88200, 8}, {10, 96000, 16}, {12, 176400, 32}, {14, 192000, 64}, {1, 48000, 4}, {255, 48000, 4}};
-  for (const auto& r : rates) {
-    EXPECT_EQ(static_cast<unsigned>(r[1]), audio_code_to_alsa_rate(static_cast<qb_u8_t>(r[0]))) << r[0];
-    EXPECT_EQ(r[2], get_audio_samplerate(static_cast<qb_u8_t>(r[0]))) << r[0];
+  // Rate code, ALSA rate, EDID flag; channel code, ALSA channels. 32 kHz plays at 48000.
+  const int rows[][5] = {{0, 44100, 2, 2, 2}, {2, 48000, 4, 3, 6}, {3, 48000, 1, 5, 8}, {8, 88200, 8, 1, 8}, {10, 96000, 16, 0, 8},
+                         {12, 176400, 32, 4, 8}, {14, 192000, 64, 8, 8}, {1, 48000, 4, 9, 8}, {255, 48000, 4, 255, 8}};
+  for (const auto& row : rows) {
+    const qb_audio_info rec = make_record(row[0], row[3], 0x80);
+    _file_param_set(&ctrl, &rec);
+    EXPECT_EQ((std::vector<int>{row[1], row[2], row[4]}), (std::vector<int>{static_cast<int>(ctrl.pcm.hwparams.rate), get_audio_samplerate(static_cast<qb_u8_t>(row[0])),
+                                                                          static_cast<int>(ctrl.pcm.hwparams.channels)})) << row[0];
   }
   // The two decoder-code mappings differ at 4 and 16.
   EXPECT_EQ(std::string(audio_dsp_encoding_name(4)) + "|" + audio_dsp_encoding_name(16) + "|" + audio_dsp_encoding_name(30) + "|" + audio_dsp_encoding_name(41),
@@ -63,15 +46,19 @@ TEST(OperPacket, CodeTablesAndEncodingNames) {
   for (const auto& c : dsp) EXPECT_EQ(c[1], get_audio_type_from_dsp(c[0])) << c[0];
   for (int code : {0, 1, 2, 3, 4, 11, 12, 13, 14, 15}) EXPECT_TRUE(spdif_is_support(code)) << code;
   for (int code : {5, 10, 16, 20, -1, 255}) EXPECT_FALSE(arc_is_support(code)) << code;
-
-  qb_audio_oper_ctrl_t ctrl;
-  qb_audio_oper_default(&ctrl);
-  qb_audio_info r = make_record(3, 1, 0x80);
   r.SampleSize = 16;
-  _file_param_set(nullptr, &r);  // no record: nothing to set
   _file_param_set(&ctrl, &r);
-  EXPECT_EQ((std::vector<int>{48000, 8, SND_PCM_FORMAT_S16_LE, 1408}),  // 32 kHz plays at 48000
-            (std::vector<int>{static_cast<int>(ctrl.hwparams.rate), static_cast<int>(ctrl.hwparams.channels), ctrl.rhwparams.format, get_pkt_size(&ctrl)}));
+  EXPECT_EQ((std::vector<int>{SND_PCM_FORMAT_S16_LE, 1408}), (std::vector<int>{ctrl.pcm.rhwparams.format, get_pkt_size(&ctrl)}));
+}
+
+TEST(OperPacket, ChannelTagsOnTwoAndEightChannelsOnly) {
+  Bytes two(16, 0x7F), eight(64, 0x55), six(24, 0x55);
+  EXPECT_EQ(1, audio_channel_tags_write(two.data(), two.size(), 2, 32));
+  for (int s = 0; s < 4; ++s) EXPECT_EQ((std::pair<int, int>{0x7F, s % 2 ? 0x20 : 0}), (std::pair<int, int>{two[s * 4], two[s * 4 + 3]}));
+  EXPECT_EQ(1, audio_channel_tags_write(eight.data(), eight.size(), 8, 32));
+  for (int s = 0; s < 16; ++s) EXPECT_EQ(AUDIO_CHANNEL_TAGS_8CH[s % 8], eight[s * 4 + 3]) << s;
+  EXPECT_EQ(0, audio_channel_tags_write(six.data(), six.size(), 6, 32) + audio_channel_tags_write(two.data(), two.size(), 2, 16));
+  for (int s = 0; s < 6; ++s) EXPECT_EQ(0x55, six[s * 4 + 3]);
 }
 
 // A socket connected to a local receiver stands in for the engine's socket.
@@ -83,7 +70,7 @@ class Sender : public ::testing::Test {
     setsockopt(receiver.fd(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
     ASSERT_GE(fd = receiver.connected_sender(), 0);
     qb_audio_oper_default(&ctrl);
-    ctrl.tx_fd = fd, ctrl.pktSize = 1408;
+    ctrl.net.tx_fd = fd, ctrl.net.pktSize = 1408;
     net.assign(QB_AUDIO_BUF_DEFAULT_SIZE, 0), ctrl.net_audiobuf = net.data();
     const qb_audio_info r = make_record(2, 2, 0x80);
     audio_info_head_set(&ctrl, &r);
@@ -107,19 +94,19 @@ TEST_F(Sender, ChunksAreCutInto1408ByteDatagramsSentThreePerCall) {
   const Case cases[] = {{1920, 1, {1408, 512}}, {12288, 3, {1408, 1408, 1408, 1408, 1408, 1408, 1408, 1408, 1024}}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.bytes);
-    ctrl.rollingSampleDataSizeTotal = 0;
+    ctrl.loss.rollingSampleDataSizeTotal = 0;
     EXPECT_EQ(c.calls, capture_send_chunk(&ctrl, pcm.data(), c.bytes));
     const auto got = received();
     ASSERT_EQ(c.sizes.size(), got.size());
     Bytes joined;
     for (size_t i = 0; i < got.size(); ++i) {
       const audio_transport_head_t h = head_of(got[i]);
-      EXPECT_EQ((std::vector<size_t>{c.sizes[i], c.sizes[i] + 56, 1408u * i, AUDIO_HEAD_MAGIC, ctrl.audio_info_head.Cfg_Change_Number}),
+      EXPECT_EQ((std::vector<size_t>{c.sizes[i], c.sizes[i] + 56, 1408u * i, AUDIO_HEAD_MAGIC, ctrl.net.audio_info_head.Cfg_Change_Number}),
                 (std::vector<size_t>{h.Packet_Size, got[i].size(), h.Rolling_Sample_Data_Size_Total, h.Magic, h.Cfg_Change_Number})) << i;
       joined.insert(joined.end(), got[i].begin() + 56, got[i].end());
     }
     EXPECT_EQ(Bytes(pcm.begin(), pcm.begin() + static_cast<long>(c.bytes)), joined);
-    EXPECT_EQ(c.bytes, ctrl.rollingSampleDataSizeTotal);
+    EXPECT_EQ(c.bytes, ctrl.loss.rollingSampleDataSizeTotal);
   }
 }
 
@@ -139,14 +126,6 @@ TEST_F(ControlTest, CaptureRunOpensTheInputGateAfterItsFirstChunks) {
   stopper.join();
   EXPECT_NE(testing::internal::GetCapturedStderr().find("Recording raw data 'null' : Signed 24 bit Little Endian, Rate 96000 Hz, Channels 8\n"), std::string::npos);
   EXPECT_EQ(fpga_writes(), (Writes{{FPGA_REG_INPUT_ENABLE_HDMI, 1}}));
-}
-
-TEST_F(RoutingTest, UnmuteOpensTheGateOfTheInputEachNetworkStreamCarries) {
-  qb_net_first_stream_select_set(QB_AUDIO_SRC_ANALOG), qb_net_second_stream_select_set(QB_AUDIO_SRC_HDMI), qb_net_third_stream_select_set(QB_AUDIO_SRC_EARC);
-  qb_audio_oper_ctrl_t ctrl;
-  qb_audio_oper_default(&ctrl);
-  for (int stream : {1, 2, 3}) ctrl.file_param_num = stream, unmute_audio_input(&ctrl);  // the third capture device is network output 2
-  EXPECT_EQ(fpga_writes(), (Writes{{FPGA_REG_INPUT_ENABLE_ANALOG, 1}, {FPGA_REG_INPUT_ENABLE_EARC, 1}, {FPGA_REG_INPUT_ENABLE_HDMI, 1}}));
 }
 
 TEST(BufRing, OrderAndSizeAcrossWrapAround) {

@@ -40,7 +40,6 @@ TEST(DiffTime, TracesPrintTheirIntervals) {
   set_diff_time(1, DIFF_TM_END, "first-and-last");  // one point: nothing printed
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
   EXPECT_EQ(get_diff_time(0), "");  // fewer than two points: no intervals
-  EXPECT_EQ(std::string(diff_time_snapshot(0).stDiffTmElem[0].str), std::string(DIFF_TM_NAME_MAX - 1, 'x'));
 
   set_diff_time(2, DIFF_TM_START, "open");
   std::this_thread::sleep_for(std::chrono::milliseconds(3));

@@ -1,7 +1,5 @@
-// The new-format handler: output decisions for HDMI, eARC and S/PDIF, adoption of the format and
-// the end of the run. The bridge, switch, report, EDID and shell calls are recording fakes.
+// The new-format handler's HDMI, eARC and S/PDIF decisions and the adopted format, among fakes.
 #include "am_unit.h"
-#include "qb_audio_oper.h"
 #include "qb_audio_oper_format.h"
 #include "qb_audio_stream.h"
 
@@ -11,7 +9,6 @@ namespace {
 struct Calls {
   std::vector<std::string> list;
   int it6621_state = 2;
-  int system_result = 0;
   bool edid_present = false;
   T_Edid_Audio_Info_ edid{};
   std::vector<uint8_t> chs;
@@ -31,7 +28,7 @@ const qb_audio_new_format_ops_t kFakeOps = {
     [](int mode, unsigned sid) { return add(fmt("spdif", mode, static_cast<int>(sid))), 1; },
     [](int inputs) { return add(fmt("report", inputs, 0)), 1; },
     [](T_Edid_Audio_Info_* list) { return g_calls->edid_present ? (*list = g_calls->edid, 1) : 0; },
-    [](const char* command) { return add(std::string("sh:") + command), g_calls->system_result; },
+    [](const char* command) { return add(std::string("sh:") + command), 0; },
 };
 
 class NewFormat : public RoutingTest {
@@ -44,8 +41,6 @@ class NewFormat : public RoutingTest {
   }
   void TearDown() override {
     qb_audio_new_format_ops_set(nullptr);
-    set_output_analog_mute(0);
-    g_calls = nullptr;
     RoutingTest::TearDown();
   }
   // Stream 1 (source 4, channel 6, stream id 0); no output listens to it (stream id 2 is source 5).
@@ -55,38 +50,24 @@ class NewFormat : public RoutingTest {
     for (int out : {QB_AUDIO_OUTPUT_ANALOG, QB_AUDIO_OUTPUT_HDMI, QB_AUDIO_OUTPUT_SPDIF, QB_AUDIO_OUTPUT_EARC}) qb_audio_stream_input_select(out, 2, -1);
     calls = Calls{};
   }
-  static audio_transport_head_t head(int sf, int ch, int type, int chs1 = 0, int code = 0) {
+  audio_transport_head_t head(int sf, int ch, int type, int chs1 = 0, int code = 0) {
     qb_audio_info r = make_record(sf, ch, type);
     r.ChStat[1] = static_cast<qb_s8_t>(chs1), r.ChStat[2] = 2, r.AUD_DB[0] = static_cast<qb_s8_t>(code);
-    qb_audio_oper_ctrl_t tmp;
-    qb_audio_oper_default(&tmp);
-    audio_info_head_set(&tmp, &r);
-    return tmp.audio_info_head;
+    audio_info_head_set(&ctrl, &r);
+    return ctrl.net.audio_info_head;
   }
   int run(audio_transport_head_t h) { return calls.list.clear(), qb_audio_oper_new_format(&ctrl, &h); }
   bool called(const std::string& s) const { return std::find(calls.list.begin(), calls.list.end(), s) != calls.list.end(); }
-  void sink(unsigned lpcm_channels, unsigned lpcm_rates, E_Audio_Format other = ENUM_AC3) {
-    calls.edid_present = true, calls.edid.u8AudioInfoNum = 2;
-    calls.edid.ptAudioInfo[0].eAudioFomat = other, calls.edid.ptAudioInfo[1].eAudioFomat = ENUM_LPCM;
-    calls.edid.ptAudioInfo[1].u8MaxChannels = static_cast<qb_u8_t>(lpcm_channels);
-    calls.edid.ptAudioInfo[1].eSampleRateFlags = static_cast<E_Audio_Samplerate_Flag>(lpcm_rates);
-  }
 
   Calls calls;
   qb_audio_oper_ctrl_t ctrl;
 };
 
-TEST_F(NewFormat, AdoptsTheFormatAndEndsTheRun) {
-  audio_transport_head_t h = head(10, 8, 0x80);
-  h.Audio_Info_Frame[0] = 5;
-  EXPECT_EQ(1, run(h));
-  const qb_audio_info ch6 = record(6);
-  EXPECT_EQ((std::vector<int>{1, 10, 5, 10, 8, 2}), (std::vector<int>{ctrl.in_aborting.load(), ctrl.audio_info_head.Sample_Frequency,
-            ctrl.audio_info_head.Audio_Info_Frame[0], ch6.SampleFrequency, ch6.ValidCh, ch6.io_in_use}));
-  EXPECT_EQ((std::vector<std::string>{"report(0,0)"}), calls.list);
-}
-
-TEST_F(NewFormat, HdmiFallbackDecisions) {
+// Each decision ends with the format adopted (header, channel record, report) and the run ended.
+TEST_F(NewFormat, HdmiFallbackDecisionsAndTheAdoptedFormat) {
+  T_Edid_Audio_Info_ tv{};  // AC-3 and LPCM 2 channels up to 48 kHz
+  tv.u8AudioInfoNum = 2, tv.ptAudioInfo[0].eAudioFomat = ENUM_AC3, tv.ptAudioInfo[1].eAudioFomat = ENUM_LPCM;
+  tv.ptAudioInfo[1].u8MaxChannels = 2, tv.ptAudioInfo[1].eSampleRateFlags = static_cast<E_Audio_Samplerate_Flag>(1 | 2 | 4);
   struct Row { const char* name; int fallback, mode; bool edid; int sf, ch, type, chs1, code; std::vector<std::string> calls; };
   const Row rows[] = {
       {"no fallback: back to normal", -1, 1, false, 2, 2, 0x80, 0, 0, {"chs(3,0)", "avp(6,2)", "hdmi(0,0)", "report(0,0)"}},
@@ -103,45 +84,39 @@ TEST_F(NewFormat, HdmiFallbackDecisions) {
     reset();
     qb_audio_stream_input_select(QB_AUDIO_OUTPUT_HDMI, 0, r.fallback);
     set_output_hdmi_stream_mode(r.mode);
-    if (r.edid) sink(2, 1 | 2 | 4);  // AC-3 and LPCM 2 channels up to 48 kHz
-    run(head(r.sf, r.ch, r.type, r.chs1, r.code));
+    calls.edid_present = r.edid, calls.edid = tv;
+    EXPECT_EQ(1, run(head(r.sf, r.ch, r.type, r.chs1, r.code)));
     EXPECT_EQ(r.calls, calls.list);
+    EXPECT_EQ((std::vector<int>{1, r.sf, r.code, r.sf, r.ch, 2}), (std::vector<int>{ctrl.in_aborting.load(), ctrl.net.audio_info_head.Sample_Frequency,
+              ctrl.net.audio_info_head.Audio_Info_Frame[0], record(6).SampleFrequency, record(6).ValidCh, record(6).io_in_use}));
   }
-  qb_audio_new_format_ops_set(nullptr);  // the board's own EDID reader, and no EDID file
-  const qb_audio_info lpcm = make_record(2, 2, 0x80);
-  EXPECT_EQ(0, hdmi_output_needs_fallback(&lpcm));
 }
 
-TEST_F(NewFormat, EarcFallbackRulesAndChannelStatus) {
-  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_EARC, 0, 1);
+// eARC and S/PDIF share the pass-through rules; only eARC waits for the bridge and is told the
+// channel status.
+TEST_F(NewFormat, EarcAndSpdifFallbackRulesAndChannelStatus) {
+  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_EARC, 0, 1), qb_audio_stream_input_select(QB_AUDIO_OUTPUT_SPDIF, 0, 2);
   struct Row { int chs1, chs2, chs3, code; bool fallback; };
   const Row rows[] = {{2, 2, 0, 0, true},  {1, 2, 0, 20, true}, {1, 2, 0, 12, false}, {0, 3, 0, 0, true},
                       {0, 2, 0, 0, false}, {0, 2, 9, 0, true},  {3, 2, 9, 0, true},   {3, 2, 2, 0, false}};
   calls.it6621_state = 2;
   for (const Row& r : rows) {
     SCOPED_TRACE(testing::Message() << r.chs1 << "/" << r.chs2 << "/" << r.chs3 << "/" << r.code);
-    set_output_earc_stream_mode(0);
+    set_output_earc_stream_mode(0), set_output_spdif_stream_mode(0);
     audio_transport_head_t h = head(2, 2, 0x80, r.chs1, r.code);
     h.IEC60958_Channel_Stats[2] = static_cast<uint8_t>(r.chs2), h.IEC60958_Channel_Stats[3] = static_cast<uint8_t>(r.chs3);
     h.Audio_Info_Frame[3] = 0x13;
     run(h);
-    EXPECT_EQ(r.fallback, called("earc(1,1)"));
+    EXPECT_EQ((std::pair<bool, bool>{r.fallback, r.fallback}), (std::pair<bool, bool>{called("earc(1,1)"), called("spdif(1,2)")}));
     // Fed from this stream: the bridge gets the five status bytes and info-frame byte 3.
     ASSERT_EQ(6u, calls.chs.size());
     EXPECT_EQ((Bytes{static_cast<uint8_t>(r.chs1), static_cast<uint8_t>(r.chs2), static_cast<uint8_t>(r.chs3), 0x13}),
               (Bytes{calls.chs[1], calls.chs[2], calls.chs[3], calls.chs[5]}));
   }
   EXPECT_GT(ctrl.runtime, 0);
-}
-
-TEST_F(NewFormat, SpdifFallsBackForDtsHdAndReturnsForDts) {
-  qb_audio_stream_input_select(QB_AUDIO_OUTPUT_SPDIF, 0, 2);
-  set_output_spdif_stream_mode(0);
-  run(head(2, 2, 0x90, 1, 20));
-  EXPECT_EQ((std::vector<std::string>{"chs(5,0)", "spdif(1,2)", "report(0,0)"}), calls.list);
-  set_output_spdif_stream_mode(1);
+  calls.it6621_state = 1, set_output_earc_stream_mode(1), set_output_spdif_stream_mode(1);  // DTS passes: back to normal
   run(head(2, 2, 0x90, 1, 12));
-  EXPECT_EQ((std::vector<std::string>{"chs(5,0)", "spdif(0,0)", "report(0,0)"}), calls.list);
+  EXPECT_EQ((std::vector<std::string>{"chs(2,0)", "it6621_chs", "chs(5,0)", "spdif(0,0)", "report(0,0)"}), calls.list);
 }
 
 }  // namespace

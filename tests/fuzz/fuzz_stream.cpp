@@ -59,16 +59,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   qb_audio_oper_default(&ctrl);
   ctrl.file_param_num = 1;
   _file_param_set(&ctrl, &record);
-  ctrl.chunk_size = std::max(1u, ctrl.hwparams.rate / kPeriodsPerSecond);
-  ctrl.bits_per_sample = static_cast<size_t>(snd_pcm_format_physical_width(ctrl.hwparams.format));
-  ctrl.bits_per_frame = ctrl.bits_per_sample * ctrl.hwparams.channels;
-  ctrl.chunk_bytes = ctrl.chunk_size * ctrl.bits_per_frame / 8;
-  std::vector<qb_u8_t> staging(std::max(QB_AUDIO_BUF_DEFAULT_SIZE, 3 * ctrl.chunk_bytes));
+  ctrl.pcm.chunk_size = std::max(1u, ctrl.pcm.hwparams.rate / kPeriodsPerSecond);
+  ctrl.pcm.bits_per_sample = static_cast<size_t>(snd_pcm_format_physical_width(ctrl.pcm.hwparams.format));
+  ctrl.pcm.bits_per_frame = ctrl.pcm.bits_per_sample * ctrl.pcm.hwparams.channels;
+  ctrl.pcm.chunk_bytes = ctrl.pcm.chunk_size * ctrl.pcm.bits_per_frame / 8;
+  std::vector<qb_u8_t> staging(std::max(QB_AUDIO_BUF_DEFAULT_SIZE, 3 * ctrl.pcm.chunk_bytes));
   ctrl.audiobuf = staging.data();
   ctrl.audiobuf_capacity = staging.size();
-  CAudioBuf ring(static_cast<int>(ctrl.chunk_bytes), kRingSlots);
+  CAudioBuf ring(static_cast<int>(ctrl.pcm.chunk_bytes), kRingSlots);
   ctrl.pAudBuf = &ring;
-  const size_t messages = std::min({ctrl.chunk_bytes / AUDIO_PKT_PAYLOAD_SIZE + 1,
+  const size_t messages = std::min({ctrl.pcm.chunk_bytes / AUDIO_PKT_PAYLOAD_SIZE + 1,
                                     QB_AUDIO_BUF_DEFAULT_SIZE / QB_AUDIO_RX_SLOT_SIZE, kMaxRxMessages});
   const size_t room_needed = playback_rx_room_needed(messages);
 

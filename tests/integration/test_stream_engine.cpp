@@ -71,7 +71,7 @@ int run_engine(bool capture, int ms, int rate_code = kRate48k) {
   if (rate_code != kRate48k) {
     qb_audio_info now;
     qb_audio_channel_state_copy(QB_AUDIO_CHN_NSI1, &now);
-    return now.SampleFrequency == kRate48k && ctrl.audio_info_head.Sample_Frequency == kRate48k ? 0 : 98;
+    return now.SampleFrequency == kRate48k && ctrl.net.audio_info_head.Sample_Frequency == kRate48k ? 0 : 98;
   }
   AUDIO_LOSS_INFO_T info{};
   audio_loss_info_get(0, &info);
@@ -172,11 +172,11 @@ class Card : public ::testing::Test {
   // Opens the card and negotiates; set_params_play's result (-100 when the card did not open).
   int open_and_set() {
     qb_audio_oper_default(&ctrl);
-    ctrl.pcm_name = "hw:1,0", ctrl.stream = SND_PCM_STREAM_PLAYBACK;
-    ctrl.open_mode = SND_PCM_NONBLOCK, ctrl.file_param_num = 1;
+    ctrl.pcm_name = "hw:1,0", ctrl.pcm.stream = SND_PCM_STREAM_PLAYBACK;
+    ctrl.pcm.open_mode = SND_PCM_NONBLOCK, ctrl.file_param_num = 1;
     return qb_audio_oper_general_init(&ctrl) != 0 ? -100 : set_params_play(&ctrl);
   }
-  void TearDown() override { if (ctrl.init || ctrl.handle != nullptr) qb_audio_oper_general_uninit(&ctrl); }
+  void TearDown() override { if (ctrl.init || ctrl.pcm.handle != nullptr) qb_audio_oper_general_uninit(&ctrl); }
   am_test::TempRoot root{{"dev", "tmp", "home"}};
   qb_audio_oper_ctrl_t ctrl;
 };
@@ -194,16 +194,16 @@ TEST_F(Card, NegotiationFollowsTheLargestBufferTheCardOffersAndAShortWriteIsPadd
     EXPECT_EQ(row.result, open_and_set());
     if (row.result == 0) {
       EXPECT_EQ(std::make_tuple(row.buffer_time, row.period_time, unsigned(row.chunk_size)),
-                std::make_tuple(ctrl.buffer_time, ctrl.period_time, unsigned(ctrl.chunk_size)));
+                std::make_tuple(ctrl.pcm.buffer_time, ctrl.pcm.period_time, unsigned(ctrl.pcm.chunk_size)));
     }
     qb_audio_oper_general_uninit(&ctrl);
   }
   unsetenv("AMSIM_MAX_BUFFER_BYTES_PLAY1");
   ASSERT_EQ(0, open_and_set());
-  EXPECT_EQ(1440, ctrl.start_delay);
+  EXPECT_EQ(1440, ctrl.pcm.start_delay);
   EXPECT_EQ(70u, ctrl.pAudBuf->slot_count());
-  std::vector<uint8_t> chunk(ctrl.chunk_bytes, 0x11);
-  EXPECT_EQ(static_cast<snd_pcm_sframes_t>(ctrl.chunk_size), pcm_write(&ctrl, chunk.data(), 100));
+  std::vector<uint8_t> chunk(ctrl.pcm.chunk_bytes, 0x11);
+  EXPECT_EQ(static_cast<snd_pcm_sframes_t>(ctrl.pcm.chunk_size), pcm_write(&ctrl, chunk.data(), 100));
   EXPECT_EQ(0x11, chunk[100 * 8 - 1]);
   EXPECT_EQ(0x00, chunk[100 * 8]);  // S24_LE silence is zero
   EXPECT_EQ(0, pcm_write(&ctrl, chunk.data(), 0));
