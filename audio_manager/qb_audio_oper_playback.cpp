@@ -32,6 +32,23 @@ constexpr unsigned kRxCallsPerPass = 8;
 constexpr unsigned kRunEndPauseMs = 100;
 // After the sample rate is sent to the genlock service, before the device is set up.
 constexpr unsigned kGenlockParamPauseMs = 100;
+// The queued audio plays out at the end of a run, looked at every period of this length, for at
+// most five times the largest playback buffer (200 ms): a device that stopped taking data is
+// dropped then instead of holding the worker for ever.
+constexpr unsigned kDrainPollMs = 10;
+constexpr unsigned kDrainLimitMs = 1000;
+
+// Lets the device play what it holds, for at most kDrainLimitMs (not at all when the daemon is
+// stopping), then stops it. Non-blocking set again: the open mode alone does not keep every
+// device's drain from waiting.
+void drain_bounded(snd_pcm_t* handle) {
+  snd_pcm_nonblock(handle, 1);
+  for (unsigned waited = 0; waited < kDrainLimitMs && !qb_audio_oper_shutdown_get() && snd_pcm_drain(handle) == -EAGAIN;
+       waited += kDrainPollMs) {
+    qb_audio_oper_pause_ms(kDrainPollMs);
+  }
+  snd_pcm_drop(handle);
+}
 
 // Channel state of the network input each playback stream plays, by stream number.
 constexpr int kPlaybackChannels[QB_AUDIO_OPER_STREAMS] = {QB_AUDIO_CHN_NSI1, QB_AUDIO_CHN_NSI3, QB_AUDIO_CHN_NSI5};
@@ -341,13 +358,7 @@ int playback_loop(qb_audio_oper_ctrl_t* ctrl, const char* group) {
   }
 
   if (ctrl->pcm.handle != nullptr) {
-    if (qb_audio_oper_shutdown_get()) {
-      snd_pcm_drop(ctrl->pcm.handle);  // the daemon is stopping: do not wait for the queue to play out
-    } else {
-      snd_pcm_nonblock(ctrl->pcm.handle, 0);
-      snd_pcm_drain(ctrl->pcm.handle);
-      snd_pcm_nonblock(ctrl->pcm.handle, 1);
-    }
+    drain_bounded(ctrl->pcm.handle);
   }
   if (run.epfd >= 0) {
     close(run.epfd);

@@ -620,11 +620,19 @@ void si5351_svr_poll(int fd, int wait_ms) {
   socklen_t from_len = sizeof from;
   std::memset(&from, 0, sizeof from);
   // One datagram of at most 64 bytes; a longer one is cut, never left blocking the socket.
-  const int n = qb_udp_recv2(fd, g_svr_buf, SI5351_SVR_BUF_LEN, 0, &from, &from_len);
-  if (n <= 0) {
+  qb_u8_t received[SI5351_SVR_BUF_LEN];
+  const int n = qb_udp_recv2(fd, received, SI5351_SVR_BUF_LEN, 0, &from, &from_len);
+  if (n > 0) {
+    si5351_svr_serve(fd, received, static_cast<size_t>(n), from);
+  }
+}
+
+void si5351_svr_serve(int fd, const qb_u8_t* data, size_t len, const sockaddr_in& from) {
+  if (len == 0) {
     return;
   }
   si5351_guard_t guard(g_si5351_mutex);
+  std::memcpy(g_svr_buf, data, len < sizeof g_svr_buf ? len : sizeof g_svr_buf);
   svr_dispatch(fd, from);
 }
 

@@ -8,6 +8,9 @@
 // Service side: one thread ("si5351_clk") serving UDP 127.0.0.1:11000; clients bind 11001-11004.
 #pragma once
 
+#include <netinet/in.h>
+
+#include <cstddef>
 #include <cstdio>
 
 #include "qb_audio_protocol.h"  // SI5351_STATUS_FILE
@@ -193,6 +196,9 @@ int si5351_svr_open(const char* addr, int port);
 // One turn of the service loop on socket fd: wait up to wait_ms, then run the idle step or serve
 // one datagram. The service loop is this, forever, on 127.0.0.1:11000.
 void si5351_svr_poll(int fd, int wait_ms);
+// Serves one received datagram of len bytes (at most the first 64 are read, over the receive
+// buffer, as a receive would) from `from`; a reply goes out on fd.
+void si5351_svr_serve(int fd, const qb_u8_t* data, size_t len, const sockaddr_in& from);
 // One return-to-nominal step on every channel in state QB_SI5351_SET_RESET. 0.
 int handle_reset_stat(void);
 // Writes the status file. 0, or -1.

@@ -15,10 +15,13 @@ enum {
     AMSIM_NAME_MAX = 32,
 };
 
-/* fail_mode values: the card is unplugged (every transfer then fails with -ENODEV), or it stops
- * moving data for good without reporting anything. */
+/* fail_mode values: the card is unplugged (every transfer then fails with -ENODEV), it stops
+ * moving data for good without reporting anything, it drops out of its stream and refuses to start
+ * again (-EIO), or it falls back to its unprepared state (-EBADFD). */
 #define AMSIM_FAIL_DISCONNECT "disconnect"
 #define AMSIM_FAIL_STALL "stall"
+#define AMSIM_FAIL_EIO "eio"
+#define AMSIM_FAIL_EBADFD "ebadfd"
 
 /* Settings of one card, from the configuration and the environment. Paths are kept as written
  * (templates and board paths); amsim_resolve_path turns them into host paths. */
@@ -29,7 +32,7 @@ typedef struct amsim_config {
     int si5351_channel;        /* genlock channel 1-3 driving the pace, 0 none */
     long max_buffer_bytes;     /* size of the card's DMA buffer */
     long fail_after;           /* periods moved after which the card fails, 0 never */
-    char fail_mode[AMSIM_NAME_MAX]; /* how it fails: "disconnect" or "stall" */
+    char fail_mode[AMSIM_NAME_MAX]; /* how it fails: one of AMSIM_FAIL_* */
     char si5351_bus[AMSIM_PATH_MAX];
     char infile[AMSIM_PATH_MAX];
     char outfile[AMSIM_PATH_MAX];

@@ -103,7 +103,8 @@ int amsim_config_set(amsim_config_t *cfg, const char *key, const char *text)
         strcpy(field, text);
         return 0;
     case AMSIM_KEY_FAIL_MODE:
-        if (strcmp(text, AMSIM_FAIL_DISCONNECT) != 0 && strcmp(text, AMSIM_FAIL_STALL) != 0)
+        if (strcmp(text, AMSIM_FAIL_DISCONNECT) != 0 && strcmp(text, AMSIM_FAIL_STALL) != 0 &&
+            strcmp(text, AMSIM_FAIL_EIO) != 0 && strcmp(text, AMSIM_FAIL_EBADFD) != 0)
             return -EINVAL;
         strcpy(field, text);
         return 0;

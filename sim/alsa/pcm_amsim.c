@@ -384,13 +384,29 @@ static int amsim_fail_stalls(const amsim_t *a)
     return strcmp(a->cfg.fail_mode, AMSIM_FAIL_STALL) == 0;
 }
 
-/* An unplugged card: the plugin layer answers every later transfer with -ENODEV. */
+/* The state a failed card is put in; the plugin layer turns it into the transfer error: an
+ * unplugged card -ENODEV, an unprepared one -EBADFD, a prepared one -EIO (its start fails). */
+static snd_pcm_state_t amsim_fail_state(const amsim_t *a)
+{
+    if (strcmp(a->cfg.fail_mode, AMSIM_FAIL_EIO) == 0)
+        return SND_PCM_STATE_PREPARED;
+    if (strcmp(a->cfg.fail_mode, AMSIM_FAIL_EBADFD) == 0)
+        return SND_PCM_STATE_SETUP;
+    return SND_PCM_STATE_DISCONNECTED;
+}
+
 static void amsim_fail(amsim_t *a, int64_t now)
 {
-    if (amsim_fail_stalls(a) || a->io.state == SND_PCM_STATE_DISCONNECTED)
+    if (amsim_fail_stalls(a) || a->io.state == amsim_fail_state(a))
         return;
     amsim_timelog_line(a, a->counter, now);
-    snd_pcm_ioplug_set_state(&a->io, SND_PCM_STATE_DISCONNECTED);
+    snd_pcm_ioplug_set_state(&a->io, amsim_fail_state(a));
+}
+
+/* A card failed with an error (not a stall) reports it to every poll. */
+static int amsim_failed_loudly(const amsim_t *a)
+{
+    return amsim_failed(a) && !amsim_fail_stalls(a);
 }
 
 static int amsim_advance(amsim_t *a, int64_t now)
@@ -430,7 +446,7 @@ static uint64_t amsim_frames_to_ready(const amsim_t *a)
 static int64_t amsim_ready_time(const amsim_t *a, int64_t now, int xrun)
 {
     snd_pcm_state_t state = a->io.state;
-    if (xrun)
+    if (xrun || amsim_failed_loudly(a))
         return now;
     if (state == SND_PCM_STATE_PREPARED)
         return amsim_is_playback(a) && amsim_avail(a) >= a->avail_min ? now : 0;
@@ -502,6 +518,8 @@ static int amsim_start(snd_pcm_ioplug_t *io)
 {
     amsim_t *a = io->private_data;
     int64_t now = amsim_now_ns();
+    if (amsim_failed_loudly(a))
+        return -EIO; /* a failed card does not start again (unplugged, the layer answers first) */
     a->run_frames = 0;
     a->run_base = a->counter;
     amsim_clock_start(&a->clock, io->rate, amsim_pace_factor(a), now);
@@ -589,8 +607,8 @@ static int amsim_poll_revents(snd_pcm_ioplug_t *io, struct pollfd *pfd, unsigned
     amsim_drain_timer(a);
     snd_pcm_sframes_t avail = snd_pcm_avail_update(io->pcm);
     snd_pcm_state_t state = io->state;
-    if (avail < 0 || (!amsim_is_moving(state) && state != SND_PCM_STATE_PREPARED &&
-                      state != SND_PCM_STATE_PAUSED)) {
+    if (avail < 0 || amsim_failed_loudly(a) ||
+        (!amsim_is_moving(state) && state != SND_PCM_STATE_PREPARED && state != SND_PCM_STATE_PAUSED)) {
         *revents = ready | POLLERR;
         return 0;
     }

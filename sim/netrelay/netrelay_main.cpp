@@ -39,8 +39,10 @@ struct Counters {
   uint64_t received = 0;
   uint64_t forwarded = 0;
   uint64_t dropped = 0;
+  uint64_t dropped_bytes = 0;  // whole datagrams, as they arrived
   uint64_t duplicated = 0;
   uint64_t reordered = 0;
+  uint64_t reordered_bytes = 0;
   uint64_t corrupted = 0;
   uint64_t truncated = 0;
   uint64_t sent = 0;
@@ -51,12 +53,14 @@ struct Counters {
 void print_counters(const Counters& c) {
   std::printf(
       "netrelay received=%llu forwarded=%llu dropped=%llu duplicated=%llu reordered=%llu "
-      "corrupted=%llu truncated=%llu sent=%llu send_errors=%llu ignored=%llu\n",
+      "corrupted=%llu truncated=%llu sent=%llu send_errors=%llu ignored=%llu dropped_bytes=%llu "
+      "reordered_bytes=%llu\n",
       static_cast<unsigned long long>(c.received), static_cast<unsigned long long>(c.forwarded),
       static_cast<unsigned long long>(c.dropped), static_cast<unsigned long long>(c.duplicated),
       static_cast<unsigned long long>(c.reordered), static_cast<unsigned long long>(c.corrupted),
       static_cast<unsigned long long>(c.truncated), static_cast<unsigned long long>(c.sent),
-      static_cast<unsigned long long>(c.send_errors), static_cast<unsigned long long>(c.ignored));
+      static_cast<unsigned long long>(c.send_errors), static_cast<unsigned long long>(c.ignored),
+      static_cast<unsigned long long>(c.dropped_bytes), static_cast<unsigned long long>(c.reordered_bytes));
   std::fflush(stdout);
 }
 
@@ -307,6 +311,7 @@ void Relay::handle(Datagram* d) {
   }
   if (a.drop) {
     ++c_.dropped;  // a held datagram keeps waiting for the next forwarded one
+    c_.dropped_bytes += d->size;
     return;
   }
   if (a.truncate) {
@@ -338,6 +343,7 @@ void Relay::handle(Datagram* d) {
     holding_ = true;
     held_deadline_ = now_s() + o_.hold_ms / 1000.0;
     ++c_.reordered;
+    c_.reordered_bytes += d->size;
     return;
   }
   send(*d);

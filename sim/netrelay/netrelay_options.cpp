@@ -194,7 +194,7 @@ void print_usage(const char* program) {
       "\n"
       "On exit and on SIGUSR1 prints one line:\n"
       "netrelay received=N forwarded=N dropped=N duplicated=N reordered=N corrupted=N "
-      "truncated=N sent=N send_errors=N ignored=N\n",
+      "truncated=N sent=N send_errors=N ignored=N dropped_bytes=N reordered_bytes=N\n",
       program, kMaxGroups, static_cast<unsigned>(kDefaultPort), kMaxOutputs);
 }
 

@@ -1,11 +1,12 @@
-// Shared by the fuzz targets: a board root in a fresh temporary folder (AUDIO_MANAGER_ROOT) with
-// emulated I2C buses, a private network namespace with its loopback up, logging formatted but not
-// written, and no child programs or pauses. Each target includes it once.
+// Shared by the fuzz targets: a board root in a fresh temporary folder (AUDIO_MANAGER_ROOT), in
+// memory when we may, with emulated I2C buses, a private network namespace with its loopback up,
+// logging formatted but not written, and no child programs or pauses. Each target includes it once.
 #pragma once
 
 #include <net/if.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -57,12 +58,16 @@ inline void setup() {
   char tmpl[] = "/tmp/am_fuzz_XXXXXX";
   if (mkdtemp(tmpl) == nullptr) std::abort();
   g_root = tmpl;
+  // The root on a memory file system of a mount namespace of our own when we may (root): the
+  // emulated buses and status files are opened, written and replaced for every request.
+  if (unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0)
+    (void)mount("tmpfs", tmpl, "tmpfs", 0, nullptr);
   setenv(AM_ROOT_ENV, g_root.c_str(), 1);
   am_platform_reload();
   write("/misc/boardInfo.json", "{\"modelNumber\": \"TR-A\"}");
   for (const char* bus : {"/dev/i2c-1", "/dev/i2c-2"}) write(bus, "");
   for (const char* dir : {"/tmp", "/customer/bin"}) std::filesystem::create_directories(g_root + dir);
-  std::atexit([] { std::filesystem::remove_all(g_root); });
+  std::atexit([] { std::error_code ignored; umount2(g_root.c_str(), MNT_DETACH), std::filesystem::remove_all(g_root, ignored); });
   // Datagrams to the peers (bridge services, reports, genlock) stay inside a namespace of our own
   // when we may create one (root); otherwise they go to the host's loopback.
   if (unshare(CLONE_NEWNET) == 0) loopback_up();

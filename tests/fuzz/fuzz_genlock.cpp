@@ -1,7 +1,8 @@
-// Request datagrams to the genlock service, served one turn of its loop each (as its thread does)
-// on a loopback socket of a private namespace, with the synthesiser on the emulated I2C bus.
+// Request datagrams to the genlock service, each served as its thread serves a received one, with
+// the synthesiser on the emulated I2C bus; replies go out on a loopback socket to a client.
 // Input: datagrams, each after a prefix byte whose low 7 bits are its length (the service reads at
-// most 64 bytes) and whose top bit runs the idle step (return-to-nominal) after it.
+// most 64 bytes) and whose top bit runs the idle step (return-to-nominal) after it. At most 24
+// datagrams a run: enough to walk a channel across its whole range of 8 steps each way and back.
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -12,15 +13,19 @@
 #include "qb_si5351.h"
 
 namespace {
-constexpr int kServeWaitMs = 100, kNominalRate = 48000;  // the wait is generous: a loopback datagram is there at once
+constexpr int kNominalRate = 48000;
 constexpr uint8_t kIdleTurnBit = 0x80, kLengthMask = 0x7F;
+constexpr int kMaxDatagrams = 24;
 int g_client = -1;
+sockaddr_in g_client_address{};
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   fuzz_board::setup();
   qb_si5351_init();
-  g_client = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  g_client = si5351_svr_open(SI5351_SVR_ADDR, 0);  // a bound socket of its own receives the replies
+  socklen_t len = sizeof g_client_address;
+  if (g_client < 0 || getsockname(g_client, reinterpret_cast<sockaddr*>(&g_client_address), &len) != 0) std::abort();
   return 0;
 }
 
@@ -31,20 +36,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     set_fifo_stat(ch, 0, 0);
   }
   const int fd = si5351_svr_open(SI5351_SVR_ADDR, 0);  // zeroed buffer, a port of its own
-  sockaddr_in service{};
-  socklen_t len = sizeof service;
-  if (fd < 0 || getsockname(fd, reinterpret_cast<sockaddr*>(&service), &len) != 0) std::abort();
-  while (size > 0) {
+  if (fd < 0) std::abort();
+  for (int served = 0; size > 0 && served < kMaxDatagrams; ++served) {
     const size_t n = std::min<size_t>(data[0] & kLengthMask, size - 1);
-    const bool idle = (data[0] & kIdleTurnBit) != 0;
-    (void)sendto(g_client, data + 1, n, 0, reinterpret_cast<const sockaddr*>(&service), sizeof service);
-    si5351_svr_poll(fd, kServeWaitMs);
-    if (idle) handle_reset_stat();  // what a turn without a datagram does
-    uint8_t reply[SI5351_SVR_BUF_LEN];
-    while (recv(g_client, reply, sizeof reply, 0) >= 0) continue;
+    si5351_svr_serve(fd, data + 1, n, g_client_address);
+    if ((data[0] & kIdleTurnBit) != 0) handle_reset_stat();  // what a turn without a datagram does
     data += 1 + n;
     size -= 1 + n;
   }
+  uint8_t reply[SI5351_SVR_BUF_LEN];
+  while (recv(g_client, reply, sizeof reply, MSG_DONTWAIT) >= 0) continue;
   close(fd);
   return 0;
 }

@@ -51,7 +51,9 @@ class Bench {
         board("up rx " + root("rx") + " --mac 02:00:00:00:a0:02") != 0 || board("link tx rx") != 0)
       return "network";
     if (board("start tx --env AMSIM_FAIL_AFTER_CAP2=200 --env AMSIM_FAIL_MODE_CAP2=stall --env AMSIM_FAIL_AFTER_CAP3=200") != 0 ||
-        board("start rx --env AMSIM_FAIL_AFTER_PLAY2=200 --env AMSIM_OUTFILE_PLAY1=/tmp/bench/played.raw " + rx_env) != 0)
+        board("start rx --env AMSIM_FAIL_AFTER_PLAY2=200 --env AMSIM_FAIL_AFTER_PLAY3=200 --env AMSIM_FAIL_MODE_PLAY3=stall "
+              "--env AMSIM_FAIL_AFTER_CAP3=200 --env AMSIM_FAIL_MODE_CAP3=eio --env AMSIM_FAIL_AFTER_CAP2=200 "
+              "--env AMSIM_FAIL_MODE_CAP2=ebadfd --env AMSIM_OUTFILE_PLAY1=/tmp/bench/played.raw " + rx_env) != 0)
       return "start";
     for (const char* name : {"tx", "rx"})
       if (board(std::string("wait-log ") + name + " 'audio manager init done' --timeout 30") != 0) return "init";
@@ -254,19 +256,28 @@ void expect_bit_exact(const Bench& bench, long min_frames) {
   EXPECT_LE(std::atol(verify["skips"].c_str()), bench.underruns() + bench.count("tx", "oVerrun!!!"));
 }
 
-// Cards that fail 200 periods into each open (set at start). Unplugged, rx card 2 (plays stream 0
-// too) and tx card 3 (sends stream 1): each run ends on the error and the worker starts the next,
-// until a second command stops it. Stalled, tx card 2 (stream 2): the run waits in 100 ms steps
-// until the next command (a new group) ends it and a new one starts.
+// Cards that fail 200 periods into each open (set at start): each run ends on the error, the worker
+// starts the next, until a second command stops it (the last run ends too). Unplugged: rx card 2
+// (plays stream 0 too), tx card 3 (sends stream 1); rx capture cards 3 and 2 fail with -EIO and
+// -EBADFD. Stalled, rx playback card 3: the ring fills, the run ends and the next starts (never
+// held by the card's drain). Stalled, tx card 2 (stream 2): the run waits in 100 ms steps until
+// the next command (a new group) ends it and a new one starts.
 void walk_card_faults(const Bench& bench) {
-  for (const auto& row : {std::vector<std::string>{"rx", std::string("from-net ") + kTxMac + " 2", "from-net 000000000000 2",
-                                                     "write error: hw:2,0,No such device, aborting", "qb_audio_oper_playback,hw:2,0,"},
-                          {"tx", "to-net 1 analog 02000000c001", "to-net 1 analog", "read error: hw:3,0,No such device, aborting",
-                           "qb_audio_oper_capture,hw:3,0,"}}) {
-    ASSERT_EQ(0, bench.command(row[0], row[1]));
-    ASSERT_TRUE(am_test::wait_for([&] { return bench.count(row[0], row[3]) > 1; }, 60000)) << row[3];
-    EXPECT_TRUE(am_test::wait_for([&] { return bench.count(row[0], row[4]) > 2; }, 20000, 200)) << row[4];
-    ASSERT_EQ(0, bench.command(row[0], row[2]));
+  struct Row { const char *board, *start, *stop, *error, *device; bool capture; };
+  for (const Row& row : {Row{"rx", "from-net 02000000a001 2", "from-net 000000000000 2", "write error: hw:2,0,No such device, aborting", "hw:2,0", false},
+                         Row{"tx", "to-net 1 analog 02000000c001", "to-net 1 analog", "read error: hw:3,0,No such device, aborting", "hw:3,0", true},
+                         Row{"rx", "to-net 1 analog 02000000d001", "to-net 1 analog", "read error: hw:3,0,Input/output error, aborting", "hw:3,0", true},
+                         Row{"rx", "to-net 2 analog 02000000d002", "to-net 2 analog", "read error: hw:2,0,File descriptor in bad state, aborting", "hw:2,0", true},
+                         Row{"rx", "from-net 02000000a001 1", "from-net 000000000000 1", "buffer is full, aborting", "hw:3,0", false}}) {
+    SCOPED_TRACE(row.error);
+    const std::string begins = std::string(row.capture ? "qb_audio_oper_capture," : "qb_audio_oper_playback,") + row.device + ",";
+    const std::string ends = row.capture ? std::string("qb_audio_oper_capture ") + row.device + " ret=" : std::string("qb_audio_oper_playback ") + row.device + " end";
+    const int errors = bench.count(row.board, row.error), runs = bench.count(row.board, begins);
+    ASSERT_EQ(0, bench.command(row.board, row.start));
+    ASSERT_TRUE(am_test::wait_for([&] { return bench.count(row.board, row.error) > errors + 1; }, 60000));
+    EXPECT_TRUE(am_test::wait_for([&] { return bench.count(row.board, begins) > runs + 2; }, 20000, 200));
+    ASSERT_EQ(0, bench.command(row.board, row.stop));
+    EXPECT_TRUE(am_test::wait_for([&] { return bench.count(row.board, ends) == bench.count(row.board, begins); }, 20000, 200));
   }
   const std::string starts = "qb_audio_oper_capture,hw:2,0,", waits = "wait 100 ms r = -11 count = ";
   ASSERT_EQ(0, bench.command("tx", "to-net 2 analog 02000000b001"));

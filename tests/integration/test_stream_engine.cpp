@@ -16,7 +16,8 @@ namespace {
 constexpr const char* kGroup = "239.77.0.2";
 constexpr uint32_t kFrameMask = 0x1FFFFF;  // the pattern's frame counter in S24_LE samples
 constexpr int kRate48k = 2, kRate96k = 10;  // sample frequency codes of the format record
-constexpr int kLossUnit = 128, kEndedByItself = 100;
+constexpr int kEndedByItself = 100;
+constexpr long kHeaderBytes = 56;
 constexpr size_t kDatagramFrames = 176;  // 1408 bytes of stereo 32-bit audio
 constexpr uint32_t kChunkFrames = 240;
 
@@ -45,9 +46,9 @@ void fake_genlock(std::atomic<bool>* stop) {
 }
 
 // One engine run of at most `ms` (inside a namespace). Capture: the run's result (100 - result
-// when negative). Playback at 48 kHz: the loss recorded for stream 0 in units of 128 bytes (99 at
-// most), plus 100 when the run ended by itself. Playback at another rate: 0 when the run ended on
-// the 48 kHz header and the channel now holds that format.
+// when negative). Playback at 48 kHz: 100 when the run ended by itself, else 0; the loss statistics
+// then go to /tmp/pktdrop.json. Playback at another rate: 0 when the run ended on the 48 kHz header
+// and the channel now holds that format.
 int run_engine(bool capture, int ms, int rate_code = kRate48k) {
   audio_board_id_set(1);
   qb_audio_misc_init();
@@ -73,10 +74,8 @@ int run_engine(bool capture, int ms, int rate_code = kRate48k) {
     qb_audio_channel_state_copy(QB_AUDIO_CHN_NSI1, &now);
     return now.SampleFrequency == kRate48k && ctrl.net.audio_info_head.Sample_Frequency == kRate48k ? 0 : 98;
   }
-  AUDIO_LOSS_INFO_T info{};
-  audio_loss_info_get(0, &info);
-  const int units = info.lossBytesTotal % kLossUnit != 0 ? 99 : static_cast<int>(info.lossBytesTotal / kLossUnit);
-  return (ended_by_itself ? kEndedByItself : 0) + std::min(units, 99);
+  check_drop_status();
+  return ended_by_itself ? kEndedByItself : 0;
 }
 
 // The played file: the pattern in order, with `gaps` runs of exactly one datagram's zero frames
@@ -134,31 +133,52 @@ TEST(StreamEngine, ThroughTheRelayLossIsBridgedALongGapEndsTheRunANewFormatIsAdo
     ASSERT_EQ(0, am_test::shell(cmd)) << cmd;
   use_card(root);
   setenv("AMSIM_OUTFILE_PLAY1", "/tmp/play1.raw", 1);
-  // Datagrams alternate 1408 and 512 bytes (chunks of 1920): 300, 500 and 700 carry 1408 each;
-  // 900-907 are 4 x 1408 + 4 x 512 = 7680 bytes. 500 is cut below its header, 700 has its
-  // Packet_Size field inverted.
-  am_test::Process relay({relay_bin, "--group", kGroup, "--in", "vt", "--out", "vr", "--ready", root.at("/tmp/ready"),
-                          "--drop", "300,900-907", "--truncate", "500", "--truncate-to", "40", "--corrupt", "700",
-                          "--corrupt-offset", "12", "--corrupt-len", "2"}, {}, mid.name(), root.at("/tmp/relay.out"));
-  ASSERT_TRUE(am_test::wait_for([&] { return access(root.at("/tmp/ready").c_str(), F_OK) == 0; }, 10000));
-  // The receiver joins the group first; the sender runs long enough to pass datagram 907 however
-  // slowly it starts.
-  auto stream = [&](int rate_code) {
+  // One stream through a relay with these impairments: the receiver joins the group first; the
+  // sender runs long enough to pass the last impaired datagram however slowly it starts. The
+  // relay's counters into *relay.
+  auto stream = [&](const std::vector<std::string>& impair, int rate_code, std::map<std::string, std::string>* relay) {
+    unlink(root.at("/tmp/ready").c_str()), unlink(root.at("/tmp/pktdrop.json").c_str());
+    std::vector<std::string> argv = {relay_bin, "--group", kGroup, "--in", "vt", "--out", "vr", "--ready", root.at("/tmp/ready")};
+    argv.insert(argv.end(), impair.begin(), impair.end());
+    am_test::Process relay_process(argv, {}, mid.name(), root.at("/tmp/relay.out"));
+    if (!am_test::wait_for([&] { return access(root.at("/tmp/ready").c_str(), F_OK) == 0; }, 10000)) return -1;
     std::atomic<int> code{-1};
     std::thread receiver([&] { code = rx.run([&] { return run_engine(false, 12000, rate_code); }, 30000); });
     usleep(1500 * 1000);
     tx.run([] { return run_engine(true, 5000); }, 30000);
     receiver.join();
+    relay_process.signal(SIGTERM), relay_process.wait_exit(10000);
+    *relay = am_test::key_values(relay_process.output(), "netrelay ");
     return code.load();
   };
+  auto reported_loss = [&] {
+    const std::string json = am_test::read_file(root.at("/tmp/pktdrop.json"));
+    const size_t at = json.find("\"bytesDropTotal\":");
+    return at == std::string::npos ? -1L : std::atol(json.c_str() + at + std::strlen("\"bytesDropTotal\":"));
+  };
+  std::map<std::string, std::string> relay;
+  // Datagrams alternate 1408 and 512 bytes (chunks of 1920): 300, 500 and 700 carry 1408 each;
+  // 900-907 are 4 x 1408 + 4 x 512 = 7680 bytes. 500 is cut below its header, 700 has its
+  // Packet_Size field inverted.
   {
     SCOPED_TRACE("loss bridged by exactly the lost bytes, malformed datagrams dropped, a gap above 5120 ends the run");
-    EXPECT_EQ(kEndedByItself + (3 * 1408 + 7680) / kLossUnit, stream(kRate48k)) << am_test::read_file(root.at("/tmp/relay.out"));
+    EXPECT_EQ(kEndedByItself, stream({"--drop", "300,900-907", "--truncate", "500", "--truncate-to", "40", "--corrupt", "700",
+                                      "--corrupt-offset", "12", "--corrupt-len", "2"}, kRate48k, &relay));
+    EXPECT_EQ(3 * 1408 + 7680, reported_loss()) << am_test::read_file(root.at("/tmp/relay.out"));
     expect_bridged_gaps(am_test::read_file(root.at("/tmp/play1.raw")), 3);
   }
   {
+    // 301 and 304 are lost, 310 comes after 311: bridged as lost, then its counter goes backwards.
+    SCOPED_TRACE("drop and reorder: the statistics count the bytes the relay dropped or held back, once");
+    EXPECT_EQ(kEndedByItself, stream({"--drop", "301,304", "--reorder", "310"}, kRate48k, &relay));
+    const long relay_bytes = std::atol(relay["dropped_bytes"].c_str()) + std::atol(relay["reordered_bytes"].c_str()) -
+                             kHeaderBytes * (std::atol(relay["dropped"].c_str()) + std::atol(relay["reordered"].c_str()));
+    EXPECT_EQ(512 + 2 * 1408, relay_bytes) << am_test::read_file(root.at("/tmp/relay.out"));
+    EXPECT_EQ(relay_bytes, reported_loss());
+  }
+  {
     SCOPED_TRACE("a receiver expecting 96 kHz adopts the 48 kHz header, which ends its run");
-    EXPECT_EQ(0, stream(kRate96k));
+    EXPECT_EQ(0, stream({}, kRate96k, &relay));
   }
   unsetenv("AMSIM_OUTFILE_PLAY1");
 }

@@ -1,8 +1,8 @@
 // The simulation rig as the daemon tests rely on it. The virtual sound card (sim/alsa): an xrun
-// after a stall that the card recovers from, a stall for good after some periods (its real-time
-// pace and crystal error are measured by the stream boards' steering test). sim/board: create, up,
-// link and teardown, which leaves nothing (namespace, process) behind, also after a failed command
-// and with a process still running in a board's namespace. netrelay between two network namespaces
+// after a stall that the card recovers from (its failures after some periods drive the stream
+// boards' card faults, its pace their steering test). sim/board: create, up, link and teardown
+// leave nothing (namespace, process) behind, also after a failed command and with a process still
+// running in a board's namespace (linked boards stream in the integration scenarios). netrelay
 // drops, corrupts and truncates exactly the datagrams it was told to, and counts what it did.
 #include <alsa/asoundlib.h>
 #include <dirent.h>
@@ -68,20 +68,6 @@ TEST_F(Amsim, StallLongerThanTheBufferGivesEpipeAndTheCardRecovers) {
   }
 }
 
-// fail_after 4 periods in stall mode: capture (1 s buffer, 4 periods) moves exactly 4 periods, then
-// nothing, without an overrun. Unplugged cards are played and captured by the stream boards test.
-TEST_F(Amsim, FailAfterPeriodsInStallModeMovesExactlyThatMuchThenNothing) {
-  setenv("AMSIM_FAIL_AFTER_CAP2", "4", 1), setenv("AMSIM_FAIL_MODE_CAP2", "stall", 1);
-  snd_pcm_t* cap = open_pcm("hw:2,0", SND_PCM_STREAM_CAPTURE, 1000000);
-  snd_pcm_uframes_t buffer = 0, period = 0;
-  ASSERT_TRUE(cap != nullptr && snd_pcm_get_params(cap, &buffer, &period) == 0);
-  EXPECT_EQ(transfer(cap, 5.0, static_cast<long>(2 * period)), 0);
-  usleep(1500 * 1000);
-  EXPECT_EQ(snd_pcm_avail(cap), static_cast<snd_pcm_sframes_t>(2 * period)) << "nothing after the 4th period";
-  EXPECT_EQ(snd_pcm_state(cap), SND_PCM_STATE_RUNNING);
-  snd_pcm_close(cap);
-}
-
 const std::string kPrefix = "amb" + std::to_string(getpid()) + "-";
 
 std::vector<std::string> namespaces() {
@@ -105,19 +91,12 @@ TEST(BoardBench, CreateUpLinkAndTeardownLeaveNothingBehind) {
   };
   const std::string root = dir.path() + "/r";
   ASSERT_EQ(0, board("create " + root + " --model TX-A"));
-  EXPECT_EQ("{\n  \"modelNumber\": \"TX-A\"\n}\n", am_test::read_file(root + "/misc/boardInfo.json"));
   EXPECT_NE(0, board("create " + root)) << "an existing root is only reused with --force";
   EXPECT_NE(0, board("up bad " + root + " --ip 10.77.0.300/24 --net lan"));
   EXPECT_NE(0, access(("/var/run/netns/" + kPrefix + "bad").c_str(), F_OK)) << "a failed command removes its board";
   ASSERT_EQ(0, board("up a " + root + " --mac 02:00:00:00:00:0a"));
   ASSERT_EQ(0, board("up b " + root + " --mac 02:00:00:00:00:0b"));
   ASSERT_EQ(0, board("link a b")) << am_test::read_file(dir.path() + "/out");
-  {
-    am_test::NsSocket rx(kPrefix + "b"), tx(kPrefix + "a");
-    ASSERT_TRUE(rx.listen("234.48.0.10", 59300));
-    ASSERT_TRUE(tx.send("234.48.0.10", 59300, {0x5a}));
-    EXPECT_EQ(rx.drain(1000), std::vector<std::vector<uint8_t>>{{0x5a}});
-  }
   am_test::Process stray({board_cmd, "exec", "a", "--", "sleep", "300"},
                          {"AM_SIM_STATE=" + dir.path() + "/state", "AM_SIM_PREFIX=" + kPrefix});
   ASSERT_TRUE(am_test::wait_for([&] { return am_test::shell("test -n \"$(ip netns pids " + kPrefix + "a)\"") == 0; }, 10000));
