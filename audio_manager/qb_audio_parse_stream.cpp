@@ -251,7 +251,7 @@ int input_src_mac_set(const void* buf, int len) {
   std::snprintf(group, sizeof(group), "%d.%d.%d.%d", QB_AUDIO_MCAST_OCTET1,
                 QB_AUDIO_MCAST_OCTET2_BASE | (m[3] & 0x0F), m[4], m[5]);
   for (const net_in_t& in : kNetInputs) {
-    qb_misc_net_stream_in_addr_set(in.sid, group, mac);
+    qb_misc_net_stream_addr_set(in.sid, false, group, mac);
     AM_LOG_INFO("%s,%s ip:%s", __func__, in.name, group);
   }
   for (const net_in_t& in : kNetInputs) {
