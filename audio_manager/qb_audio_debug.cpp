@@ -129,19 +129,15 @@ int read_register(int fd, const char* bus_path, qb_u8_t addr, qb_u8_t reg, qb_u8
   return ok ? 0 : -1;
 }
 
-int read_a8d8(int fd, qb_u8_t reg, qb_u8_t* out) {
-  return i2c_read_a8d8(fd, QB_DEBUG_FPGA_ADDR, reg, out);
-}
-
 void dump_route_group(FILE* file, int fd, qb_u8_t enable_reg) {
   qb_u8_t enable = 0;
-  read_a8d8(fd, enable_reg, &enable);
+  i2c_read_a8d8(fd, QB_DEBUG_FPGA_ADDR, enable_reg, &enable);
   for (const fpga_sink_t& sink : kFpgaSinks) {
     if (sink.enable_reg != enable_reg) {
       continue;
     }
     qb_u8_t value = 0;
-    if (read_a8d8(fd, sink.reg, &value) == 0) {
+    if (i2c_read_a8d8(fd, QB_DEBUG_FPGA_ADDR, sink.reg, &value) == 0) {
       dump_detail_info(file, sink.reg, value, enable);
       usleep(kRegisterPauseUs);
     }
@@ -151,7 +147,7 @@ void dump_route_group(FILE* file, int fd, qb_u8_t enable_reg) {
 void dump_capture_inputs(FILE* file, int fd) {
   qb_u8_t value = 0;  // a failed read leaves the previous register's value
   for (const fpga_input_t& input : kFpgaInputs) {
-    read_a8d8(fd, input.reg, &value);
+    i2c_read_a8d8(fd, QB_DEBUG_FPGA_ADDR, input.reg, &value);
     std::fprintf(file, input.format, value == 0 ? 1 : 0);
     if (input.pause_after) {
       usleep(kRegisterPauseUs);
@@ -195,10 +191,6 @@ void run_marker_command(const char* verb) {
   std::snprintf(command, sizeof command, "%s %s  > /dev/null 2>&1", verb,
                 am_path(QB_DEBUG_REQUEST_OK).c_str());
   posix_system(command);
-}
-
-long kernel_tid() {
-  return static_cast<long>(syscall(SYS_gettid));
 }
 
 }  // namespace
@@ -280,7 +272,7 @@ int handle_cmd(void) {
 
 void* qb_debug_task(void* /*arg*/) {
   prctl(PR_SET_NAME, "debug_task");
-  AM_LOG_INFO("audio debug_task id %ld !!!!", kernel_tid());
+  AM_LOG_INFO("audio debug_task id %ld !!!!", static_cast<long>(syscall(SYS_gettid)));
   while (audio_exit_get() == 0) {
     handle_cmd();
     // the pipe could not be created or opened: pause before the next attempt
