@@ -1,5 +1,5 @@
-// Saved audio records (raw bytes, no header), the MAC text of "eth0", which records are playable
-// and which mix types a sink's audio list takes.
+// Saved audio records (raw bytes, no header), the MAC text of "eth0" and which mix types a sink's
+// audio list takes.
 #include <sys/stat.h>
 
 #include "am_unit.h"
@@ -63,16 +63,6 @@ TEST(SinkCapabilities, MixTypesTakenPerListedFormat) {
     EXPECT_EQ(got, expected) << name;
   }
   EXPECT_EQ(aud_support(2, nullptr), 0);
-}
-
-TEST(RecordValidity, RatesSizesAndTypesAPlayerTakes) {
-  const std::tuple<int, int, int, int> rows[] = {{2, 24, QB_AUDIO_TYPE_LPCM, 1}, {14, 16, QB_AUDIO_TYPE_NLPCM, 1}, {0, 24, QB_AUDIO_TYPE_DSD, 1},  // code, size, type, valid
-      {12, 24, QB_AUDIO_TYPE_HBR, 1}, {3, 24, QB_AUDIO_TYPE_LPCM, 0}, {2, 20, QB_AUDIO_TYPE_LPCM, 0}, {2, 24, 0x50, 0}};
-  for (const auto& [sf, size, type, valid] : rows) {
-    qb_audio_info r = make_record(sf, 2, type);
-    r.SampleSize = static_cast<qb_s8_t>(size);
-    EXPECT_EQ(is_qb_audio_channel_state_valid(&r), valid) << sf << "/" << size << "/" << type;
-  }
 }
 
 TEST(DiffTime, IntervalTextOfAFullTrace) {
