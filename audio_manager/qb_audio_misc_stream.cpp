@@ -460,15 +460,12 @@ void dump_misc_param(FILE* fp) {
   std::fprintf(fp, "net_spdif_out_src :%d\n", misc_word_get(misc().net_spdif_out_src));
   net_stream_ipaddr_t ip;
   qb_misc_net_stream_ipaddr_copy(&ip);
-  for (int sid : kSidsByNumber) {
-    const stream_row_t& row = kStreams[sid];
-    std::fprintf(fp, "ipadd sai%d:%s deviceid:%s\n", row.number, ip.*(row.in_ipaddr),
-                 ip.*(row.in_deviceid));
-  }
-  for (int sid : kSidsByNumber) {
-    const stream_row_t& row = kStreams[sid];
-    std::fprintf(fp, "ipadd sao%d:%s deviceid:%s\n", row.number, ip.*(row.out_ipaddr),
-                 ip.*(row.out_deviceid));
+  for (const bool out : {false, true}) {  // the inputs, then the outputs
+    for (int sid : kSidsByNumber) {
+      const stream_row_t& row = kStreams[sid];
+      std::fprintf(fp, out ? "ipadd sao%d:%s deviceid:%s\n" : "ipadd sai%d:%s deviceid:%s\n", row.number,
+                   ip.*(out ? row.out_ipaddr : row.in_ipaddr), ip.*(out ? row.out_deviceid : row.in_deviceid));
+    }
   }
   const int first = misc_word_get(misc().net_stream.first);
   const int second = misc_word_get(misc().net_stream.second);
