@@ -21,6 +21,7 @@
 #include "qb_audio_hdmi.h"
 #include "qb_audio_main.h"
 #include "qb_audio_misc.h"
+#include "qb_audio_misc_fpga.h"
 #include "qb_audio_parse.h"
 #include "qb_audio_spdif.h"
 #include "qb_audio_stream.h"
@@ -49,13 +50,12 @@ constexpr const char* kCodecStartCommand = "/customer/bin/audio_codec --start";
 
 // Routes set on boards 1 and 3: the DSP input multiplexer "I2S_Mux_DSP_DAI1" takes
 // "HDMI-RCVR-TX", then the DAC multiplexer "I2S_Mux_PCM5122" takes "DSP-DAO1".
-constexpr const char* kFpgaI2cBus = "/dev/i2c-2";
-constexpr qb_u8_t kFpgaI2cAddr = 0x48;
 struct fpga_reg_write_t {
   qb_u8_t reg;
   qb_u8_t value;
 };
-constexpr fpga_reg_write_t kDspBoardRoutes[] = {{0x17, 0x03}, {0x11, 0x08}};
+constexpr fpga_reg_write_t kDspBoardRoutes[] = {{FPGA_REG_ROUTE_DSP_IN, FPGA_SRC_HDMI_IN},
+                                                {FPGA_REG_ROUTE_ANALOG_OUT, FPGA_SRC_DSP_DAO}};
 
 // Seconds slept should the statistics loop ever return.
 constexpr unsigned kLossLoopRestartSleepS = 10000;
@@ -129,7 +129,7 @@ void set_board_routes(qb_s32_t board_id) {
     return;
   }
   for (const fpga_reg_write_t& route : kDspBoardRoutes) {
-    (void)I2C_Device_Write(kFpgaI2cBus, kFpgaI2cAddr, route.reg, &route.value, 1);
+    (void)I2C_Device_Write(QB_AUDIO_FPGA_I2C_DEV, QB_AUDIO_FPGA_I2C_ADDR, route.reg, &route.value, 1);
   }
 }
 

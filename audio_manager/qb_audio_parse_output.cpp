@@ -21,11 +21,7 @@
 
 namespace {
 
-// The FPGA audio matrix on its I2C bus.
-constexpr const char* kFpgaI2cBus = "/dev/i2c-2";
-constexpr qb_u8_t kFpgaI2cAddr = 0x48;
 // Enable bits of the route sinks (0x52, 0x53) and the capture-input enables (0x55..0x5B).
-constexpr qb_u8_t kFpgaRegRouteEnable = 0x52;
 constexpr qb_u8_t kFpgaUnmuteAllRegs[] = {0x52, 0x53, 0x55, 0x56, 0x57, 0x58, 0x59, 0x5A, 0x5B};
 constexpr qb_u8_t kFpgaGatesClosed = 0x00;
 constexpr qb_u8_t kFpgaGatesOpen = 0xFF;
@@ -61,7 +57,7 @@ constexpr qb_u32_t kEarcEnableOn = 1;
 qb_audio_cmd_module_t g_cmd_module;
 
 void fpga_write_byte(qb_u8_t reg, qb_u8_t value) {
-  (void)I2C_Device_Write(kFpgaI2cBus, kFpgaI2cAddr, reg, &value, 1);
+  (void)I2C_Device_Write(QB_AUDIO_FPGA_I2C_DEV, QB_AUDIO_FPGA_I2C_ADDR, reg, &value, 1);
 }
 
 // One output port: its word in the log lines, its mute and unmute, its delay registers (low byte,
@@ -103,7 +99,7 @@ const port_row_t* port_row(qb_u32_t port) {
 
 void latency_write(const port_row_t& row, qb_u8_t reg, qb_u8_t value) {
   fpga_write_byte(reg, value);
-  AM_LOG_INFO("set fpga %s channel add:%02x reg:%02x val:%02x", row.word, kFpgaI2cAddr, reg, value);
+  AM_LOG_INFO("set fpga %s channel add:%02x reg:%02x val:%02x", row.word, QB_AUDIO_FPGA_I2C_ADDR, reg, value);
 }
 
 // Runs one codec command built from a format and a value. 1, or 0 when the shell failed.
@@ -133,16 +129,16 @@ const char* qb_audio_output_port_name(qb_u32_t ch) {
 }
 
 void audio_mute_all(void) {
-  fpga_write_byte(kFpgaRegRouteEnable, kFpgaGatesClosed);
-  AM_LOG_INFO("%s audio mute all, fpga addr:%02x, reg:%02x, value:%02x", __func__, kFpgaI2cAddr,
-              kFpgaRegRouteEnable, kFpgaGatesClosed);
+  fpga_write_byte(FPGA_REG_OUTPUT_ENABLE, kFpgaGatesClosed);
+  AM_LOG_INFO("%s audio mute all, fpga addr:%02x, reg:%02x, value:%02x", __func__, QB_AUDIO_FPGA_I2C_ADDR,
+              FPGA_REG_OUTPUT_ENABLE, kFpgaGatesClosed);
 }
 
 void audio_unmute_all(void) {
   for (const qb_u8_t reg : kFpgaUnmuteAllRegs) {
     fpga_write_byte(reg, kFpgaGatesOpen);
     AM_LOG_INFO("%s audio unmute all, fpga addr:0x%02x, reg:0x%02x, value:0x%02x", __func__,
-                kFpgaI2cAddr, reg, kFpgaGatesOpen);
+                QB_AUDIO_FPGA_I2C_ADDR, reg, kFpgaGatesOpen);
   }
 }
 
@@ -303,7 +299,7 @@ int input_analog_volume_set(const void* buf, int len) {
     return 0;
   }
   const qb_u8_t value = req.vrms == kInputVrmsHigh ? kInputVrmsHighReg : kInputVrmsLowReg;
-  if (I2C_Device_Write(kFpgaI2cBus, kFpgaI2cAddr, FPGA_REG_ANALOG_IN_VOLUME, &value, 1) != 0) {
+  if (I2C_Device_Write(QB_AUDIO_FPGA_I2C_DEV, QB_AUDIO_FPGA_I2C_ADDR, FPGA_REG_ANALOG_IN_VOLUME, &value, 1) != 0) {
     AM_LOG_ERROR("set input analog vrms:%d fpga fail", vrms);
     return 0;
   }
