@@ -31,11 +31,7 @@ constexpr const char* kCodecVolumeCmd = "/customer/bin/audio_codec -v %d";
 constexpr const char* kCodecFullScaleCmd = "/customer/bin/audio_codec -f %d";
 constexpr size_t kCodecCmdSize = 128;
 
-// Output port numbers of the commands.
-constexpr qb_u32_t kPortAnalog = QB_AUDIO_OUTPUT_ANALOG;
-constexpr qb_u32_t kPortHdmi = QB_AUDIO_OUTPUT_HDMI;
-constexpr qb_u32_t kPortSpdif = QB_AUDIO_OUTPUT_SPDIF;
-constexpr qb_u32_t kPortEarc = QB_AUDIO_OUTPUT_EARC;
+// Output port number of the DSP in the commands (ports 0-3 are QB_AUDIO_OUTPUT_*).
 constexpr qb_u32_t kPortDsp = 5;
 
 // A mute value of 1 mutes; anything else unmutes.
@@ -77,14 +73,14 @@ struct port_row_t {
 constexpr qb_u8_t kNoLatency = 0;
 
 constexpr port_row_t kPorts[] = {
-    {kPortAnalog, "analog", "analog", analog_output_mute, analog_output_unmute,
+    {QB_AUDIO_OUTPUT_ANALOG, "analog", "analog", analog_output_mute, analog_output_unmute,
      FPGA_REG_LATENCY_ANALOG, qb_audio_analog_output_src_select, ","},
-    {kPortHdmi, "hdmi", "hdmi", hdmi_output_mute, hdmi_output_unmute, FPGA_REG_LATENCY_HDMI,
-     qb_audio_hdmi_output_src_select, ","},
-    {kPortSpdif, "spdif", "spdif", spdif_output_mute, spdif_output_unmute, FPGA_REG_LATENCY_SPDIF,
-     qb_audio_spdif_output_src_select, " "},
-    {kPortEarc, "earc", "arc/earc", earc_output_mute, earc_output_unmute, FPGA_REG_LATENCY_EARC,
-     qb_audio_earc_output_src_select, " ; "},
+    {QB_AUDIO_OUTPUT_HDMI, "hdmi", "hdmi", hdmi_output_mute, hdmi_output_unmute,
+     FPGA_REG_LATENCY_HDMI, qb_audio_hdmi_output_src_select, ","},
+    {QB_AUDIO_OUTPUT_SPDIF, "spdif", "spdif", spdif_output_mute, spdif_output_unmute,
+     FPGA_REG_LATENCY_SPDIF, qb_audio_spdif_output_src_select, " "},
+    {QB_AUDIO_OUTPUT_EARC, "earc", "arc/earc", earc_output_mute, earc_output_unmute,
+     FPGA_REG_LATENCY_EARC, qb_audio_earc_output_src_select, " ; "},
     {kPortDsp, "dsp", "dsp", dsp_output_mute, dsp_output_unmute, kNoLatency, nullptr, nullptr},
 };
 
@@ -177,7 +173,7 @@ int output_mute_ctrl_set(const void* buf, int len) {
   }
   const bool mute = req.mute == kMuteOn;
   // The recorded analog mute follows the bus: it changes only once the register took the bit.
-  if ((mute ? row->mute() : row->unmute()) == 1 && req.ch == kPortAnalog) {
+  if ((mute ? row->mute() : row->unmute()) == 1 && req.ch == QB_AUDIO_OUTPUT_ANALOG) {
     set_output_analog_mute(mute ? 1 : 0);
   }
   AM_LOG_INFO("set %s output %s", row->mute_word, mute ? "mute" : "unmute");
@@ -313,7 +309,7 @@ int output_earc_enable_ctrl_set(const void* buf, int len) {
   }
   AM_LOG_INFO("%s, chn[%s][%d] enable=%d onlyArc=%d", __func__, qb_audio_output_port_name(req.ch),
               req.ch, req.enable, req.onlyArc);
-  if (req.ch != kPortEarc) {
+  if (req.ch != QB_AUDIO_OUTPUT_EARC) {
     return 1;
   }
   if (req.enable != kEarcEnableOn) {
