@@ -359,12 +359,8 @@ int macaddr_str2hex(const char* str, qb_u8_t* hex) {
   if (str == nullptr || hex == nullptr) {
     return 0;
   }
-  bool ended = false;
-  char chars[kMacTextLen] = {};
-  for (int i = 0; i < kMacTextLen; ++i) {
-    ended = ended || str[i] == '\0';
-    chars[i] = ended ? '\0' : str[i];
-  }
+  char chars[kMacTextLen + 1] = {};
+  std::strncpy(chars, str, kMacTextLen);  // nothing read past the text's end; the rest stays 0
   for (int i = 0; i < kMacBytes; ++i) {
     hex[i] = static_cast<qb_u8_t>((SwitchChar(chars[2 * i]) << 4) | SwitchChar(chars[2 * i + 1]));
   }

@@ -40,7 +40,6 @@ TEST(ChannelCodes, FrequencyRateMaskAndTypeTables) {
   EXPECT_EQ(get_audio_samplerate1(14) * 10 + get_audio_samplerate1(1), 644);  // 192 kHz; an unknown code counts as 48 kHz
   const int types[][2] = {{-1, 0}, {0, 6}, {1, 6}, {2, 2}, {3, 10}, {4, 12}, {5, 10}, {10, 10}, {11, 7}, {15, 7}, {16, 11}, {40, 11}, {41, 0}};
   for (const auto& c : types) EXPECT_EQ(get_audio_type(c[0]), c[1]) << c[0];
-  EXPECT_EQ(qb_audio_channel_state_id_switch(QB_AUDIO_CHN_NSI3) * 10 + qb_audio_channel_state_id_switch(QB_AUDIO_CHN_NSI5), 56);  // matrix sources
 }
 
 TEST_F(ChannelTable, DumpLinesStatusDumpAndPrintout) {
