@@ -86,11 +86,7 @@ local_port_info_t* qb_misc_audio_info_analog_port_get(void) { return &misc().loc
 
 local_port_info_t qb_misc_audio_info_analog_port_copy(void) {
   const local_port_info_t& from = misc().local_port.analog;
-  local_port_info_t out;
-  out.ch = misc_word_get(from.ch);
-  out.src = misc_word_get(from.src);
-  out.subid = misc_word_get(from.subid);
-  return out;
+  return {misc_word_get(from.ch), misc_word_get(from.src), misc_word_get(from.subid)};
 }
 
 void qb_misc_audio_local_port_analog_src_set(qb_u32_t src) {

@@ -106,11 +106,6 @@ void copy_text(char (&dst)[N], const char* src) {
   std::strncpy(dst, src, N - 1);
 }
 
-void clear_out_address(int sid) {
-  std::lock_guard<std::mutex> lock(qb_audio_misc_module().ipaddr_lock);
-  std::memset(qb_audio_misc_ctrl().ipaddr.*(kStreams[sid].out_ipaddr), 0, QB_NET_IPADDR_SIZE);
-}
-
 // A request's MAC text (QB_AUDIO_MAC_TEXT_SIZE characters), zero-terminated.
 struct mac_text_t {
   char text[QB_AUDIO_MAC_TEXT_SIZE + 1];
@@ -190,7 +185,7 @@ int qb_misc_net_stream_out_ipaddr_set(const qb_audio_output_stream_t* req) {
   const size_t len = std::strlen(mac.text);
   if (len == 0) {
     AM_LOG_WARN("stream ID %d vaxoMac is null", req->streamID);
-    clear_out_address(req->streamID);
+    qb_misc_net_stream_addr_set(req->streamID, true, "", nullptr);  // the address cleared
     return 1;
   }
   const long m3 = mac_piece(mac.text, len, 6);

@@ -119,7 +119,6 @@ TEST_F(CommandWalk, BridgeAndCodecRequests) {
       {"downmix hdmi", QB_AUDIO_CMD_OUTPUT_DWM_MODE, words({1, 3}), 0, {}, {}},
       {"downmix spdif", QB_AUDIO_CMD_OUTPUT_DWM_MODE, words({2, 4}), 0, {}, {}},
       {"downmix earc", QB_AUDIO_CMD_OUTPUT_DWM_MODE, words({3, 5}), 0, {}, {}},
-      {"downmix analog: none", QB_AUDIO_CMD_OUTPUT_DWM_MODE, words({0, 6}), 0, {}, {}},
       {"fallback selection", QB_AUDIO_CMD_STREAM_INPUT_FALLBACK_FORLOCAL, words({1, 0, 2}), 0, {}, {}},
   };
   for (const Row& r : rows) {
