@@ -146,13 +146,12 @@ const char* audio_type_name(qb_u8_t type) {
   return "UNKNOWN";
 }
 
-// Dump name of a channel id ("analog" ... "nsospdif", "unknown").
+}  // namespace
+
 const char* qb_audio_channel_name(int ch) {
   const channel_row_t* row = channel_row(ch);
   return row == nullptr ? "unknown" : row->name;
 }
-
-}  // namespace
 
 qb_audio_misc_module_t& qb_audio_misc_module() { return g_module; }
 
