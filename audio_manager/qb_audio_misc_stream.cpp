@@ -100,10 +100,9 @@ int map_int(const int_map_t (&table)[N], int from, int fallback) {
 // Bounded copy that never writes the last byte of the destination (it stays 0).
 template <size_t N>
 void copy_text(char (&dst)[N], const char* src) {
-  if (src == nullptr) {
-    return;
+  if (src != nullptr) {
+    std::strncpy(dst, src, N - 1);
   }
-  std::strncpy(dst, src, N - 1);
 }
 
 // A request's MAC text (QB_AUDIO_MAC_TEXT_SIZE characters), zero-terminated.
@@ -124,9 +123,7 @@ const char* source_name(const char* const (&names)[N], int src) {
 // One MAC byte from the two characters at pos of a text of length len, read as hexadecimal.
 long mac_piece(const char* mac, size_t len, size_t pos) {
   char piece[3] = {};
-  for (size_t i = 0; i < 2 && pos + i < len; ++i) {
-    piece[i] = mac[pos + i];
-  }
+  std::strncpy(piece, mac + std::min(pos, len), 2);  // stops at the text's end
   return std::strtol(piece, nullptr, 16);
 }
 
