@@ -226,10 +226,7 @@ std::string get_audio_drop_event(void) {
 }
 
 int report_audio_drop_msg(const char* text) {
-  if (text == nullptr || text[0] == '\0') {
-    return 0;
-  }
-  if (!ensure_report_socket()) {
+  if (text == nullptr || text[0] == '\0' || !ensure_report_socket()) {
     return 0;
   }
   AM_LOG_INFO("Send Msg To cmd_core port:[%d]-[%s]", QB_REPORT_PORT, text);

@@ -21,6 +21,7 @@
 #include "qb_audio_hdmi.h"
 #include "qb_audio_main.h"
 #include "qb_audio_misc.h"
+#include "qb_audio_misc_fpga.h"
 #include "qb_audio_parse.h"
 #include "qb_audio_spdif.h"
 #include "qb_audio_stream.h"
@@ -49,13 +50,12 @@ constexpr const char* kCodecStartCommand = "/customer/bin/audio_codec --start";
 
 // Routes set on boards 1 and 3: the DSP input multiplexer "I2S_Mux_DSP_DAI1" takes
 // "HDMI-RCVR-TX", then the DAC multiplexer "I2S_Mux_PCM5122" takes "DSP-DAO1".
-constexpr const char* kFpgaI2cBus = "/dev/i2c-2";
-constexpr qb_u8_t kFpgaI2cAddr = 0x48;
 struct fpga_reg_write_t {
   qb_u8_t reg;
   qb_u8_t value;
 };
-constexpr fpga_reg_write_t kDspBoardRoutes[] = {{0x17, 0x03}, {0x11, 0x08}};
+constexpr fpga_reg_write_t kDspBoardRoutes[] = {{FPGA_REG_ROUTE_DSP_IN, FPGA_SRC_HDMI_IN},
+                                                {FPGA_REG_ROUTE_ANALOG_OUT, FPGA_SRC_DSP_DAO}};
 
 // Seconds slept should the statistics loop ever return.
 constexpr unsigned kLossLoopRestartSleepS = 10000;
@@ -102,6 +102,18 @@ void* shutdown_task(void*) {
   return nullptr;
 }
 
+// Starts a detached thread: nobody waits for it, so the process may end while it runs and its
+// resources are released when it finishes. False (logged) when it cannot be created.
+bool start_detached(void* (*entry)(void*), const char* failure) {
+  pthread_t tid;
+  if (pthread_create(&tid, nullptr, entry, nullptr) != 0) {
+    AM_LOG_ERROR("%s", failure);
+    return false;
+  }
+  pthread_detach(tid);
+  return true;
+}
+
 // Creates the signal pipe and the thread that serves it. False when either fails.
 bool start_shutdown_thread(void) {
   if (pipe2(g_main.shutdown_pipe, O_CLOEXEC) != 0) {
@@ -109,26 +121,7 @@ bool start_shutdown_thread(void) {
     return false;
   }
   (void)fcntl(g_main.shutdown_pipe[1], F_SETFL, O_NONBLOCK);
-  pthread_t tid;
-  if (pthread_create(&tid, nullptr, shutdown_task, nullptr) != 0) {
-    AM_LOG_ERROR("create shutdown thread err");
-    return false;
-  }
-  pthread_detach(tid);
-  return true;
-}
-
-void install_signal_handlers(void) {
-  for (const int signo : kTerminationSignals) {
-    signal(signo, exit_main);
-  }
-}
-
-void start_codec(void) {
-  AM_LOG_INFO("exec cmd [%s]", kCodecStartCommand);
-  if (posix_system(kCodecStartCommand) < 0) {
-    AM_LOG_ERROR("exec cmd [%s] fail", kCodecStartCommand);
-  }
+  return start_detached(shutdown_task, "create shutdown thread err");
 }
 
 void set_board_routes(qb_s32_t board_id) {
@@ -136,7 +129,7 @@ void set_board_routes(qb_s32_t board_id) {
     return;
   }
   for (const fpga_reg_write_t& route : kDspBoardRoutes) {
-    (void)I2C_Device_Write(kFpgaI2cBus, kFpgaI2cAddr, route.reg, &route.value, 1);
+    (void)I2C_Device_Write(QB_AUDIO_FPGA_I2C_DEV, QB_AUDIO_FPGA_I2C_ADDR, route.reg, &route.value, 1);
   }
 }
 
@@ -156,9 +149,14 @@ int main(int argc, char* argv[]) {
 
   // Without the shutdown thread the signals keep their default action: they still end the daemon.
   if (start_shutdown_thread()) {
-    install_signal_handlers();
+    for (const int signo : kTerminationSignals) {
+      signal(signo, exit_main);
+    }
   }
-  start_codec();
+  AM_LOG_INFO("exec cmd [%s]", kCodecStartCommand);
+  if (posix_system(kCodecStartCommand) < 0) {
+    AM_LOG_ERROR("exec cmd [%s] fail", kCodecStartCommand);
+  }
   audio_unmute_all();
   set_board_routes(board_id);
   {
@@ -167,20 +165,8 @@ int main(int argc, char* argv[]) {
   }
   AM_LOG_INFO("audio manager init done");
 
-  // Nobody waits for the request threads: they are detached, so the process may end while they
-  // run and their resources are released when they finish.
-  pthread_t cmd_tid;
-  if (pthread_create(&cmd_tid, nullptr, qb_cmd_audio_task1, nullptr) != 0) {
-    AM_LOG_ERROR("create qb_cmd_audio_task1 err");
-  } else {
-    pthread_detach(cmd_tid);
-  }
-  pthread_t debug_tid;
-  if (pthread_create(&debug_tid, nullptr, qb_debug_task, nullptr) != 0) {
-    AM_LOG_ERROR("create qb_debug_audio_task err");
-  } else {
-    pthread_detach(debug_tid);
-  }
+  start_detached(qb_cmd_audio_task1, "create qb_cmd_audio_task1 err");
+  start_detached(qb_debug_task, "create qb_debug_audio_task err");
   // The init list has run and the request threads are started: the service manager may start
   // the units that wait for the daemon.
   am_notify_ready();

@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstring>
 #include <mutex>
 
 #include "am_log.h"
@@ -77,10 +76,7 @@ void name_thread(const char* fmt, int index) {
 }
 
 void copy_address(char* out, const char* address) {
-  memset(out, 0, kAddrSize);
-  if (address != nullptr) {
-    strncpy(out, address, kAddrSize - 1);
-  }
+  snprintf(out, kAddrSize, "%s", address != nullptr ? address : "");
 }
 
 // Device of capture worker 2: the S/PDIF receiver while the second network stream carries the
@@ -314,8 +310,6 @@ int qb_audio_aplay_uninit() {
   qb_audio_oper_shutdown_set(1);
   for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
     qb_audio_oper_abort(&aplay().pctrl[i]);
-  }
-  for (int i = 0; i < QB_AUDIO_APLAY_WORKERS; ++i) {
     qb_audio_oper_abort(&aplay().cctrl[i]);
   }
   if (aplay().ptids_created) {

@@ -57,13 +57,8 @@ CAudioBuf::~CAudioBuf() {
 }
 
 int CAudioBuf::get_buf_size() const {
-  if (m_s32RIdx == m_s32WIdx) {
-    return 0;
-  }
-  if (m_s32RIdx < m_s32WIdx) {
-    return m_s32WIdx - m_s32RIdx;
-  }
-  return static_cast<int>(m_s32Count) + (m_s32WIdx - m_s32RIdx);
+  const int used = m_s32WIdx - m_s32RIdx;
+  return used >= 0 ? used : static_cast<int>(m_s32Count) + used;
 }
 
 int CAudioBuf::buf_is_full() const {

@@ -20,13 +20,10 @@
 #include "qb_audio_aplay.h"
 #include "qb_audio_main.h"
 #include "qb_audio_misc.h"
+#include "qb_audio_misc_fpga.h"
 #include "qb_si5351.h"
 
 namespace {
-
-// FPGA matrix bus and device.
-constexpr const char* QB_DEBUG_FPGA_BUS = "/dev/i2c-2";
-constexpr qb_u8_t QB_DEBUG_FPGA_ADDR = 0x48;
 
 // A read of the pipe returns at most this many bytes; the buffer keeps one more for the NUL.
 constexpr size_t kRequestMax = 1024;
@@ -42,19 +39,17 @@ struct fpga_sink_t {
   qb_u8_t enable_reg;
   qb_u8_t enable_bit;
 };
-constexpr qb_u8_t FPGA_REG_ENABLE_A = 0x52;
-constexpr qb_u8_t FPGA_REG_ENABLE_B = 0x53;
 constexpr fpga_sink_t kFpgaSinks[] = {
-    {0x10, "I2S_Mux_IT6621", FPGA_REG_ENABLE_A, 7},
-    {0x11, "I2S_Mux_PCM5122", FPGA_REG_ENABLE_A, 6},
-    {0x12, "I2S_Mux_AVP_Q_I", FPGA_REG_ENABLE_A, 5},
-    {0x13, "I2S_Mux_iMX8_SAI1-RX", FPGA_REG_ENABLE_A, 4},
-    {0x14, "I2S_Mux_iMX8_SAI3-RX", FPGA_REG_ENABLE_A, 3},
-    {0x15, "I2S_Mux_iMX8_SAI5-RX", FPGA_REG_ENABLE_A, 2},
-    {0x16, "I2S_Mux_iMX8_SAI6-RX", FPGA_REG_ENABLE_A, 1},
-    {0x17, "I2S_Mux_DSP_DAI1", FPGA_REG_ENABLE_A, 0},
-    {0x18, "I2S_Mux_SPDIF", FPGA_REG_ENABLE_B, 1},
-    {0x19, "SPDIF_Mux", FPGA_REG_ENABLE_B, 0},
+    {0x10, "I2S_Mux_IT6621", FPGA_REG_OUTPUT_ENABLE, 7},
+    {0x11, "I2S_Mux_PCM5122", FPGA_REG_OUTPUT_ENABLE, 6},
+    {0x12, "I2S_Mux_AVP_Q_I", FPGA_REG_OUTPUT_ENABLE, 5},
+    {0x13, "I2S_Mux_iMX8_SAI1-RX", FPGA_REG_OUTPUT_ENABLE, 4},
+    {0x14, "I2S_Mux_iMX8_SAI3-RX", FPGA_REG_OUTPUT_ENABLE, 3},
+    {0x15, "I2S_Mux_iMX8_SAI5-RX", FPGA_REG_OUTPUT_ENABLE, 2},
+    {0x16, "I2S_Mux_iMX8_SAI6-RX", FPGA_REG_OUTPUT_ENABLE, 1},
+    {0x17, "I2S_Mux_DSP_DAI1", FPGA_REG_OUTPUT_ENABLE, 0},
+    {0x18, "I2S_Mux_SPDIF", FPGA_REG_OUTPUT_ENABLE2, 1},
+    {0x19, "SPDIF_Mux", FPGA_REG_OUTPUT_ENABLE2, 0},
 };
 
 // Source names of route register values 0-10.
@@ -62,8 +57,6 @@ constexpr const char* kFpgaSources[] = {
     "None",          "IT6620",        "PCM1804",       "HDMI-RCVR-TX",  "i.MX8-SAI1-TX", " i.MX8-SAI3-TX",
     "i.MX8-SAI5-TX", "i.MX8-SAI6-TX", "DSP-DAO1",      "SPDIF-I",       "AVP-TX",
 };
-constexpr qb_u8_t FPGA_REG_SPDIF_MUX = 0x19;
-constexpr qb_u8_t FPGA_SRC_PCM1804 = 2;
 constexpr const char* kUnknownName = "UNKONWN";
 
 // Capture-input enable registers (non-zero = sound) and their lines.
@@ -96,7 +89,7 @@ const fpga_sink_t* find_sink(qb_u8_t reg) {
 }
 
 const char* source_name(qb_u8_t reg, qb_u8_t value) {
-  if (reg == FPGA_REG_SPDIF_MUX && value == FPGA_SRC_PCM1804) {
+  if (reg == FPGA_REG_SAO5_SPDIF_SRC && value == FPGA_SRC_PCM1804) {
     return "SPDIF-I";  // on the S/PDIF multiplexer, input 2 is the S/PDIF receiver
   }
   if (value < sizeof kFpgaSources / sizeof kFpgaSources[0]) {
@@ -129,19 +122,15 @@ int read_register(int fd, const char* bus_path, qb_u8_t addr, qb_u8_t reg, qb_u8
   return ok ? 0 : -1;
 }
 
-int read_a8d8(int fd, qb_u8_t reg, qb_u8_t* out) {
-  return i2c_read_a8d8(fd, QB_DEBUG_FPGA_ADDR, reg, out);
-}
-
 void dump_route_group(FILE* file, int fd, qb_u8_t enable_reg) {
   qb_u8_t enable = 0;
-  read_a8d8(fd, enable_reg, &enable);
+  i2c_read_a8d8(fd, QB_AUDIO_FPGA_I2C_ADDR, enable_reg, &enable);
   for (const fpga_sink_t& sink : kFpgaSinks) {
     if (sink.enable_reg != enable_reg) {
       continue;
     }
     qb_u8_t value = 0;
-    if (read_a8d8(fd, sink.reg, &value) == 0) {
+    if (i2c_read_a8d8(fd, QB_AUDIO_FPGA_I2C_ADDR, sink.reg, &value) == 0) {
       dump_detail_info(file, sink.reg, value, enable);
       usleep(kRegisterPauseUs);
     }
@@ -151,7 +140,7 @@ void dump_route_group(FILE* file, int fd, qb_u8_t enable_reg) {
 void dump_capture_inputs(FILE* file, int fd) {
   qb_u8_t value = 0;  // a failed read leaves the previous register's value
   for (const fpga_input_t& input : kFpgaInputs) {
-    read_a8d8(fd, input.reg, &value);
+    i2c_read_a8d8(fd, QB_AUDIO_FPGA_I2C_ADDR, input.reg, &value);
     std::fprintf(file, input.format, value == 0 ? 1 : 0);
     if (input.pause_after) {
       usleep(kRegisterPauseUs);
@@ -197,10 +186,6 @@ void run_marker_command(const char* verb) {
   posix_system(command);
 }
 
-long kernel_tid() {
-  return static_cast<long>(syscall(SYS_gettid));
-}
-
 }  // namespace
 
 void dump_detail_info(FILE* file, qb_u8_t reg, qb_u8_t value, qb_u8_t enable) {
@@ -215,7 +200,7 @@ void dump_detail_info(FILE* file, qb_u8_t reg, qb_u8_t value, qb_u8_t enable) {
 }
 
 int i2c_read_a8d8(int fd, qb_u8_t addr, qb_u8_t reg, qb_u8_t* out) {
-  if (out == nullptr || read_register(fd, QB_DEBUG_FPGA_BUS, addr, reg, out) != 0) {
+  if (out == nullptr || read_register(fd, QB_AUDIO_FPGA_I2C_DEV, addr, reg, out) != 0) {
     AM_LOG_ERROR("Unable to send data, read a8d8 fail");
     return -1;
   }
@@ -226,15 +211,15 @@ void dump_fpga_status(FILE* file) {
   if (file == nullptr) {
     return;
   }
-  const std::string bus = am_path(QB_DEBUG_FPGA_BUS);
+  const std::string bus = am_path(QB_AUDIO_FPGA_I2C_DEV);
   const int fd = open(bus.c_str(), O_RDWR | O_CLOEXEC);
   if (fd < 0) {
     AM_LOG_ERROR("open /dev/i2c-2 err");
     return;
   }
   std::fprintf(file, "dump fpga param begin\n");
-  dump_route_group(file, fd, FPGA_REG_ENABLE_A);
-  dump_route_group(file, fd, FPGA_REG_ENABLE_B);
+  dump_route_group(file, fd, FPGA_REG_OUTPUT_ENABLE);
+  dump_route_group(file, fd, FPGA_REG_OUTPUT_ENABLE2);
   std::fprintf(file, "\n");
   dump_capture_inputs(file, fd);
   std::fprintf(file, "\n");
@@ -280,7 +265,7 @@ int handle_cmd(void) {
 
 void* qb_debug_task(void* /*arg*/) {
   prctl(PR_SET_NAME, "debug_task");
-  AM_LOG_INFO("audio debug_task id %ld !!!!", kernel_tid());
+  AM_LOG_INFO("audio debug_task id %ld !!!!", static_cast<long>(syscall(SYS_gettid)));
   while (audio_exit_get() == 0) {
     handle_cmd();
     // the pipe could not be created or opened: pause before the next attempt

@@ -68,18 +68,6 @@ int qb_board_mode_from_model(const std::string& model) {
   return QB_BOARD_MODE_UNKNOWN;
 }
 
-// Calls every non-empty fun_uninit from the last row back to the first.
-void qb_init_list_stop(const qb_init_fun_list_t* list, int count) {
-  if (list == nullptr) {
-    return;
-  }
-  for (int i = count - 1; i >= 0; --i) {
-    if (list[i].fun_uninit != nullptr) {
-      (void)list[i].fun_uninit();
-    }
-  }
-}
-
 }  // namespace
 
 qb_s32_t audio_board_id_get(void) { return g_main_ctrl.board_id.load(); }
@@ -139,6 +127,11 @@ int qb_audio_shutdown_steps(const qb_init_fun_list_t* list, int count) {
   }
   AM_LOG_INFO("Terminating Exit...\n");
   g_main_ctrl.exit.store(1);
-  qb_init_list_stop(list, count);
+  // every non-empty fun_uninit, from the last row back to the first
+  for (int i = count - 1; list != nullptr && i >= 0; --i) {
+    if (list[i].fun_uninit != nullptr) {
+      (void)list[i].fun_uninit();
+    }
+  }
   return 1;
 }

@@ -123,6 +123,16 @@ bool lookup_hz(const code_hz_t (&table)[N], int code, int* hz) {
   return false;
 }
 
+// The value of a code, or 0 (logged) for a code the table lacks.
+template <size_t N>
+int hz_or_warn(const code_hz_t (&table)[N], int ch, int code) {
+  int hz = 0;
+  if (!lookup_hz(table, code, &hz)) {
+    AM_LOG_WARN("chn:%d , samplefrequency:%d invalid", ch, code);
+  }
+  return hz;
+}
+
 qb_u8_t u8(qb_s8_t v) { return static_cast<qb_u8_t>(v); }
 
 const char* audio_type_name(qb_u8_t type) {
@@ -136,13 +146,12 @@ const char* audio_type_name(qb_u8_t type) {
   return "UNKNOWN";
 }
 
-// Dump name of a channel id ("analog" ... "nsospdif", "unknown").
+}  // namespace
+
 const char* qb_audio_channel_name(int ch) {
   const channel_row_t* row = channel_row(ch);
   return row == nullptr ? "unknown" : row->name;
 }
-
-}  // namespace
 
 qb_audio_misc_module_t& qb_audio_misc_module() { return g_module; }
 
@@ -203,14 +212,9 @@ int qb_audio_channel_state_set(int ch, const qb_audio_info* info) {
     return 0;
   }
   const qb_audio_info copy = *info;
-  int result = 1;
-  qb_audio_info* slot = slot_of(ch);
-  if (slot == nullptr) {
+  const int result = qb_audio_channel_state_store(ch, &copy);
+  if (result == 0) {
     AM_LOG_ERROR("invalid audio channel:%d", ch);
-    result = 0;
-  } else {
-    std::lock_guard<std::mutex> lock(g_module.channel_lock);
-    *slot = copy;
   }
   qb_misc_audio_status_valid_set(ch, 1);
   dump_channel_stat(ch, &copy);
@@ -347,25 +351,11 @@ int qb_audio_channel_state_id_switch(int ch) {
   return row == nullptr ? 0 : row->matrix_src;
 }
 
-int get_sample_frequency2(int ch, int code) {
-  int hz = 0;
-  if (!lookup_hz(kSampleFrequencyCodes, code, &hz)) {
-    AM_LOG_WARN("chn:%d , samplefrequency:%d invalid", ch, code);
-    return 0;
-  }
-  return hz;
-}
+int get_sample_frequency2(int ch, int code) { return hz_or_warn(kSampleFrequencyCodes, ch, code); }
 
 int get_sample_frequency(int ch, int code) {
-  if (ch != QB_AUDIO_CHN_SPDIF) {
-    return get_sample_frequency2(ch, code);
-  }
-  int hz = 0;
-  if (!lookup_hz(kSpdifReceiverCodes, code, &hz)) {
-    AM_LOG_WARN("chn:%d , samplefrequency:%d invalid", ch, code);
-    return 0;
-  }
-  return hz;
+  return ch == QB_AUDIO_CHN_SPDIF ? hz_or_warn(kSpdifReceiverCodes, ch, code)
+                                  : get_sample_frequency2(ch, code);
 }
 
 int get_audio_samplerate1(int code) {

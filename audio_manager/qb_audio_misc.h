@@ -204,6 +204,8 @@ int qb_misc_audio_get_saiid_by_sid(int sid);
 // Channel id of a stream id's network input: 0 -> 6, 1 -> 8, 2 -> 7, other -> 255.
 int qb_misc_audio_get_chn_saiid_by_sid(int sid);
 
+// Name of a channel id in dumps and logs ("analog" ... "nsospdif", "unknown").
+const char* qb_audio_channel_name(int ch);
 void dump_channel_stat(int ch, const qb_audio_info* info);
 void dump_channel_stat2file(FILE* fp, int ch, const qb_audio_info* info);
 void channel_stat_printf(const qb_audio_info* info);

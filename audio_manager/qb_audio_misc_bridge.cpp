@@ -69,10 +69,6 @@ enum chstat_kind_e : qb_u8_t { kChStatLpcm, kChStatCompressed, kChStatCompressed
 // Byte 4 of the InfoFrame: the CEA-861 channel allocation.
 constexpr int kAudDbAllocation = 3;
 
-// Matrix sources carrying the eARC output's network input: sai1 (stream 0) and sai3 (stream 2).
-constexpr qb_s32_t kEarcFromSai1 = FPGA_SRC_SAI1;
-constexpr qb_s32_t kEarcFromSai3 = FPGA_SRC_SAI3;
-constexpr int kStreamSourceNumber = QB_AUDIO_SRC_STREAM;
 constexpr int kNoFallback = -1;
 
 qb_u8_t u8(qb_s8_t v) { return static_cast<qb_u8_t>(v); }
@@ -99,10 +95,11 @@ bool sai1_needs_earc(const qb_audio_info& rec) {
          (kind == 1 && rate > 6);
 }
 
-// Moves the eARC output's network input; the route is rewritten from the configured stream.
+// Moves the eARC output's network input (sai1 for stream 0, sai3 for stream 2); the route is
+// rewritten from the configured stream.
 void earc_switch(qb_s32_t nsi, int changed_channel, const char* message) {
   misc_word_set(misc().nsi.earc, nsi);
-  qb_audio_earc_output_src_select(kStreamSourceNumber, qb_misc_audio_sid_earc_get());
+  qb_audio_earc_output_src_select(QB_AUDIO_SRC_STREAM, qb_misc_audio_sid_earc_get());
   AM_LOG_INFO("%s", message);
   qb_audio_aplay_info_change_set(changed_channel);
 }
@@ -177,8 +174,7 @@ void decide_hdmi_on_connect() {
     return;
   }
   const int sid = qb_misc_audio_sid_hdmi_get();
-  T_Edid_Audio_Info_ list;
-  std::memset(&list, 0, sizeof(list));
+  T_Edid_Audio_Info_ list{};
   if (!load_monitor_edid(&list)) {
     return;
   }
@@ -259,11 +255,11 @@ int set_it6621_status(int mode) {
   const int nsi = misc_word_get(m.nsi.earc);
   const bool has_fallback = qb_misc_audio_fallback_sid_earc_get() != kNoFallback;
   if (has_fallback && mode == kIt6621ModeEarc && previous != kIt6621ModeEarc &&
-      nsi == kEarcFromSai3) {
-    earc_switch(kEarcFromSai1, QB_AUDIO_CHN_NSI1,
+      nsi == FPGA_SRC_SAI3) {
+    earc_switch(FPGA_SRC_SAI1, QB_AUDIO_CHN_NSI1,
                 "6621 switch to earc mode, earc output switch to sai1");
   } else if (has_fallback && mode == kIt6621ModeArc && previous != kIt6621ModeArc &&
-             nsi == kEarcFromSai1) {
+             nsi == FPGA_SRC_SAI1) {
     qb_audio_info rec{};
     if (qb_audio_channel_state_copy(QB_AUDIO_CHN_NSI1, &rec) != 1) {
       AM_LOG_ERROR("get sai1 audio info fail");
@@ -271,7 +267,7 @@ int set_it6621_status(int mode) {
       AM_LOG_INFO("nsi1 chnstat[0x%02x-0x%02x-0x%02x-0x%02x-0x%02x]", u8(rec.ChStat[0]),
                   u8(rec.ChStat[1]), u8(rec.ChStat[2]), u8(rec.ChStat[3]), u8(rec.ChStat[4]));
       if (sai1_needs_earc(rec)) {
-        earc_switch(kEarcFromSai3, QB_AUDIO_CHN_NSI3, "earc switch to sai3");
+        earc_switch(FPGA_SRC_SAI3, QB_AUDIO_CHN_NSI3, "earc switch to sai3");
       }
     }
   }
@@ -296,10 +292,7 @@ int set_hdmi_monitor_status(int state) {
 
 int audio_hdmi_audio_on(void) {
   qb_audio_info rec{};
-  if (qb_audio_channel_state_copy(QB_AUDIO_CHN_VIDEO, &rec) != 1) {
-    return 0;
-  }
-  return rec.Audio_On != 0 ? 1 : 0;
+  return qb_audio_channel_state_copy(QB_AUDIO_CHN_VIDEO, &rec) == 1 && rec.Audio_On != 0 ? 1 : 0;
 }
 
 void qb_bridge_edid_wait_ms_set(int ms) { qb_audio_misc_module().edid_wait_ms.store(ms < 0 ? QB_EDID_WAIT_DEFAULT_MS : ms); }

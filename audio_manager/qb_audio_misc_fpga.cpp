@@ -142,8 +142,6 @@ int output_mute_ctrl(qb_u8_t reg, int mute) {
   return qb_audio_fpga_i2c_write(row->enable_reg, value);
 }
 
-namespace {
-
 int sink_mute_ctrl(qb_u8_t reg, int mute) {
   const sink_enable_bit_t* row = sink_enable_bit(reg);
   AM_LOG_INFO("%s output %s", row != nullptr ? row->name : "unknown",
@@ -158,22 +156,6 @@ int stream_output_mute_ctrl(int mute) {
   }
   return 1;
 }
-
-}  // namespace
-
-int analog_output_mute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_ANALOG_OUT, 1); }
-int analog_output_unmute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_ANALOG_OUT, 0); }
-int hdmi_output_mute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_HDMI_OUT, 1); }
-int hdmi_output_unmute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_HDMI_OUT, 0); }
-int spdif_output_mute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_SPDIF_OUT, 1); }
-int spdif_output_unmute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_SPDIF_OUT, 0); }
-int earc_output_mute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_EARC_OUT, 1); }
-int earc_output_unmute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_EARC_OUT, 0); }
-int dsp_output_mute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_DSP_IN, 1); }
-int dsp_output_unmute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_DSP_IN, 0); }
-
-int stream_output_mute(void) { return stream_output_mute_ctrl(1); }
-int stream_output_unmute(void) { return stream_output_mute_ctrl(0); }
 
 int input_mute_ctrl(int src, int mute) {
   for (const input_gate_t& gate : kInputGates) {

@@ -73,20 +73,22 @@ int qb_audio_fpga_ch_route_set(qb_u8_t reg, qb_u8_t src);
 
 // Clears (mute 1) or sets (mute 0) the enable bit of a sink route register. 1/0.
 int output_mute_ctrl(qb_u8_t reg, int mute);
-// The named sink mutes below are output_mute_ctrl with a log line naming the sink.
-int analog_output_mute(void);
-int analog_output_unmute(void);
-int hdmi_output_mute(void);
-int hdmi_output_unmute(void);
-int spdif_output_mute(void);
-int spdif_output_unmute(void);
-int earc_output_mute(void);
-int earc_output_unmute(void);
-int dsp_output_mute(void);
-int dsp_output_unmute(void);
+// output_mute_ctrl with a log line naming the sink; the named sink mutes below are this.
+int sink_mute_ctrl(qb_u8_t reg, int mute);
+inline int analog_output_mute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_ANALOG_OUT, 1); }
+inline int analog_output_unmute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_ANALOG_OUT, 0); }
+inline int hdmi_output_mute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_HDMI_OUT, 1); }
+inline int hdmi_output_unmute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_HDMI_OUT, 0); }
+inline int spdif_output_mute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_SPDIF_OUT, 1); }
+inline int spdif_output_unmute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_SPDIF_OUT, 0); }
+inline int earc_output_mute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_EARC_OUT, 1); }
+inline int earc_output_unmute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_EARC_OUT, 0); }
+inline int dsp_output_mute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_DSP_IN, 1); }
+inline int dsp_output_unmute(void) { return sink_mute_ctrl(FPGA_REG_ROUTE_DSP_IN, 0); }
 // The three network-output capture paths. Always 1.
-int stream_output_mute(void);
-int stream_output_unmute(void);
+int stream_output_mute_ctrl(int mute);
+inline int stream_output_mute(void) { return stream_output_mute_ctrl(1); }
+inline int stream_output_unmute(void) { return stream_output_mute_ctrl(0); }
 // Capture-input gate of an output-source number (0, 1, 3, 6, 7, 8, 9). Result of the verified
 // write, or -1 for any other number.
 int input_mute_ctrl(int src, int mute);

@@ -136,8 +136,7 @@ int qb_misc_nxp_spdif_register_map_unpdate(qb_audio_info* rec) {
   rec->bSPDIF = 1;
   rec->Audio_Type = static_cast<qb_s8_t>(non_audio ? QB_AUDIO_TYPE_NLPCM : QB_AUDIO_TYPE_LPCM);
 
-  iec60958_channel_status_mode_0 chs;
-  std::memset(&chs, 0, sizeof chs);
+  iec60958_channel_status_mode_0 chs{};
   chs.pktbyte.data[1] = non_audio ? 1 : 0;
   chs.pktbyte.data[2] = kChStat2;
   chs.info.SamplingFrequency = static_cast<qb_u8_t>(rate.chstat3) & 0x0F;
@@ -150,8 +149,7 @@ int qb_misc_nxp_spdif_register_map_unpdate(qb_audio_info* rec) {
 }
 
 int is_qb_misc_nxp_spdif_register_info_change(void) {
-  qb_audio_info now;
-  std::memset(&now, 0, sizeof now);
+  qb_audio_info now{};
   qb_misc_nxp_spdif_register_map_unpdate(&now);
   {
     std::lock_guard<std::mutex> lock(qb_audio_misc_module().channel_lock);

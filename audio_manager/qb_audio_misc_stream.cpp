@@ -61,7 +61,7 @@ constexpr stream_row_t kStreams[QB_NET_STREAM_COUNT] = {
 };
 
 // Stream ids in the order of their numbers 1, 3, 5.
-constexpr int kSidsByNumber[] = {0, 2, 1};
+constexpr int kSidsByNumber[] = {QB_NET_SID_1, QB_NET_SID_3, QB_NET_SID_5};
 
 // Sources a network output may carry.
 constexpr int kOutputSources[] = {QB_AUDIO_SRC_ANALOG, QB_AUDIO_SRC_HDMI, QB_AUDIO_SRC_SPDIF,
@@ -100,35 +100,9 @@ int map_int(const int_map_t (&table)[N], int from, int fallback) {
 // Bounded copy that never writes the last byte of the destination (it stays 0).
 template <size_t N>
 void copy_text(char (&dst)[N], const char* src) {
-  if (src == nullptr) {
-    return;
+  if (src != nullptr) {
+    std::strncpy(dst, src, N - 1);
   }
-  std::strncpy(dst, src, N - 1);
-}
-
-// The address text of stream sid copied under the lock into the stream's snapshot in the module
-// record (out: the output's, else the input's).
-char* address_snapshot(int sid, bool out) {
-  qb_audio_misc_module_t& m = qb_audio_misc_module();
-  std::lock_guard<std::mutex> lock(m.ipaddr_lock);
-  char* snap = out ? m.out_ipaddr_snapshot[sid] : m.in_ipaddr_snapshot[sid];
-  std::memcpy(snap, m.ctrl.ipaddr.*(out ? kStreams[sid].out_ipaddr : kStreams[sid].in_ipaddr),
-              QB_NET_IPADDR_SIZE);
-  return snap;
-}
-
-// Address and device id of stream sid; a null text keeps its field.
-void set_address(int sid, bool out, const char* addr, const char* dev) {
-  const stream_row_t& row = kStreams[sid];
-  std::lock_guard<std::mutex> lock(qb_audio_misc_module().ipaddr_lock);
-  net_stream_ipaddr_t& ip = qb_audio_misc_ctrl().ipaddr;
-  copy_text(ip.*(out ? row.out_ipaddr : row.in_ipaddr), addr);
-  copy_text(ip.*(out ? row.out_deviceid : row.in_deviceid), dev);
-}
-
-void clear_out_address(int sid) {
-  std::lock_guard<std::mutex> lock(qb_audio_misc_module().ipaddr_lock);
-  std::memset(qb_audio_misc_ctrl().ipaddr.*(kStreams[sid].out_ipaddr), 0, QB_NET_IPADDR_SIZE);
 }
 
 // A request's MAC text (QB_AUDIO_MAC_TEXT_SIZE characters), zero-terminated.
@@ -146,32 +120,10 @@ const char* source_name(const char* const (&names)[N], int src) {
   return (src >= 0 && src < static_cast<int>(N)) ? names[src] : "unknown";
 }
 
-void net_stream_select_set(int sid, int sel) {
-  misc_word_set(qb_audio_misc_ctrl().net_stream.*(kStreams[sid].selection), sel);
-}
-
-// The network player of input stream sid with its sound card, port and address. 1/0.
-int in_sid_start(int sid) {
-  const stream_row_t& row = kStreams[sid];
-  net_stream_ipaddr_t ip;
-  qb_misc_net_stream_ipaddr_copy(&ip);
-  return qb_audio_net_stream_in_start(row.in_channel, row.player_card, row.player_port,
-                                      ip.*(row.in_ipaddr));
-}
-
-// Network output stream sid takes the format of channel ch and restarts its capture. 1.
-int out_restart(int sid, int ch) {
-  qb_audio_channel_state_copy_chn(kStreams[sid].out_channel, ch);
-  kStreams[sid].abort_capture();
-  return 1;
-}
-
 // One MAC byte from the two characters at pos of a text of length len, read as hexadecimal.
 long mac_piece(const char* mac, size_t len, size_t pos) {
   char piece[3] = {};
-  for (size_t i = 0; i < 2 && pos + i < len; ++i) {
-    piece[i] = mac[pos + i];
-  }
+  std::strncpy(piece, mac + std::min(pos, len), 2);  // stops at the text's end
   return std::strtol(piece, nullptr, 16);
 }
 
@@ -195,6 +147,13 @@ void route_output(const char* function, int sid, int ch) {
   AM_LOG_INFO("%s ch = %d", function, ch);
   qb_audio_fpga_ch_route_set(kStreams[sid].out_route,
                              static_cast<qb_u8_t>(qb_audio_channel_state_id_switch(ch)));
+}
+
+// Route register and channel record of network output stream sid <- channel ch. 1.
+int route_and_copy(const char* function, int sid, int ch) {
+  route_output(function, sid, ch);
+  qb_audio_channel_state_copy_chn(kStreams[sid].out_channel, ch);
+  return 1;
 }
 
 // Network output 5 takes an S/PDIF-type source: the source register and all enable bits.
@@ -223,7 +182,7 @@ int qb_misc_net_stream_out_ipaddr_set(const qb_audio_output_stream_t* req) {
   const size_t len = std::strlen(mac.text);
   if (len == 0) {
     AM_LOG_WARN("stream ID %d vaxoMac is null", req->streamID);
-    clear_out_address(req->streamID);
+    qb_misc_net_stream_addr_set(req->streamID, true, "", nullptr);  // the address cleared
     return 1;
   }
   const long m3 = mac_piece(mac.text, len, 6);
@@ -234,7 +193,7 @@ int qb_misc_net_stream_out_ipaddr_set(const qb_audio_output_stream_t* req) {
                 QB_AUDIO_MCAST_OCTET2_BASE + (m3 & 0x0F), m4, m5);
   AM_LOG_INFO("%s,ptr->streamID = %d,ptr->vaxoMac =%s , stream out ipaddr %s,len = %d", __func__,
               req->streamID, mac.text, addr, static_cast<int>(len));
-  set_address(req->streamID, true, addr, mac.text);
+  qb_misc_net_stream_addr_set(req->streamID, true, addr, mac.text);
   return 1;
 }
 
@@ -253,7 +212,7 @@ int qb_audio_stream_input_from_net_set(const qb_audio_input_stream_t* req) {
   if (row == nullptr) {
     return 0;
   }
-  set_address(req->subscriptionID, false, addr, dev.text);
+  qb_misc_net_stream_addr_set(req->subscriptionID, false, addr, dev.text);
   qb_audio_aplay_info_change_set(row->in_channel);
   AM_LOG_INFO("%s,in%d ip:%s", __func__, row->number, addr);
   return 1;
@@ -272,7 +231,7 @@ int qb_audio_stream_output_to_net_set(const qb_audio_output_stream_t* req) {
   if (stream_row(req->streamID) == nullptr || !source_ok) {
     return 0;
   }
-  net_stream_select_set(req->streamID, req->source);
+  qb_net_n_stream_select_set(req->streamID, req->source);
   AM_LOG_INFO("first= %d,second = %d, third = %d", qb_net_first_stream_select_get(),
               qb_net_second_stream_select_get(), qb_net_third_stream_select_get());
   qb_audio_stream_output_src_select(req->source, req->streamID);
@@ -280,20 +239,11 @@ int qb_audio_stream_output_to_net_set(const qb_audio_output_stream_t* req) {
   return 1;
 }
 
-int qb_audio_net_stream_out1_start(int ch) {
-  route_output(__func__, 0, ch);
-  qb_audio_channel_state_copy_chn(QB_AUDIO_CHN_NSO1, ch);
-  return 1;
-}
-
-int qb_audio_net_stream_out3_start(int ch) {
-  route_output(__func__, 2, ch);
-  qb_audio_channel_state_copy_chn(QB_AUDIO_CHN_NSO3, ch);
-  return 1;
-}
+int qb_audio_net_stream_out1_start(int ch) { return route_and_copy(__func__, QB_NET_SID_1, ch); }
+int qb_audio_net_stream_out3_start(int ch) { return route_and_copy(__func__, QB_NET_SID_3, ch); }
 
 int qb_audio_net_stream_out5_start(int ch) {
-  route_output(__func__, 1, ch);
+  route_output(__func__, QB_NET_SID_5, ch);
   qb_audio_misc_main_ctrl_t& m = misc();
   if (ch == QB_AUDIO_CHN_SPDIF) {
     select_sao5_spdif_type(FPGA_SAO5_SPDIF_SRC_SPDIF);
@@ -329,8 +279,11 @@ int qb_audio_net_stream_out5_start(int ch) {
   return 1;
 }
 
-int qb_audio_net_stream_out1_restart(int ch) { return out_restart(0, ch); }
-int qb_audio_net_stream_out3_restart(int ch) { return out_restart(2, ch); }
+int qb_audio_net_stream_out_restart(int sid, int ch) {
+  qb_audio_channel_state_copy_chn(kStreams[sid].out_channel, ch);
+  kStreams[sid].abort_capture();
+  return 1;
+}
 
 int qb_audio_net_stream_in_start(int ch, int card, int port, const char* ipaddr) {
   int channels = kDefaultPlayerChannels;
@@ -354,9 +307,13 @@ int qb_audio_net_stream_in_start(int ch, int card, int port, const char* ipaddr)
   return 1;
 }
 
-int qb_audio_net_stream_in1_start(void) { return in_sid_start(0); }
-int qb_audio_net_stream_in3_start(void) { return in_sid_start(2); }
-int qb_audio_net_stream_in5_start(void) { return in_sid_start(1); }
+int qb_audio_net_stream_in_sid_start(int sid) {
+  const stream_row_t& row = kStreams[sid];
+  net_stream_ipaddr_t ip;
+  qb_misc_net_stream_ipaddr_copy(&ip);
+  return qb_audio_net_stream_in_start(row.in_channel, row.player_card, row.player_port,
+                                      ip.*(row.in_ipaddr));
+}
 
 int qb_audio_pkill_all_myaplay(void) {
   const char* command = "pkill -9 myaplay";
@@ -374,7 +331,7 @@ int qb_audio_net_stream_ipaddr_set(const void* unused) {
     return 0;
   }
   for (int sid : kSidsByNumber) {
-    set_address(sid, false, QB_AUDIO_DEFAULT_IN_IPADDR, nullptr);
+    qb_misc_net_stream_addr_set(sid, false, QB_AUDIO_DEFAULT_IN_IPADDR, nullptr);
   }
   return 1;
 }
@@ -394,12 +351,8 @@ int macaddr_str2hex(const char* str, qb_u8_t* hex) {
   if (str == nullptr || hex == nullptr) {
     return 0;
   }
-  bool ended = false;
-  char chars[kMacTextLen] = {};
-  for (int i = 0; i < kMacTextLen; ++i) {
-    ended = ended || str[i] == '\0';
-    chars[i] = ended ? '\0' : str[i];
-  }
+  char chars[kMacTextLen + 1] = {};
+  std::strncpy(chars, str, kMacTextLen);  // nothing read past the text's end; the rest stays 0
   for (int i = 0; i < kMacBytes; ++i) {
     hex[i] = static_cast<qb_u8_t>((SwitchChar(chars[2 * i]) << 4) | SwitchChar(chars[2 * i + 1]));
   }
@@ -420,12 +373,9 @@ int qb_net_n_stream_select_get(int sid) {
   const stream_row_t* row = stream_row(sid);
   return row == nullptr ? 0 : misc_word_get(misc().net_stream.*(row->selection));
 }
-int qb_net_first_stream_select_get(void) { return qb_net_n_stream_select_get(0); }
-void qb_net_first_stream_select_set(int sel) { net_stream_select_set(0, sel); }
-int qb_net_second_stream_select_get(void) { return qb_net_n_stream_select_get(1); }
-void qb_net_second_stream_select_set(int sel) { net_stream_select_set(1, sel); }
-int qb_net_third_stream_select_get(void) { return qb_net_n_stream_select_get(2); }
-void qb_net_third_stream_select_set(int sel) { net_stream_select_set(2, sel); }
+void qb_net_n_stream_select_set(int sid, int sel) {
+  misc_word_set(misc().net_stream.*(kStreams[sid].selection), sel);
+}
 int qb_msic_net_spdif_out_src_get(void) { return misc_word_get(misc().net_spdif_out_src); }
 void qb_msic_net_spdif_out_src_set(int src) { misc_word_set(misc().net_spdif_out_src, src); }
 int qb_misc_audio_streamId_get(void) { return misc_word_get(misc().streamout_streamId.streamId); }
@@ -433,32 +383,22 @@ void qb_misc_audio_streamId_set(int sid) {
   misc_word_set(misc().streamout_streamId.streamId, sid);
 }
 
-void qb_misc_net_stream_in_addr_set(int sid, const char* ipaddr, const char* deviceid) {
-  set_address(sid, false, ipaddr, deviceid);
+void qb_misc_net_stream_addr_set(int sid, bool out, const char* ipaddr, const char* deviceid) {
+  const stream_row_t& row = kStreams[sid];
+  std::lock_guard<std::mutex> lock(qb_audio_misc_module().ipaddr_lock);
+  net_stream_ipaddr_t& ip = misc().ipaddr;
+  copy_text(ip.*(out ? row.out_ipaddr : row.in_ipaddr), ipaddr);
+  copy_text(ip.*(out ? row.out_deviceid : row.in_deviceid), deviceid);
 }
 
-char* qb_misc_net_stream_out1_ipaddr_get(void) { return address_snapshot(0, true); }
-char* qb_misc_net_stream_out3_ipaddr_get(void) { return address_snapshot(2, true); }
-char* qb_misc_net_stream_out5_ipaddr_get(void) { return address_snapshot(1, true); }
-char* qb_misc_net_stream_in1_ipaddr_get(void) { return address_snapshot(0, false); }
-char* qb_misc_net_stream_in3_ipaddr_get(void) { return address_snapshot(2, false); }
-char* qb_misc_net_stream_in5_ipaddr_get(void) { return address_snapshot(1, false); }
-void qb_misc_net_stream_out1_ipaddr_set(const char* ipaddr, const char* deviceid) {
-  set_address(0, true, ipaddr, deviceid);
-}
-void qb_misc_net_stream_out5_ipaddr_set(const char* ipaddr, const char* deviceid) {
-  set_address(1, true, ipaddr, deviceid);
-}
-void qb_misc_net_stream_in1_ipaddr_set(const char* ipaddr) { set_address(0, false, ipaddr, nullptr); }
-void qb_misc_net_stream_in5_ipaddr_set(const char* ipaddr) { set_address(1, false, ipaddr, nullptr); }
-void qb_misc_net_stream_in1_ipaddr_set2(const char* ipaddr, const char* deviceid) {
-  set_address(0, false, ipaddr, deviceid);
-}
-void qb_misc_net_stream_in3_ipaddr_set2(const char* ipaddr, const char* deviceid) {
-  set_address(2, false, ipaddr, deviceid);
-}
-void qb_misc_net_stream_in5_ipaddr_set2(const char* ipaddr, const char* deviceid) {
-  set_address(1, false, ipaddr, deviceid);
+// The address text copied under the lock into the stream's snapshot in the module record.
+char* qb_misc_net_stream_ipaddr_get(int sid, bool out) {
+  qb_audio_misc_module_t& m = qb_audio_misc_module();
+  std::lock_guard<std::mutex> lock(m.ipaddr_lock);
+  char* snap = out ? m.out_ipaddr_snapshot[sid] : m.in_ipaddr_snapshot[sid];
+  std::memcpy(snap, m.ctrl.ipaddr.*(out ? kStreams[sid].out_ipaddr : kStreams[sid].in_ipaddr),
+              QB_NET_IPADDR_SIZE);
+  return snap;
 }
 
 void qb_misc_net_stream_ipaddr_copy(net_stream_ipaddr_t* out) {
@@ -469,16 +409,12 @@ void qb_misc_net_stream_ipaddr_copy(net_stream_ipaddr_t* out) {
   *out = misc().ipaddr;
 }
 
-int is_qb_net_first_stream_select_spdif(void) { return selects(0, QB_AUDIO_SRC_SPDIF); }
 int is_qb_net_second_stream_select_spdif(void) {
   return misc_word_get(misc().spdif.spdif) == 1 ? 1 : 0;
 }
-int is_qb_net_third_stream_select_spdif(void) { return selects(2, QB_AUDIO_SRC_SPDIF); }
-int is_qb_net_first_stream_select_arc(void) { return selects(0, QB_AUDIO_SRC_EARC); }
 int is_qb_net_second_stream_select_arc(void) {
-  return (selects(1, QB_AUDIO_SRC_EARC) && misc_word_get(misc().spdif.arc) == 1) ? 1 : 0;
+  return (selects(QB_NET_SID_5, QB_AUDIO_SRC_EARC) && misc_word_get(misc().spdif.arc) == 1) ? 1 : 0;
 }
-int is_qb_net_third_stream_select_arc(void) { return selects(2, QB_AUDIO_SRC_EARC); }
 int audio_hdmi_streamout(void) {
   for (int sid = 0; sid < QB_NET_STREAM_COUNT; ++sid) {
     if (selects(sid, QB_AUDIO_SRC_HDMI)) {
@@ -512,15 +448,12 @@ void dump_misc_param(FILE* fp) {
   std::fprintf(fp, "net_spdif_out_src :%d\n", misc_word_get(misc().net_spdif_out_src));
   net_stream_ipaddr_t ip;
   qb_misc_net_stream_ipaddr_copy(&ip);
-  for (int sid : kSidsByNumber) {
-    const stream_row_t& row = kStreams[sid];
-    std::fprintf(fp, "ipadd sai%d:%s deviceid:%s\n", row.number, ip.*(row.in_ipaddr),
-                 ip.*(row.in_deviceid));
-  }
-  for (int sid : kSidsByNumber) {
-    const stream_row_t& row = kStreams[sid];
-    std::fprintf(fp, "ipadd sao%d:%s deviceid:%s\n", row.number, ip.*(row.out_ipaddr),
-                 ip.*(row.out_deviceid));
+  for (const bool out : {false, true}) {  // the inputs, then the outputs
+    for (int sid : kSidsByNumber) {
+      const stream_row_t& row = kStreams[sid];
+      std::fprintf(fp, out ? "ipadd sao%d:%s deviceid:%s\n" : "ipadd sai%d:%s deviceid:%s\n", row.number,
+                   ip.*(out ? row.out_ipaddr : row.in_ipaddr), ip.*(out ? row.out_deviceid : row.in_deviceid));
+    }
   }
   const int first = misc_word_get(misc().net_stream.first);
   const int second = misc_word_get(misc().net_stream.second);

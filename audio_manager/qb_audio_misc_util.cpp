@@ -55,8 +55,7 @@ int get_mac(char* buf, size_t size) {
     AM_LOG_ERROR("socket err");
     return -1;
   }
-  struct ifreq ifr;
-  std::memset(&ifr, 0, sizeof ifr);
+  struct ifreq ifr{};
   std::strncpy(ifr.ifr_name, kMacInterface, IFNAMSIZ - 1);
   const int queried = ioctl(sock, SIOCGIFHWADDR, &ifr);
   close(sock);

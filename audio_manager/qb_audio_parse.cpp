@@ -90,10 +90,7 @@ void dispatch_inner(const tlv_box_t* inner, const qb_audio_cmd_operation_t* tabl
 // Size of the datagram waiting on the socket (0 when none or unknown).
 int pending_datagram_bytes(int fd) {
   int pending = 0;
-  if (ioctl(fd, FIONREAD, &pending) != 0) {
-    return 0;
-  }
-  return pending;
+  return ioctl(fd, FIONREAD, &pending) != 0 ? 0 : pending;
 }
 
 // A datagram larger than the receive buffer is refused by the receive function and stays queued;
@@ -129,17 +126,12 @@ void close_cmd_socket(void) {
 const qb_audio_cmd_operation_t* qb_audio_cmd_table_get(void) { return qb_audio_cmd_table; }
 
 tlv_t* is_cmd_first_type_valid(const tlv_box_t* box) {
-  if (box == nullptr) {
-    return nullptr;
-  }
-  return tlv_box_get_node(box, QB_AUDIO_MSG_TYPE_CMD);
+  return box == nullptr ? nullptr : tlv_box_get_node(box, QB_AUDIO_MSG_TYPE_CMD);
 }
 
 tlv_t* is_audio_cmd_head_valid(const tlv_box_t* box, int id) {
-  if (box == nullptr) {
-    return nullptr;
-  }
-  return tlv_box_get_mask_node(box, qb_audio_cmd_type(id, 0), QB_AUDIO_CMD_ID_MASK);
+  return box == nullptr ? nullptr
+                        : tlv_box_get_mask_node(box, qb_audio_cmd_type(id, 0), QB_AUDIO_CMD_ID_MASK);
 }
 
 void audio_recv_data_proc_table(const qb_u8_t* message, int received,

@@ -21,11 +21,7 @@
 
 namespace {
 
-// The FPGA audio matrix on its I2C bus.
-constexpr const char* kFpgaI2cBus = "/dev/i2c-2";
-constexpr qb_u8_t kFpgaI2cAddr = 0x48;
 // Enable bits of the route sinks (0x52, 0x53) and the capture-input enables (0x55..0x5B).
-constexpr qb_u8_t kFpgaRegRouteEnable = 0x52;
 constexpr qb_u8_t kFpgaUnmuteAllRegs[] = {0x52, 0x53, 0x55, 0x56, 0x57, 0x58, 0x59, 0x5A, 0x5B};
 constexpr qb_u8_t kFpgaGatesClosed = 0x00;
 constexpr qb_u8_t kFpgaGatesOpen = 0xFF;
@@ -35,11 +31,7 @@ constexpr const char* kCodecVolumeCmd = "/customer/bin/audio_codec -v %d";
 constexpr const char* kCodecFullScaleCmd = "/customer/bin/audio_codec -f %d";
 constexpr size_t kCodecCmdSize = 128;
 
-// Output port numbers of the commands.
-constexpr qb_u32_t kPortAnalog = QB_AUDIO_OUTPUT_ANALOG;
-constexpr qb_u32_t kPortHdmi = QB_AUDIO_OUTPUT_HDMI;
-constexpr qb_u32_t kPortSpdif = QB_AUDIO_OUTPUT_SPDIF;
-constexpr qb_u32_t kPortEarc = QB_AUDIO_OUTPUT_EARC;
+// Output port number of the DSP in the commands (ports 0-3 are QB_AUDIO_OUTPUT_*).
 constexpr qb_u32_t kPortDsp = 5;
 
 // A mute value of 1 mutes; anything else unmutes.
@@ -61,7 +53,7 @@ constexpr qb_u32_t kEarcEnableOn = 1;
 qb_audio_cmd_module_t g_cmd_module;
 
 void fpga_write_byte(qb_u8_t reg, qb_u8_t value) {
-  (void)I2C_Device_Write(kFpgaI2cBus, kFpgaI2cAddr, reg, &value, 1);
+  (void)I2C_Device_Write(QB_AUDIO_FPGA_I2C_DEV, QB_AUDIO_FPGA_I2C_ADDR, reg, &value, 1);
 }
 
 // One output port: its word in the log lines, its mute and unmute, its delay registers (low byte,
@@ -81,14 +73,14 @@ struct port_row_t {
 constexpr qb_u8_t kNoLatency = 0;
 
 constexpr port_row_t kPorts[] = {
-    {kPortAnalog, "analog", "analog", analog_output_mute, analog_output_unmute,
+    {QB_AUDIO_OUTPUT_ANALOG, "analog", "analog", analog_output_mute, analog_output_unmute,
      FPGA_REG_LATENCY_ANALOG, qb_audio_analog_output_src_select, ","},
-    {kPortHdmi, "hdmi", "hdmi", hdmi_output_mute, hdmi_output_unmute, FPGA_REG_LATENCY_HDMI,
-     qb_audio_hdmi_output_src_select, ","},
-    {kPortSpdif, "spdif", "spdif", spdif_output_mute, spdif_output_unmute, FPGA_REG_LATENCY_SPDIF,
-     qb_audio_spdif_output_src_select, " "},
-    {kPortEarc, "earc", "arc/earc", earc_output_mute, earc_output_unmute, FPGA_REG_LATENCY_EARC,
-     qb_audio_earc_output_src_select, " ; "},
+    {QB_AUDIO_OUTPUT_HDMI, "hdmi", "hdmi", hdmi_output_mute, hdmi_output_unmute,
+     FPGA_REG_LATENCY_HDMI, qb_audio_hdmi_output_src_select, ","},
+    {QB_AUDIO_OUTPUT_SPDIF, "spdif", "spdif", spdif_output_mute, spdif_output_unmute,
+     FPGA_REG_LATENCY_SPDIF, qb_audio_spdif_output_src_select, " "},
+    {QB_AUDIO_OUTPUT_EARC, "earc", "arc/earc", earc_output_mute, earc_output_unmute,
+     FPGA_REG_LATENCY_EARC, qb_audio_earc_output_src_select, " ; "},
     {kPortDsp, "dsp", "dsp", dsp_output_mute, dsp_output_unmute, kNoLatency, nullptr, nullptr},
 };
 
@@ -103,7 +95,7 @@ const port_row_t* port_row(qb_u32_t port) {
 
 void latency_write(const port_row_t& row, qb_u8_t reg, qb_u8_t value) {
   fpga_write_byte(reg, value);
-  AM_LOG_INFO("set fpga %s channel add:%02x reg:%02x val:%02x", row.word, kFpgaI2cAddr, reg, value);
+  AM_LOG_INFO("set fpga %s channel add:%02x reg:%02x val:%02x", row.word, QB_AUDIO_FPGA_I2C_ADDR, reg, value);
 }
 
 // Runs one codec command built from a format and a value. 1, or 0 when the shell failed.
@@ -133,16 +125,16 @@ const char* qb_audio_output_port_name(qb_u32_t ch) {
 }
 
 void audio_mute_all(void) {
-  fpga_write_byte(kFpgaRegRouteEnable, kFpgaGatesClosed);
-  AM_LOG_INFO("%s audio mute all, fpga addr:%02x, reg:%02x, value:%02x", __func__, kFpgaI2cAddr,
-              kFpgaRegRouteEnable, kFpgaGatesClosed);
+  fpga_write_byte(FPGA_REG_OUTPUT_ENABLE, kFpgaGatesClosed);
+  AM_LOG_INFO("%s audio mute all, fpga addr:%02x, reg:%02x, value:%02x", __func__, QB_AUDIO_FPGA_I2C_ADDR,
+              FPGA_REG_OUTPUT_ENABLE, kFpgaGatesClosed);
 }
 
 void audio_unmute_all(void) {
   for (const qb_u8_t reg : kFpgaUnmuteAllRegs) {
     fpga_write_byte(reg, kFpgaGatesOpen);
     AM_LOG_INFO("%s audio unmute all, fpga addr:0x%02x, reg:0x%02x, value:0x%02x", __func__,
-                kFpgaI2cAddr, reg, kFpgaGatesOpen);
+                QB_AUDIO_FPGA_I2C_ADDR, reg, kFpgaGatesOpen);
   }
 }
 
@@ -181,7 +173,7 @@ int output_mute_ctrl_set(const void* buf, int len) {
   }
   const bool mute = req.mute == kMuteOn;
   // The recorded analog mute follows the bus: it changes only once the register took the bit.
-  if ((mute ? row->mute() : row->unmute()) == 1 && req.ch == kPortAnalog) {
+  if ((mute ? row->mute() : row->unmute()) == 1 && req.ch == QB_AUDIO_OUTPUT_ANALOG) {
     set_output_analog_mute(mute ? 1 : 0);
   }
   AM_LOG_INFO("set %s output %s", row->mute_word, mute ? "mute" : "unmute");
@@ -303,7 +295,7 @@ int input_analog_volume_set(const void* buf, int len) {
     return 0;
   }
   const qb_u8_t value = req.vrms == kInputVrmsHigh ? kInputVrmsHighReg : kInputVrmsLowReg;
-  if (I2C_Device_Write(kFpgaI2cBus, kFpgaI2cAddr, FPGA_REG_ANALOG_IN_VOLUME, &value, 1) != 0) {
+  if (I2C_Device_Write(QB_AUDIO_FPGA_I2C_DEV, QB_AUDIO_FPGA_I2C_ADDR, FPGA_REG_ANALOG_IN_VOLUME, &value, 1) != 0) {
     AM_LOG_ERROR("set input analog vrms:%d fpga fail", vrms);
     return 0;
   }
@@ -317,7 +309,7 @@ int output_earc_enable_ctrl_set(const void* buf, int len) {
   }
   AM_LOG_INFO("%s, chn[%s][%d] enable=%d onlyArc=%d", __func__, qb_audio_output_port_name(req.ch),
               req.ch, req.enable, req.onlyArc);
-  if (req.ch != kPortEarc) {
+  if (req.ch != QB_AUDIO_OUTPUT_EARC) {
     return 1;
   }
   if (req.enable != kEarcEnableOn) {

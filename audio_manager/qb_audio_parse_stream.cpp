@@ -85,14 +85,6 @@ void bump_change_counter() {
   } while (!g_s32Audio_change.compare_exchange_weak(old_value, new_value));
 }
 
-// Name of a local input channel in the update log line; channels past the DSP are "spdif".
-const char* local_channel_name(int ch) {
-  constexpr const char* kNames[] = {"analog", "earc", "video", "dsp"};
-  static_assert(QB_AUDIO_CHN_ANALOG == 1 && QB_AUDIO_CHN_DSP == 4, "channels 1-4 index the names");
-  return (ch >= QB_AUDIO_CHN_ANALOG && ch <= QB_AUDIO_CHN_DSP) ? kNames[ch - QB_AUDIO_CHN_ANALOG]
-                                                              : "spdif";
-}
-
 qb_u8_t u8(qb_s8_t v) { return static_cast<qb_u8_t>(v); }
 
 // Each network output stream, indexed by stream id: its channel record, what restarts it when
@@ -212,7 +204,7 @@ int note_local_input(int ch, qb_audio_info info) {
   }
   const int sel = qb_audio_channel_state_id_switch_netstreamsel(ch);
   AM_LOG_INFO("%s, channel[%s] info update ok, ch[%d],%d,%d,%d", "audio_channel_info_note",
-              local_channel_name(ch), ch, sel, qb_net_first_stream_select_get(),
+              qb_audio_channel_name(ch), ch, sel, qb_net_first_stream_select_get(),
               qb_net_second_stream_select_get());
   restart_outputs_of(sel, ch);
   if (ch == QB_AUDIO_CHN_VIDEO) {
@@ -251,7 +243,7 @@ int input_src_mac_set(const void* buf, int len) {
   std::snprintf(group, sizeof(group), "%d.%d.%d.%d", QB_AUDIO_MCAST_OCTET1,
                 QB_AUDIO_MCAST_OCTET2_BASE | (m[3] & 0x0F), m[4], m[5]);
   for (const net_in_t& in : kNetInputs) {
-    qb_misc_net_stream_in_addr_set(in.sid, group, mac);
+    qb_misc_net_stream_addr_set(in.sid, false, group, mac);
     AM_LOG_INFO("%s,%s ip:%s", __func__, in.name, group);
   }
   for (const net_in_t& in : kNetInputs) {

@@ -122,7 +122,7 @@ int qb_audio_stream_input_select(int output, int sid, int fallback) {
     return 0;
   }
   qb_misc_audio_output_sid_set(output, sid);
-  qb_misc_audio_output_fallback_sid_set(output, fallback);
+  qb_misc_audio_fallback_sid_set(output, fallback);
   if (!sid_valid(sid)) {
     return 0;
   }

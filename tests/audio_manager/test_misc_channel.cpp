@@ -23,7 +23,6 @@ TEST_F(ChannelTable, CountRateResetAndCompare) {
   rec = make_record(12, 6, 0x80);
   qb_audio_channel_state_set(1, &rec);
   EXPECT_EQ((std::vector<int>{1, 6, 1, 176400}), (std::vector<int>{qb_audio_channel_state_validch_get(1, &n), n, qb_audio_channel_state_samplefreq_get(1, &hz), hz}));
-  EXPECT_EQ(qb_audio_channel_state_reset(-1), -1);
   ASSERT_EQ(qb_audio_channel_state_reset(1), 0);
   EXPECT_EQ(record(1).ChStat[2], 0);
   qb_audio_info a = make_record(14, 8, 0xC0), b = a;
@@ -31,9 +30,6 @@ TEST_F(ChannelTable, CountRateResetAndCompare) {
   EXPECT_EQ(cmp_aiinfo(&a, &b), 0);  // InfoFrame bytes ignored for HBR
   a.Audio_Type = b.Audio_Type = static_cast<qb_s8_t>(0x80);
   EXPECT_EQ(cmp_aiinfo(&a, &b), 1);
-  b = a, b.ChStat[4] = 2;
-  EXPECT_EQ(cmp_aiinfo(&a, &b), 1);
-  EXPECT_EQ(qb_audio_channel_state_compare(&a, &b), 1);  // content is not compared
 }
 
 TEST(ChannelCodes, FrequencyRateMaskAndTypeTables) {
@@ -42,7 +38,6 @@ TEST(ChannelCodes, FrequencyRateMaskAndTypeTables) {
   EXPECT_EQ(get_audio_samplerate1(14) * 10 + get_audio_samplerate1(1), 644);  // 192 kHz; an unknown code counts as 48 kHz
   const int types[][2] = {{-1, 0}, {0, 6}, {1, 6}, {2, 2}, {3, 10}, {4, 12}, {5, 10}, {10, 10}, {11, 7}, {15, 7}, {16, 11}, {40, 11}, {41, 0}};
   for (const auto& c : types) EXPECT_EQ(get_audio_type(c[0]), c[1]) << c[0];
-  EXPECT_EQ(qb_audio_channel_state_id_switch(QB_AUDIO_CHN_NSI3) * 10 + qb_audio_channel_state_id_switch(QB_AUDIO_CHN_NSI5), 56);  // matrix sources
 }
 
 TEST_F(ChannelTable, DumpLinesStatusDumpAndPrintout) {
