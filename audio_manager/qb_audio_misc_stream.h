@@ -79,7 +79,9 @@ void qb_misc_audio_streamId_set(int sid);
 // Address and device id of stream sid 0-2 (out: the output's, else the input's); a null text keeps
 // its field.
 void qb_misc_net_stream_addr_set(int sid, bool out, const char* ipaddr, const char* deviceid);
-// Address snapshot (see above) of stream sid 0-2.
+// Address of stream sid 0-2, copied under the lock into the stream's snapshot in the module record:
+// valid until the next call for the same stream and direction, so each is called by one thread
+// only, the worker of its stream.
 char* qb_misc_net_stream_ipaddr_get(int sid, bool out);
 inline char* qb_misc_net_stream_out1_ipaddr_get(void) { return qb_misc_net_stream_ipaddr_get(QB_NET_SID_1, true); }
 inline char* qb_misc_net_stream_out3_ipaddr_get(void) { return qb_misc_net_stream_ipaddr_get(QB_NET_SID_3, true); }

@@ -131,9 +131,10 @@ playback_rx_e playback_handle_datagram(qb_audio_oper_ctrl_t* ctrl, const qb_u8_t
     return PLAYBACK_RX_DROPPED;
   }
   const playback_change_e change = playback_head_change(&ctrl->net.audio_info_head, &head);
-  const bool refused_before =
-      ctrl->net.refused_head_valid != 0 && playback_head_change(&ctrl->net.refused_head, &head) == PLAYBACK_CHANGE_NONE;
-  if (change != PLAYBACK_CHANGE_NONE && !refused_before) {
+  // A header the handler refused before is not handed to it again (compared only on a change).
+  if (change != PLAYBACK_CHANGE_NONE &&
+      (ctrl->net.refused_head_valid == 0 ||
+       playback_head_change(&ctrl->net.refused_head, &head) != PLAYBACK_CHANGE_NONE)) {
     AM_LOG_INFO("%s", change == PLAYBACK_CHANGE_HEAD ? "New audio information head" : "New audio information frame");
     if (qb_audio_oper_new_format(ctrl, &head) != 0) {
       return PLAYBACK_RX_ABORT;
